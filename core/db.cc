@@ -1,0 +1,228 @@
+#include "core/db.h"
+
+#include <sqlite3.h>
+
+#include <charconv>
+#include <cmath>
+
+#include "core/stato.h"
+
+namespace nvr {
+
+bool nullo(const Valore& v) { return std::holds_alternative<std::monostate>(v); }
+
+std::int64_t come_intero(const Valore& v, std::int64_t altrimenti) {
+  if (auto* i = std::get_if<std::int64_t>(&v)) return *i;
+  if (auto* d = std::get_if<double>(&v)) {
+    if (std::isfinite(*d) && std::fabs(*d) < 9.2e18) return static_cast<std::int64_t>(*d);
+    return altrimenti;
+  }
+  if (auto* s = std::get_if<std::string>(&v)) {
+    std::int64_t n = 0;
+    auto [p, ec] = std::from_chars(s->data(), s->data() + s->size(), n);
+    if (ec == std::errc() && p == s->data() + s->size()) return n;
+  }
+  return altrimenti;
+}
+
+double come_reale(const Valore& v, double altrimenti) {
+  if (auto* i = std::get_if<std::int64_t>(&v)) return static_cast<double>(*i);
+  if (auto* d = std::get_if<double>(&v)) return *d;
+  if (auto* s = std::get_if<std::string>(&v)) {
+    try {
+      std::size_t letti = 0;
+      double d = std::stod(*s, &letti);
+      if (letti == s->size()) return d;
+    } catch (...) {
+    }
+  }
+  return altrimenti;
+}
+
+std::string come_testo(const Valore& v) {
+  if (auto* s = std::get_if<std::string>(&v)) return *s;
+  if (auto* i = std::get_if<std::int64_t>(&v)) return std::to_string(*i);
+  if (auto* d = std::get_if<double>(&v)) return Json(*d).dump();
+  return "";
+}
+
+bool valore_vuoto(const Valore& v) {
+  if (nullo(v)) return true;
+  if (auto* i = std::get_if<std::int64_t>(&v)) return *i == 0;
+  if (auto* d = std::get_if<double>(&v)) return *d == 0.0;
+  return std::get<std::string>(v).empty();
+}
+
+namespace {
+
+// Finalises a prepared statement on every path.
+struct Istruzione {
+  sqlite3_stmt* st;
+  ~Istruzione() { sqlite3_finalize(st); }
+};
+
+Valore colonna(sqlite3_stmt* st, int i) {
+  switch (sqlite3_column_type(st, i)) {
+    case SQLITE_INTEGER:
+      return static_cast<std::int64_t>(sqlite3_column_int64(st, i));
+    case SQLITE_FLOAT:
+      return sqlite3_column_double(st, i);
+    case SQLITE_NULL:
+      return std::monostate{};
+    default: {
+      auto* p = reinterpret_cast<const char*>(sqlite3_column_text(st, i));
+      return std::string(p ? p : "", static_cast<std::size_t>(sqlite3_column_bytes(st, i)));
+    }
+  }
+}
+
+}  // namespace
+
+Connessione::Connessione(const std::string& file) {
+  int r = sqlite3_open_v2(file.c_str(), &db_,
+                          SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
+                          nullptr);
+  if (r != SQLITE_OK) {
+    std::string msg = db_ ? sqlite3_errmsg(db_) : sqlite3_errstr(r);
+    sqlite3_close(db_);
+    db_ = nullptr;
+    throw ErroreDb(msg);
+  }
+  sqlite3_busy_timeout(db_, 15000);
+}
+
+Connessione::~Connessione() {
+  if (!db_) return;
+  if (!sqlite3_get_autocommit(db_)) sqlite3_exec(db_, "ROLLBACK", nullptr, nullptr, nullptr);
+  sqlite3_close_v2(db_);
+}
+
+void Connessione::fallisci(const std::string& dove) {
+  std::string msg = sqlite3_errmsg(db_);
+  throw ErroreDb(dove.empty() ? msg : msg + " (" + dove + ")");
+}
+
+sqlite3_stmt* Connessione::prepara(std::string_view sql, const std::vector<Valore>& parametri) {
+  sqlite3_stmt* st = nullptr;
+  if (sqlite3_prepare_v2(db_, sql.data(), static_cast<int>(sql.size()), &st, nullptr) !=
+      SQLITE_OK)
+    fallisci(std::string(sql));
+  if (static_cast<int>(parametri.size()) != sqlite3_bind_parameter_count(st)) {
+    sqlite3_finalize(st);
+    throw ErroreDb("numero di parametri errato (" + std::string(sql) + ")");
+  }
+  for (std::size_t i = 0; i < parametri.size(); ++i) {
+    int n = static_cast<int>(i + 1);
+    const Valore& v = parametri[i];
+    int r = SQLITE_OK;
+    if (auto* x = std::get_if<std::int64_t>(&v))
+      r = sqlite3_bind_int64(st, n, *x);
+    else if (auto* d = std::get_if<double>(&v))
+      r = sqlite3_bind_double(st, n, *d);
+    else if (auto* s = std::get_if<std::string>(&v))
+      r = sqlite3_bind_text(st, n, s->data(), static_cast<int>(s->size()), SQLITE_TRANSIENT);
+    else
+      r = sqlite3_bind_null(st, n);
+    if (r != SQLITE_OK) {
+      sqlite3_finalize(st);
+      fallisci("");
+    }
+  }
+  return st;
+}
+
+void Connessione::passo_scrittura(sqlite3_stmt* st) {
+  // Like a scripting driver: a writing statement outside a transaction opens one.
+  if (!sqlite3_stmt_readonly(st) && sqlite3_get_autocommit(db_)) {
+    if (sqlite3_exec(db_, "BEGIN", nullptr, nullptr, nullptr) != SQLITE_OK) fallisci("BEGIN");
+  }
+  int r;
+  while ((r = sqlite3_step(st)) == SQLITE_ROW) {
+  }
+  if (r != SQLITE_DONE) fallisci(sqlite3_sql(st));
+}
+
+void Connessione::esegui(std::string_view sql, const std::vector<Valore>& parametri) {
+  Istruzione i{prepara(sql, parametri)};
+  passo_scrittura(i.st);
+}
+
+void Connessione::esegui_molti(std::string_view sql,
+                               const std::vector<std::vector<Valore>>& lotti) {
+  for (const auto& p : lotti) esegui(sql, p);
+}
+
+std::vector<Riga> Connessione::righe(std::string_view sql, const std::vector<Valore>& parametri) {
+  std::vector<Riga> tutte;
+  scorri(sql, parametri, [&](const Riga& r) { tutte.push_back(r); });
+  return tutte;
+}
+
+void Connessione::scorri(std::string_view sql, const std::vector<Valore>& parametri,
+                         const std::function<void(const Riga&)>& f) {
+  Istruzione i{prepara(sql, parametri)};
+  int colonne = sqlite3_column_count(i.st);
+  Riga riga(static_cast<std::size_t>(colonne));
+  int r;
+  while ((r = sqlite3_step(i.st)) == SQLITE_ROW) {
+    for (int c = 0; c < colonne; ++c) riga[static_cast<std::size_t>(c)] = colonna(i.st, c);
+    f(riga);
+  }
+  if (r != SQLITE_DONE) fallisci(std::string(sql));
+}
+
+void Connessione::commit() {
+  if (sqlite3_get_autocommit(db_)) return;
+  if (sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK) fallisci("COMMIT");
+}
+
+std::int64_t Connessione::cambiate() const { return sqlite3_changes64(db_); }
+
+Connessione _db() {
+  std::shared_ptr<Host> host = host_attuale();
+  if (!host) throw ErroreDb("registratore non collegato a un'applicazione");
+  return Connessione(host->DB_FILE);
+}
+
+void _init_db() {
+  Connessione c = _db();
+  c.esegui(
+      "CREATE TABLE IF NOT EXISTS nvr_config ("
+      "id INTEGER PRIMARY KEY CHECK (id = 1), "
+      "attivo INTEGER DEFAULT 0, "
+      "cartella TEXT DEFAULT '', "
+      "destinazione TEXT DEFAULT '{}', "
+      "segmento_sec INTEGER DEFAULT 300, "
+      "giorni INTEGER DEFAULT 14, "
+      "spazio_min_gb REAL DEFAULT 2.0)");
+  c.esegui(
+      "CREATE TABLE IF NOT EXISTS nvr_camere ("
+      "cam_id INTEGER PRIMARY KEY, "
+      "attiva INTEGER DEFAULT 0, "
+      "modo TEXT DEFAULT 'sempre', "
+      "orari TEXT DEFAULT '[]', "
+      "eventi TEXT DEFAULT '[]', "
+      "post_roll INTEGER DEFAULT 30)");
+  c.esegui(
+      "CREATE TABLE IF NOT EXISTS nvr_registrazioni ("
+      "id INTEGER PRIMARY KEY AUTOINCREMENT, "
+      "cam_id INTEGER, "
+      "inizio REAL, "
+      "fine REAL, "
+      "file TEXT UNIQUE, "
+      "dimensione INTEGER DEFAULT 0, "
+      "motivo TEXT DEFAULT '')");
+  c.esegui("CREATE INDEX IF NOT EXISTS nvr_reg_cam_inizio ON nvr_registrazioni (cam_id, inizio)");
+  c.esegui(
+      "CREATE TABLE IF NOT EXISTS nvr_eventi ("
+      "id INTEGER PRIMARY KEY AUTOINCREMENT, "
+      "cam_id INTEGER, "
+      "ts REAL, "
+      "entity_id TEXT, "
+      "stato TEXT)");
+  c.esegui("CREATE INDEX IF NOT EXISTS nvr_ev_cam_ts ON nvr_eventi (cam_id, ts)");
+  c.esegui("INSERT OR IGNORE INTO nvr_config (id) VALUES (1)");
+  c.commit();
+}
+
+}  // namespace nvr

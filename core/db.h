@@ -1,0 +1,75 @@
+// SQLite access: one short-lived connection per operation, and the recorder's schema.
+//
+// A connection behaves like the usual database driver of a scripting host: a statement that
+// writes opens a transaction by itself, nothing is saved until commit(), and closing (the
+// destructor) rolls back whatever was not committed. Failures throw ErroreDb, which the caller's
+// thread boundary (engine pass, HTTP handler) turns into a log line or an error answer.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+struct sqlite3;
+struct sqlite3_stmt;
+
+namespace nvr {
+
+class ErroreDb : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+using Valore = std::variant<std::monostate, std::int64_t, double, std::string>;
+using Riga = std::vector<Valore>;
+
+// Readings of a column value that never throw.
+bool nullo(const Valore& v);
+std::int64_t come_intero(const Valore& v, std::int64_t altrimenti = 0);  // reals truncated
+double come_reale(const Valore& v, double altrimenti = 0.0);
+std::string come_testo(const Valore& v);  // null -> "", numbers in decimal
+// "Value or default": null, 0, 0.0 and "" count as empty.
+bool valore_vuoto(const Valore& v);
+
+class Connessione {
+ public:
+  // Opens `file` (created when missing) with a 15-second busy time-out: a writer that finds
+  // the database locked waits up to 15 s before failing.
+  explicit Connessione(const std::string& file);
+  ~Connessione();
+  Connessione(const Connessione&) = delete;
+  Connessione& operator=(const Connessione&) = delete;
+
+  // Runs one statement with "?" parameters; writing statements join the open transaction.
+  void esegui(std::string_view sql, const std::vector<Valore>& parametri = {});
+  // Runs the statement once per parameter list, inside one transaction.
+  void esegui_molti(std::string_view sql, const std::vector<std::vector<Valore>>& lotti);
+  // All rows of a query, columns in the order of the query.
+  std::vector<Riga> righe(std::string_view sql, const std::vector<Valore>& parametri = {});
+  // Streams the rows of a query to `f` without keeping them.
+  void scorri(std::string_view sql, const std::vector<Valore>& parametri,
+              const std::function<void(const Riga&)>& f);
+  void commit();
+  // Rows changed by the last writing statement.
+  std::int64_t cambiate() const;
+
+ private:
+  sqlite3_stmt* prepara(std::string_view sql, const std::vector<Valore>& parametri);
+  void passo_scrittura(sqlite3_stmt* st);
+  [[noreturn]] void fallisci(const std::string& dove);
+
+  sqlite3* db_ = nullptr;
+};
+
+// A new connection to the host's DB_FILE. Throws ErroreDb when the recorder is not attached.
+Connessione _db();
+
+// Creates the recorder's tables, indexes and the configuration row when missing; an existing
+// table is left exactly as it is. Throws ErroreDb on failure (the connection is closed first).
+void _init_db();
+
+}  // namespace nvr

@@ -1,0 +1,153 @@
+#include "core/db.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+#include "core/stato.h"
+#include "testing/ambiente.h"
+
+namespace nvr {
+namespace {
+
+using testing::HostDiProva;
+
+class DbTest : public ::testing::Test {
+ protected:
+  HostDiProva h;
+
+  std::vector<std::string> nomi(const std::string& tipo) {
+    std::vector<std::string> fuori;
+    Connessione c = _db();
+    for (const Riga& r : c.righe("SELECT name FROM sqlite_master WHERE type=? AND name NOT LIKE "
+                                 "'sqlite_%' ORDER BY name",
+                                 {tipo}))
+      fuori.push_back(come_testo(r[0]));
+    return fuori;
+  }
+
+  // Column name, declared type, default and primary-key flag, as SQLite reports them.
+  std::vector<std::string> colonne(const std::string& tabella) {
+    std::vector<std::string> fuori;
+    Connessione c = _db();
+    for (const Riga& r : c.righe("SELECT name, type, dflt_value, pk FROM pragma_table_info(?)",
+                                 {tabella}))
+      fuori.push_back(come_testo(r[0]) + " " + come_testo(r[1]) + " " +
+                      (nullo(r[2]) ? "-" : come_testo(r[2])) + " " + come_testo(r[3]));
+    return fuori;
+  }
+};
+
+TEST_F(DbTest, FreshDatabaseGetsSchemaAndSeedRow) {
+  _init_db();
+  EXPECT_EQ(nomi("table"), (std::vector<std::string>{"nvr_camere", "nvr_config", "nvr_eventi",
+                                                     "nvr_registrazioni", "tapo_cameras"}));
+  EXPECT_EQ(nomi("index"), (std::vector<std::string>{"nvr_ev_cam_ts", "nvr_reg_cam_inizio"}));
+
+  EXPECT_EQ(colonne("nvr_config"),
+            (std::vector<std::string>{"id INTEGER - 1", "attivo INTEGER 0 0", "cartella TEXT '' 0",
+                                      "destinazione TEXT '{}' 0", "segmento_sec INTEGER 300 0",
+                                      "giorni INTEGER 14 0", "spazio_min_gb REAL 2.0 0"}));
+  EXPECT_EQ(colonne("nvr_camere"),
+            (std::vector<std::string>{"cam_id INTEGER - 1", "attiva INTEGER 0 0",
+                                      "modo TEXT 'sempre' 0", "orari TEXT '[]' 0",
+                                      "eventi TEXT '[]' 0", "post_roll INTEGER 30 0"}));
+  EXPECT_EQ(colonne("nvr_registrazioni"),
+            (std::vector<std::string>{"id INTEGER - 1", "cam_id INTEGER - 0", "inizio REAL - 0",
+                                      "fine REAL - 0", "file TEXT - 0", "dimensione INTEGER 0 0",
+                                      "motivo TEXT '' 0"}));
+  EXPECT_EQ(colonne("nvr_eventi"),
+            (std::vector<std::string>{"id INTEGER - 1", "cam_id INTEGER - 0", "ts REAL - 0",
+                                      "entity_id TEXT - 0", "stato TEXT - 0"}));
+
+  Connessione c = _db();
+  auto righe = c.righe("SELECT * FROM nvr_config");
+  ASSERT_EQ(righe.size(), 1u);
+  EXPECT_EQ(come_intero(righe[0][0]), 1);
+  EXPECT_EQ(come_intero(righe[0][1]), 0);
+  EXPECT_EQ(come_testo(righe[0][2]), "");
+  EXPECT_EQ(come_testo(righe[0][3]), "{}");
+  EXPECT_EQ(come_intero(righe[0][4]), 300);
+  EXPECT_EQ(come_intero(righe[0][5]), 14);
+  EXPECT_DOUBLE_EQ(come_reale(righe[0][6]), 2.0);
+}
+
+TEST_F(DbTest, InitAgainChangesNothingAndLeavesExistingTablesAlone) {
+  h.sql("CREATE TABLE nvr_camere (cam_id INTEGER PRIMARY KEY, attiva INTEGER)");
+  _init_db();
+  h.sql("UPDATE nvr_config SET attivo=1, cartella='/srv/a'");
+  auto schema = [&] {
+    Connessione c = _db();
+    std::string s;
+    for (const Riga& r : c.righe("SELECT sql FROM sqlite_master ORDER BY name"))
+      s += come_testo(r[0]) + "\n";
+    for (const Riga& r : c.righe("SELECT attivo, cartella FROM nvr_config"))
+      s += come_testo(r[0]) + come_testo(r[1]);
+    return s;
+  };
+  std::string prima = schema();
+  _init_db();
+  EXPECT_EQ(schema(), prima);
+  EXPECT_EQ(colonne("nvr_camere").size(), 2u);  // no migration of an older table
+}
+
+TEST_F(DbTest, ConstraintsHold) {
+  _init_db();
+  EXPECT_THROW(h.sql("INSERT INTO nvr_config (id) VALUES (2)"), std::runtime_error);
+
+  Connessione c = _db();
+  const char* ins =
+      "INSERT OR IGNORE INTO nvr_registrazioni (cam_id, inizio, fine, file, dimensione, motivo) "
+      "VALUES (?,?,?,?,?,?)";
+  c.esegui(ins, {std::int64_t{1}, 10.0, 20.0, std::string("/a/b.mp4"), std::int64_t{5},
+                 std::string("continua")});
+  c.esegui(ins, {std::int64_t{1}, 11.0, 21.0, std::string("/a/b.mp4"), std::int64_t{6},
+                 std::string("")});
+  c.commit();
+  auto righe = c.righe("SELECT inizio, dimensione FROM nvr_registrazioni");
+  ASSERT_EQ(righe.size(), 1u);
+  EXPECT_DOUBLE_EQ(come_reale(righe[0][0]), 10.0);
+}
+
+TEST_F(DbTest, UncommittedWritesAreRolledBackAtClose) {
+  _init_db();
+  {
+    Connessione c = _db();
+    c.esegui("UPDATE nvr_config SET attivo=1");
+  }
+  Connessione c = _db();
+  EXPECT_EQ(come_intero(c.righe("SELECT attivo FROM nvr_config")[0][0]), 0);
+}
+
+TEST_F(DbTest, WriterWaitsForAnotherWriterToFinish) {
+  _init_db();
+  Connessione bloccante = _db();
+  bloccante.esegui("UPDATE nvr_config SET cartella='x'");  // holds the write lock
+  std::thread rilascia([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+    bloccante.commit();
+  });
+  auto t0 = std::chrono::steady_clock::now();
+  Connessione c = _db();
+  c.esegui("UPDATE nvr_config SET giorni=3");
+  c.commit();
+  double atteso = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+  rilascia.join();
+  EXPECT_GT(atteso, 1.0);
+  auto r = c.righe("SELECT cartella, giorni FROM nvr_config");
+  EXPECT_EQ(come_testo(r[0][0]), "x");
+  EXPECT_EQ(come_intero(r[0][1]), 3);
+}
+
+TEST_F(DbTest, ErrorsAreReportedNotSwallowed) {
+  Connessione c = _db();
+  EXPECT_THROW(c.righe("SELECT nulla FROM tabella_che_non_esiste"), ErroreDb);
+  EXPECT_THROW(c.esegui("UPDATE tapo_cameras SET name=? WHERE id=?", {std::string("x")}),
+               ErroreDb);
+  azzera_stato_per_test();
+  EXPECT_THROW(_db(), ErroreDb);  // not attached to a host
+}
+
+}  // namespace
+}  // namespace nvr

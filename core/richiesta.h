@@ -1,0 +1,49 @@
+// The values that cross between a host's web server and the recorder's handlers. No web
+// library type appears here: each host turns its own request into a Richiesta and sends the
+// Risposta back in its own way.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "core/json.h"
+
+namespace nvr {
+
+struct Richiesta {
+  std::string metodo;                          // "GET", "POST", "DELETE"
+  std::optional<std::int64_t> rid;             // the integer path parameter, when the route has one
+  std::map<std::string, std::string> query;    // query parameters, decoded; first value wins
+  Json corpo = Json::object();                 // the JSON body; an empty object when missing or bad
+  std::map<std::string, std::string> intestazioni;  // header names in lower case
+
+  // The query parameter `nome`, or "" when absent.
+  std::string parametro(const std::string& nome) const;
+};
+
+// A file to send as the answer, with byte ranges and validators handled by the host.
+struct FileDaInviare {
+  std::string percorso;
+  std::string tipo = "video/mp4";
+  bool allegato = false;       // "Content-Disposition: attachment" instead of inline
+  std::string nome_download;   // the file name offered to the browser
+};
+
+struct Risposta {
+  int status = 200;
+  Json corpo = Json::object();           // the JSON object of the body (unused for a file)
+  std::optional<FileDaInviare> file;     // when set, the body is this file
+  std::vector<std::pair<std::string, std::string>> intestazioni;  // extra headers
+};
+
+// The one place where a handler's JSON answer is built.
+Risposta _json(Json corpo, int status = 200);
+
+// The error answer of every handler: {"status": "error", "message": messaggio}.
+Risposta errore_json(const std::string& messaggio, int status);
+
+}  // namespace nvr

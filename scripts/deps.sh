@@ -1,0 +1,32 @@
+#!/usr/bin/env bash
+# Installs the Debian packages needed to build, test and run the recorder.
+# Usage: scripts/deps.sh [run|test]   (default: test, which is a superset of run)
+set -euo pipefail
+what=${1:-test}
+
+run_pkgs=(
+  build-essential cmake pkg-config
+  nlohmann-json3-dev libsqlite3-dev libhowardhinnant-date-dev tzdata
+  libcpp-httplib-dev libcli11-dev libssl-dev
+  pybind11-dev python3-dev python3-flask
+  ffmpeg util-linux procps mount sudo
+)
+test_pkgs=(
+  googletest libgtest-dev sqlite3 python3-pytest
+  python3-gi gir1.2-gst-rtsp-server-1.0 gstreamer1.0-plugins-base
+  gstreamer1.0-plugins-good gstreamer1.0-plugins-ugly
+  e2fsprogs dosfstools
+)
+
+pkgs=("${run_pkgs[@]}")
+[ "$what" = test ] && pkgs+=("${test_pkgs[@]}")
+
+missing=()
+for p in "${pkgs[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+if [ ${#missing[@]} -gt 0 ]; then
+  export DEBIAN_FRONTEND=noninteractive
+  apt-get update -q
+  apt-get install -y -q --no-install-recommends "${missing[@]}"
+fi
