@@ -53,6 +53,10 @@ void FileLog::chiudi() {
   fd_ = -1;
 }
 
+Json Spazio::come_json() const {
+  return Json{{"totale_gb", totale_gb}, {"libero_gb", libero_gb}, {"usato_pct", usato_pct}};
+}
+
 RiferimentoHost A;
 
 std::recursive_mutex _lock;

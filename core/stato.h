@@ -150,9 +150,17 @@ struct StatoSudo {
   double ts = 0.0;
   std::string err;
 };
+// Size and free space of a filesystem, as shown to users (GB of 10^9 bytes, one decimal).
+struct Spazio {
+  double totale_gb = 0.0;
+  double libero_gb = 0.0;
+  int usato_pct = 0;  // used share, rounded half to even; 0 for a zero-sized filesystem
+  Json come_json() const;  // {totale_gb, libero_gb, usato_pct}
+};
+
 struct CacheSpazio {
   std::string cartella;
-  std::optional<Json> spazio;  // the space record, absent when it could not be read
+  std::optional<Spazio> spazio;  // absent when it could not be read
   double ts = 0.0;
 };
 struct MountFallito {
