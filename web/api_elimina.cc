@@ -98,8 +98,8 @@ Risposta api_elimina_registrazioni(const Richiesta& r) {
   const Json& giorno_json = campo(corpo, "giorno");
   std::optional<std::pair<double, double>> giorno;
   if (pieno(giorno_json)) {
-    giorno = giorno_json.is_string() ? _intervallo_giorno(giorno_json.get<std::string>())
-                                     : std::nullopt;
+    giorno =
+        giorno_json.is_string() ? _intervallo_giorno(giorno_json.get<std::string>()) : std::nullopt;
     if (!giorno) return errore_json("Giorno non valido", 400);
     condizioni.push_back("inizio >= ? AND inizio < ?");
   }
@@ -164,9 +164,8 @@ Risposta api_elimina_registrazioni(const Richiesta& r) {
     c.commit();
   }
   _giro_sicuro();
-  return _json(Json{{"status", "success"},
-                    {"voci", static_cast<std::int64_t>(righe.size())},
-                    {"file", file}});
+  return _json(Json{
+      {"status", "success"}, {"voci", static_cast<std::int64_t>(righe.size())}, {"file", file}});
 }
 
 }  // namespace nvr

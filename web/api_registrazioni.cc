@@ -1,10 +1,11 @@
 #include "web/api_registrazioni.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <map>
 #include <set>
-#include <sys/stat.h>
 
 #include "archive/allineamento.h"
 #include "core/config.h"
@@ -98,8 +99,8 @@ Risposta api_registrazioni(const Richiesta& r) {
   }
   Json lista_eventi = Json::array();
   for (const Riga& e : eventi)
-    lista_eventi.push_back(Json{
-        {"ts", come_reale(e[0])}, {"entita", come_testo(e[1])}, {"stato", come_testo(e[2])}});
+    lista_eventi.push_back(
+        Json{{"ts", come_reale(e[0])}, {"entita", come_testo(e[1])}, {"stato", come_testo(e[2])}});
 
   return _json(Json{
       {"giorno", giorno},
@@ -178,17 +179,19 @@ Risposta api_archivio(const Richiesta&) {
   Zona zona = _fuso();  // asked once: the host may be slow to answer, and rows are many
   {
     Connessione c = _db();
-    c.scorri("SELECT cam_id, inizio, fine, dimensione FROM nvr_registrazioni ORDER BY cam_id, "
-             "inizio",
-             {}, [&](const Riga& riga) {
-               double inizio = come_reale(riga[1]), fine = come_reale(riga[2]);
-               double dimensione = static_cast<double>(come_intero(riga[3]));
-               Riassunto& r = riassunto_di(come_intero(riga[0]));
-               r.totale.aggiungi(dimensione, fine - inizio);
-               r.giorni[formatta(scomponi(inizio, zona), "%Y-%m-%d")].aggiungi(dimensione, fine - inizio);
-               ++righe;
-               byte_totali += dimensione;
-             });
+    c.scorri(
+        "SELECT cam_id, inizio, fine, dimensione FROM nvr_registrazioni ORDER BY cam_id, "
+        "inizio",
+        {}, [&](const Riga& riga) {
+          double inizio = come_reale(riga[1]), fine = come_reale(riga[2]);
+          double dimensione = static_cast<double>(come_intero(riga[3]));
+          Riassunto& r = riassunto_di(come_intero(riga[0]));
+          r.totale.aggiungi(dimensione, fine - inizio);
+          r.giorni[formatta(scomponi(inizio, zona), "%Y-%m-%d")].aggiungi(dimensione,
+                                                                          fine - inizio);
+          ++righe;
+          byte_totali += dimensione;
+        });
   }
   for (const Camera& cam : cams) riassunto_di(cam.id);
 

@@ -15,9 +15,9 @@ namespace nvr {
 // for a text that is not a real day.
 std::optional<std::pair<double, double>> _intervallo_giorno(const std::string& giorno);
 
-Risposta api_giorni(const Richiesta& r);          // query cam
-Risposta api_registrazioni(const Richiesta& r);   // query cam, giorno
-Risposta api_video(const Richiesta& r);           // path rid, query scarica
+Risposta api_giorni(const Richiesta& r);         // query cam
+Risposta api_registrazioni(const Richiesta& r);  // query cam, giorno
+Risposta api_video(const Richiesta& r);          // path rid, query scarica
 Risposta api_archivio(const Richiesta& r);
 
 }  // namespace nvr
