@@ -8,7 +8,6 @@
 #include <charconv>
 #include <filesystem>
 #include <mutex>
-#include <regex>
 #include <set>
 
 #include "core/db.h"
@@ -74,28 +73,6 @@ std::string percorso_reale(const std::string& p) {
   std::error_code ec;
   fs::path r = fs::weakly_canonical(p, ec);
   return ec ? fs::path(p).lexically_normal().string() : r.string();
-}
-
-// A day folder's name, "YYYY-MM-DD".
-bool nome_giorno(const std::string& n) {
-  static const std::regex GIORNO(R"(\d{4}-\d{2}-\d{2})");
-  return std::regex_match(n, GIORNO);
-}
-
-int cifre(const std::string& s, std::size_t da, std::size_t n) {
-  int v = 0;
-  std::from_chars(s.data() + da, s.data() + da + n, v);
-  return v;
-}
-
-// Local wall-clock fields of a day ("YYYY-MM-DD") and a time, if both are real.
-std::optional<std::tm> data_ora(const std::string& giorno, int ora, int minuti, int secondi) {
-  std::optional<std::tm> t = leggi_giorno(giorno);
-  if (!t || ora > 23 || minuti > 59 || secondi > 59) return std::nullopt;
-  t->tm_hour = ora;
-  t->tm_min = minuti;
-  t->tm_sec = secondi;
-  return t;
 }
 
 // ---- _non_spostabili and the other shared tables: read and changed under _lock only ----
@@ -269,7 +246,7 @@ void scansione_profonda(Lavoro& w, const std::string& radice, bool legacy) {
   std::optional<std::vector<std::string>> voci = elenco(radice);
   Zona zona = _fuso();
   for (const std::string& giorno : voci.value_or(std::vector<std::string>{})) {
-    if (!nome_giorno(giorno)) continue;
+    if (!_nome_giorno(giorno)) continue;
     std::string cartella = unisci(radice, giorno);
     std::optional<std::vector<std::string>> nomi = elenco(cartella);
     if (!nomi) continue;
@@ -325,18 +302,19 @@ void indicizza_camera(const Config& cfg, const std::vector<Camera>& cams, const 
 
 // Cameras that left the host but whose old-layout folders are still in the archive.
 void adotta_orfane(const Config& cfg, std::vector<Camera>& cams) {
-  static const std::regex ORFANA(R"(cam_(\d+))");
   std::set<CamId> ids;
   for (const Camera& c : cams) ids.insert(c.id);
   std::optional<std::vector<std::string>> voci = elenco(cfg.cartella);
   if (!voci) return;
   for (const std::string& nome : *voci) {
-    std::smatch m;
-    if (!std::regex_match(nome, m, ORFANA)) continue;
+    auto cifra = [](char c) { return c >= '0' && c <= '9'; };
+    if (!nome.starts_with("cam_") || nome.size() == 4 ||
+        !std::all_of(nome.begin() + 4, nome.end(), cifra))
+      continue;
     CamId id = 0;
-    const std::string numero = m[1].str();
-    auto [fine, ec] = std::from_chars(numero.data(), numero.data() + numero.size(), id);
-    if (ec != std::errc() || ids.count(id) || !e_cartella(unisci(cfg.cartella, nome))) continue;
+    auto letto = std::from_chars(nome.data() + 4, nome.data() + nome.size(), id);
+    if (letto.ec != std::errc() || ids.count(id) || !e_cartella(unisci(cfg.cartella, nome)))
+      continue;
     Camera orfana;
     orfana.id = id;
     orfana.attiva = false;
@@ -386,26 +364,6 @@ void _scrivi_indice(std::vector<RigaIndice>& nuovi,
   }
   nuovi.clear();
   rename.clear();
-}
-
-std::optional<double> _inizio_in_corso(const std::string& nome) {
-  static const std::regex NOME(R"((\d{8})_(\d{6})\.mp4)");
-  if (!std::regex_match(nome, NOME)) return std::nullopt;
-  std::string giorno = nome.substr(0, 4) + "-" + nome.substr(4, 2) + "-" + nome.substr(6, 2);
-  std::optional<std::tm> t =
-      data_ora(giorno, cifre(nome, 9, 2), cifre(nome, 11, 2), cifre(nome, 13, 2));
-  if (!t) return std::nullopt;
-  return epoch_di(*t, nullptr);
-}
-
-std::optional<double> _inizio_archiviato(const std::string& giorno, const std::string& nome,
-                                         Zona z) {
-  static const std::regex NOME(R"((\d{2})-(\d{2})-(\d{2})(?:_\d+)?\.mp4)");
-  if (!nome_giorno(giorno) || !std::regex_match(nome, NOME)) return std::nullopt;
-  std::optional<std::tm> t =
-      data_ora(giorno, cifre(nome, 0, 2), cifre(nome, 3, 2), cifre(nome, 6, 2));
-  if (!t) return std::nullopt;
-  return epoch_di(*t, z);
 }
 
 }  // namespace nvr

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -51,6 +52,9 @@ void _scrivi_indice(std::vector<RigaIndice>& nuovi,
 // Whether the file is a finished MP4: "moov" within its first 64 KiB or its last 4 MiB. Any
 // error (missing, unreadable, a folder) answers false. Reads at most 64 KiB + 4 MiB.
 bool _mp4_completo(const std::string& p);
+
+// Whether `n` is a day folder's name: "YYYY-MM-DD" in digits (the date itself is not checked).
+bool _nome_giorno(std::string_view n);
 
 // Start of an in-progress segment named "YYYYmmdd_HHMMSS.mp4", read as the machine's local
 // wall-clock time; absent for any other name or a date-time that does not exist in the calendar.

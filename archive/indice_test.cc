@@ -241,6 +241,8 @@ TEST_F(IndiceTest, OrphanCameraFolderIsAdopted) {
   testing::scrivi_file(radice / "cam_8", "not a folder");
   fs::create_directories(radice / "cam_x");
   fs::create_directories(radice / "cam_07");  // the same camera 7 once more
+  fs::create_directories(radice / "cam_-8");
+  fs::create_directories(radice / "cam_");
   fs::create_directories(radice / "cam_1");  // camera 1 is configured
   _indicizza(cfg, cams, true);
 
