@@ -1,0 +1,47 @@
+// A real RTSP camera for end-to-end tests: runs testing/camera_rtsp.py
+// (GStreamer RTSP server, live H.264 test pattern) as a child process.
+#pragma once
+
+#include <sys/types.h>
+
+#include <memory>
+#include <string>
+
+namespace nvr::testing {
+
+class CameraRtsp {
+ public:
+  // Starts the camera on a free loopback port; waits up to `attesa` seconds for its ready line.
+  // Returns nullptr (with the reason in `motivo`) when python3-gi/GStreamer are missing
+  // or the camera does not come up, so the caller can GTEST_SKIP() with that reason.
+  static std::unique_ptr<CameraRtsp> avvia(std::string* motivo, double attesa = 15.0);
+
+  ~CameraRtsp();  // SIGTERM, up to 5 s, then SIGKILL; always reaped
+  CameraRtsp(const CameraRtsp&) = delete;
+  CameraRtsp& operator=(const CameraRtsp&) = delete;
+
+  const std::string& url() const { return url_; }  // rtsp://127.0.0.1:PORT/cam
+  int porta() const { return porta_; }
+  pid_t pid() const { return pid_; }
+
+  // Freeze/thaw the whole server (SIGSTOP/SIGCONT): connections stay open but
+  // no data flows, which is how a hung camera looks to the recorder.
+  void sospendi();
+  void riprendi();
+  void ferma();  // stops it now; idempotent
+
+ private:
+  CameraRtsp() = default;
+
+  pid_t pid_ = -1;
+  int porta_ = 0;
+  int pipe_uscita_ = -1;  // read end of the child's stdout, held open while it runs
+  bool sospesa_ = false;
+  std::string url_;
+  std::string log_errori_;  // the child's stderr
+};
+
+// A TCP port on 127.0.0.1 that was free a moment ago (bind to 0, read back, close); -1 on error.
+int porta_libera();
+
+}  // namespace nvr::testing
