@@ -221,5 +221,35 @@ TEST_F(UsbRootTest, ListShowsEachDriveWithItsSpaceWhenMounted) {
   EXPECT_EQ(elenco[1].come_json()["spazio"], Json());
 }
 
+TEST(VolumiRootTest, ListsTheMountedVolumesButTheMacsOwnDisk) {
+  if (!_sono_root()) GTEST_SKIP() << "serve l'utente root (mount di tmpfs)";
+  CartellaTemporanea volumi;
+  for (const char* nome : {"USBKEY", "Macintosh HD", "Vuota"}) fs::create_directory(volumi / nome);
+  ASSERT_EQ(::mount("tmpfs", (volumi / "USBKEY").c_str(), "tmpfs", 0, "size=300m"), 0);
+  ASSERT_EQ(::mount("tmpfs", (volumi / "Macintosh HD").c_str(), "tmpfs", 0, "size=1m"), 0);
+
+  std::vector<Unita> misurati = _unita_volumi(volumi.percorso(), true);
+  std::vector<Unita> contati = _unita_volumi(volumi.percorso(), false);
+  ::umount2((volumi / "USBKEY").c_str(), MNT_DETACH);
+  ::umount2((volumi / "Macintosh HD").c_str(), MNT_DETACH);
+
+  ASSERT_EQ(misurati.size(), 1u);
+  EXPECT_EQ(misurati[0].come_json(), (Json{{"dev", volumi / "USBKEY"},
+                                           {"nome", "USBKEY"},
+                                           {"etichetta", "USBKEY"},
+                                           {"uuid", ""},
+                                           {"partuuid", ""},
+                                           {"fs", ""},
+                                           {"dimensione_gb", 0.3},
+                                           {"montata", true},
+                                           {"mountpoint", volumi / "USBKEY"},
+                                           {"modello", "Volume"},
+                                           {"sistema", false},
+                                           {"spazio", nullptr}}));
+  ASSERT_EQ(contati.size(), 1u);
+  EXPECT_EQ(contati[0].dimensione_gb, 0.0);
+  EXPECT_TRUE(_unita_volumi(volumi / "manca", true).empty());
+}
+
 }  // namespace
 }  // namespace nvr
