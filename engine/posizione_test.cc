@@ -1,0 +1,294 @@
+#include "engine/posizione.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <mutex>
+#include <optional>
+
+#include "core/stato.h"
+#include "core/tempo.h"
+#include "testing/ambiente.h"
+
+namespace nvr {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::CartellaTemporanea;
+using testing::HostDiProva;
+using testing::leggi_file;
+using testing::scrivi_file;
+
+Camera camera(CamId id, const std::string& nome) {
+  Camera c;
+  c.id = id;
+  c.nome = nome;
+  return c;
+}
+
+std::tm ore(int anno, int mese, int giorno, int h, int m, int s) {
+  std::tm t{};
+  t.tm_year = anno - 1900;
+  t.tm_mon = mese - 1;
+  t.tm_mday = giorno;
+  t.tm_hour = h;
+  t.tm_min = m;
+  t.tm_sec = s;
+  return t;
+}
+
+class PosizioneTest : public ::testing::Test {
+ protected:
+  void SetUp() override { h.imposta_zona("Europe/Rome"); }
+
+  // 2024-05-01 23:59:58.9 in Rome (21:59:58.9 UTC): the last seconds of the day.
+  double quasi_mezzanotte() {
+    return epoch_di(ore(2024, 5, 1, 23, 59, 58), zona_di("Europe/Rome")) + 0.9;
+  }
+
+  HostDiProva h;
+  CartellaTemporanea radice;
+};
+
+TEST_F(PosizioneTest, CameraFolderNames) {
+  const std::vector<Camera> cams = {
+      camera(3, "Garage"), camera(7, "garage"),   camera(8, "Porta d'ingresso"),
+      camera(9, ""),       camera(10, "///"),     camera(11, "unita"),
+      camera(12, "  "),    camera(13, "Cucina!"), camera(14, "Cucina")};
+  struct Caso {
+    Camera cam;
+    std::vector<Camera> cams;
+    std::string atteso;
+  };
+  const Caso casi[] = {
+      {cams[0], cams, "Garage_3"},
+      {cams[1], cams, "garage_7"},
+      {cams[0], {cams[0], cams[2]}, "Garage"},
+      {cams[0], {}, "Garage"},
+      {cams[2], cams, "Porta_d_ingresso"},
+      // Nothing usable in the name: the id keeps the cameras apart, no clash suffix added.
+      {cams[3], cams, "telecamera_9"},
+      {cams[4], cams, "telecamera_10"},
+      {cams[5], cams, "telecamera_11"},
+      {cams[6], cams, "telecamera_12"},
+      // Different display names, same safe name.
+      {cams[7], cams, "Cucina_13"},
+      {cams[8], cams, "Cucina_14"},
+      // Only another id counts as a clash, not the camera's own older record.
+      {camera(3, "Garage"), {camera(3, "garage")}, "Garage"},
+  };
+  for (const Caso& c : casi) {
+    SCOPED_TRACE(c.cam.nome + " #" + std::to_string(c.cam.id));
+    EXPECT_EQ(_nome_cartella_cam(c.cam, c.cams), c.atteso);
+  }
+
+  Config cfg;
+  cfg.cartella = "/srv/nvr/";
+  EXPECT_EQ(_cartella_camera(cfg, cams[0], cams), "/srv/nvr/Garage_3");
+  cfg.cartella = "/srv/nvr";
+  EXPECT_EQ(_cartella_in_corso(cfg, cams[2], cams), "/srv/nvr/Porta_d_ingresso/in_corso");
+}
+
+TEST_F(PosizioneTest, DayAndTimeFollowTheHostZone) {
+  const double ts = quasi_mezzanotte();
+  EXPECT_EQ(_giorno_di(ts), std::make_pair(std::string("2024-05-01"), std::string("23-59-58")));
+  h.imposta_zona("Asia/Tokyo");
+  EXPECT_EQ(_giorno_di(ts), std::make_pair(std::string("2024-05-02"), std::string("06-59-58")));
+
+  // Without a host zone the machine's own local time applies.
+  h.imposta_zona(std::nullopt);
+  const char* prima = std::getenv("TZ");
+  std::string salvato = prima ? prima : "";
+  ::setenv("TZ", "America/New_York", 1);
+  ::tzset();
+  auto locale = _giorno_di(ts);
+  if (prima)
+    ::setenv("TZ", salvato.c_str(), 1);
+  else
+    ::unsetenv("TZ");
+  ::tzset();
+  EXPECT_EQ(locale, std::make_pair(std::string("2024-05-01"), std::string("17-59-58")));
+}
+
+TEST_F(PosizioneTest, SegmentIsMovedIntoTheDayOfItsStart) {
+  const std::string cam = radice / "Garage";
+  const std::string sorgente = cam + "/in_corso/20240501_235958.mp4";
+  scrivi_file(sorgente, "fine giornata");
+  ::testing::internal::CaptureStdout();
+  // Moved well after midnight; the start time alone chooses the day.
+  auto dove = _sposta_spezzone(sorgente, cam, quasi_mezzanotte());
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+  ASSERT_TRUE(dove);
+  EXPECT_EQ(*dove, cam + "/2024-05-01/23-59-58.mp4");
+  EXPECT_EQ(leggi_file(*dove), "fine giornata");
+  EXPECT_FALSE(fs::exists(sorgente));
+}
+
+TEST_F(PosizioneTest, SegmentsOfTheSameSecondGetNumberedNames) {
+  const std::string cam = radice / "Garage";
+  const double inizio = epoch_di(ore(2024, 5, 1, 12, 0, 0), zona_di("Europe/Rome"));
+  const char* attesi[] = {"12-00-00.mp4", "12-00-00_1.mp4", "12-00-00_2.mp4"};
+  for (int i = 0; i < 3; ++i) {
+    std::string sorgente = cam + "/in_corso/seg" + std::to_string(i) + ".mp4";
+    scrivi_file(sorgente, std::to_string(i));
+    EXPECT_EQ(_destinazione_spezzone(cam, inizio), cam + "/2024-05-01/" + attesi[i]);
+    auto dove = _sposta_spezzone(sorgente, cam, inizio);
+    ASSERT_TRUE(dove);
+    EXPECT_EQ(*dove, cam + "/2024-05-01/" + attesi[i]);
+  }
+  for (int i = 0; i < 3; ++i)
+    EXPECT_EQ(leggi_file(cam + "/2024-05-01/" + attesi[i]), std::to_string(i));  // none overwritten
+
+  // A folder standing at a name takes it as much as a file does.
+  fs::create_directories(cam + "/2024-05-01/12-00-00_3.mp4");
+  EXPECT_EQ(_destinazione_spezzone(cam, inizio), cam + "/2024-05-01/12-00-00_4.mp4");
+}
+
+TEST_F(PosizioneTest, UnmovableSegmentStaysAndIsReportedOnce) {
+  const std::string cam = radice / "Garage";
+  const std::string sorgente = cam + "/in_corso/20240501_235958.mp4";
+  scrivi_file(sorgente, "x");
+  scrivi_file(cam + "/2024-05-01", "un file dove andrebbe la cartella del giorno");
+
+  ::testing::internal::CaptureStdout();
+  auto dove = _sposta_spezzone(sorgente, cam, quasi_mezzanotte());
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+            "[NVR] spezzone 20240501_235958.mp4 non spostato in " + cam +
+                "/2024-05-01: Not a directory (resta dov'e', in elenco lo stesso)\n");
+  EXPECT_EQ(dove, sorgente);
+  EXPECT_EQ(leggi_file(sorgente), "x");
+
+  // The index remembers the stuck file; the next attempt fails the same way in silence.
+  {
+    std::lock_guard l(_lock);
+    _non_spostabili.insert(sorgente);
+  }
+  ::testing::internal::CaptureStdout();
+  EXPECT_EQ(_sposta_spezzone(sorgente, cam, quasi_mezzanotte()), sorgente);
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+}
+
+TEST_F(PosizioneTest, VanishedSegmentIsReportedAsGone) {
+  const std::string cam = radice / "Garage";
+  ::testing::internal::CaptureStdout();
+  EXPECT_EQ(_sposta_spezzone(cam + "/in_corso/20240501_120000.mp4", cam, quasi_mezzanotte()),
+            std::nullopt);
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+}
+
+TEST_F(PosizioneTest, ArchiveGoneFromUnderTheMoveKeepsTheSegment) {
+  // The archive is given relative to a working folder that no longer exists, so creating the
+  // day folder really fails with "not found" while the segment itself is still there.
+  const std::string sorgente = radice / "in_corso/20240501_120000.mp4";
+  scrivi_file(sorgente, "x");
+  const fs::path prima = fs::current_path();
+  std::optional<CartellaTemporanea> sparita(std::in_place);
+  fs::current_path(sparita->percorso());
+  sparita.reset();
+
+  ::testing::internal::CaptureStdout();
+  auto dove = _sposta_spezzone(sorgente, "Garage", quasi_mezzanotte());
+  std::string uscita = ::testing::internal::GetCapturedStdout();
+  fs::current_path(prima);
+  EXPECT_EQ(dove, sorgente);
+  EXPECT_EQ(uscita, "");  // not worth a message: the next pass tries again
+  EXPECT_TRUE(fs::exists(sorgente));
+}
+
+TEST_F(PosizioneTest, EmptyFoldersAreTidiedUpToTheRoot) {
+  struct Caso {
+    const char* nome;
+    std::vector<std::string> cartelle;  // created under the temporary folder
+    std::vector<std::pair<std::string, std::string>> collegamenti;  // link -> target
+    std::string percorso, radice;
+    std::vector<std::string> restano, spariscono;
+  };
+  const Caso casi[] = {
+      {"day and camera folder go, the root stays",
+       {"arch/Garage/2024-05-01"},
+       {},
+       "arch/Garage/2024-05-01/12-00-00.mp4",
+       "arch",
+       {"arch"},
+       {"arch/Garage"}},
+      {"the camera folder keeps its in_corso",
+       {"arch/Garage/2024-05-01", "arch/Garage/in_corso"},
+       {},
+       "arch/Garage/2024-05-01/12-00-00.mp4",
+       "arch",
+       {"arch/Garage/in_corso"},
+       {"arch/Garage/2024-05-01"}},
+      {"an emptied in_corso is never removed",
+       {"arch/Garage/in_corso"},
+       {},
+       "arch/Garage/in_corso/20240501_120000.mp4",
+       "arch",
+       {"arch/Garage/in_corso"},
+       {}},
+      {"a day folder with other files stays",
+       {"arch/Garage/2024-05-01/altro"},
+       {},
+       "arch/Garage/2024-05-01/12-00-00.mp4",
+       "arch",
+       {"arch/Garage/2024-05-01"},
+       {}},
+      {"a file right in the root", {"arch"}, {}, "arch/12-00-00.mp4", "arch", {"arch"}, {}},
+      {"nothing outside the root",
+       {"arch", "fuori/Garage/2024-05-01"},
+       {},
+       "fuori/Garage/2024-05-01/12-00-00.mp4",
+       "arch",
+       {"fuori/Garage/2024-05-01"},
+       {}},
+      {"a sibling whose name starts like the root is outside",
+       {"arch", "arch2/Garage/2024-05-01"},
+       {},
+       "arch2/Garage/2024-05-01/12-00-00.mp4",
+       "arch",
+       {"arch2/Garage/2024-05-01"},
+       {}},
+      {"root given through a symbolic link",
+       {"dischi/arch/Garage/2024-05-01"},
+       {{"arch", "dischi/arch"}},
+       "dischi/arch/Garage/2024-05-01/12-00-00.mp4",
+       "arch",
+       {"dischi/arch"},
+       {"dischi/arch/Garage"}},
+      {"file given through a symbolic link",
+       {"arch/Garage/2024-05-01"},
+       {{"scorciatoia", "arch/Garage"}},
+       "scorciatoia/2024-05-01/12-00-00.mp4",
+       "arch",
+       {"arch"},
+       {"arch/Garage"}},
+      {"a camera folder linked to elsewhere is outside",
+       {"arch", "altrove/2024-05-01"},
+       {{"arch/Garage", "altrove"}},
+       "arch/Garage/2024-05-01/12-00-00.mp4",
+       "arch",
+       {"altrove/2024-05-01"},
+       {}},
+      {"a root that does not exist",
+       {"Garage/2024-05-01"},
+       {},
+       "Garage/2024-05-01/12-00-00.mp4",
+       "manca",
+       {"Garage/2024-05-01"},
+       {}},
+  };
+  for (const Caso& c : casi) {
+    SCOPED_TRACE(c.nome);
+    CartellaTemporanea t;
+    for (const auto& d : c.cartelle) fs::create_directories(t / d);
+    for (const auto& [link, verso] : c.collegamenti)
+      fs::create_directory_symlink(t / verso, t / link);
+    _togli_cartelle_vuote(t / c.percorso, t / c.radice);
+    for (const auto& d : c.restano) EXPECT_TRUE(fs::is_directory(t / d)) << d;
+    for (const auto& d : c.spariscono) EXPECT_FALSE(fs::exists(t / d)) << d;
+  }
+}
+
+}  // namespace
+}  // namespace nvr

@@ -1,0 +1,133 @@
+#include "engine/registratori.h"
+
+#include <fcntl.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <cctype>
+
+#include "core/log.h"
+#include "core/tempo.h"
+#include "engine/posizione.h"
+#include "storage/cartelle_fs.h"
+
+namespace nvr {
+
+namespace {
+
+// Long enough for ffmpeg to close the segment it is writing and write its index.
+constexpr double kAttesaSigint = 20.0;
+
+std::string minuscolo(std::string s) {
+  std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return std::tolower(c); });
+  return s;
+}
+
+}  // namespace
+
+std::pair<bool, std::string> _avvia(const Config& cfg, const Camera& cam, const std::string& motivo,
+                                    const std::vector<Camera>& cams) {
+  std::string cart = _cartella_in_corso(cfg, cam, cams);
+  auto [fatta, err] = _mkdir(cart);
+  if (!fatta || !_intesta(cart))
+    return {false, "Cartella " + cart + " non scrivibile: " + (err.empty() ? "permessi" : err)};
+  std::string url = minuscolo(cam.url);
+  if (!url.starts_with("rtsp://") && !url.starts_with("rtsps://") && !url.starts_with("http://") &&
+      !url.starts_with("https://"))
+    return {false, "Indirizzo del flusso non valido"};
+
+  int segmento = cfg.segmento_sec != 0 ? cfg.segmento_sec : 300;
+  // Only an RTSP stream needs the version (for the name of its time-out option).
+  int major = url.starts_with("rtsp") ? _ffmpeg_major() : 5;
+  Avvio avvio;
+  avvio.argomenti = argomenti_ffmpeg(cam.url, segmento, cart, major);
+
+  // A recorder without a log still records; the log only explains a failure.
+  std::shared_ptr<FileLog> log;
+  int fd = ::open(_log_ffmpeg(cam.id).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (fd >= 0) log = std::make_shared<FileLog>(fd);
+  avvio.fd_stderr = log ? log->fd() : -1;
+
+  auto proc = avvia_processo(avvio);
+  if (!proc) {
+    if (log) log->chiudi();
+    return {false, "ffmpeg non parte: " + proc.errore().messaggio};
+  }
+
+  Registratore r;
+  r.proc = std::move(proc).valore();
+  r.log = std::move(log);
+  r.da = _ora();
+  r.motivo = motivo;
+  r.cartella = cart;
+  r.segmento = segmento;
+  {
+    std::lock_guard l(_lock);
+    auto vecchio = _processi.find(cam.id);
+    r.errori = vecchio != _processi.end() ? vecchio->second.errori : 0;
+    _processi[cam.id] = std::move(r);
+  }
+  _log(cam.nome + ": registrazione avviata (" + motivo + ")");
+  return {true, ""};
+}
+
+void _ferma(CamId cid, const std::string& perche) {
+  Registratore p;
+  {
+    std::lock_guard l(_lock);
+    auto it = _processi.find(cid);
+    if (it == _processi.end()) return;
+    p = std::move(it->second);
+    _processi.erase(it);
+  }
+  if (p.proc && !p.proc->terminato()) {
+    // The recorder leads its own process group: whatever it started goes with it.
+    p.proc->segnala_gruppo(SIGINT);
+    if (!p.proc->attendi(kAttesaSigint)) p.proc->segnala_gruppo(SIGKILL);
+    // Not waited for further (a process stuck on a dead share may not die at once): the
+    // Processo reaps it in the background once the last copy of the record is gone.
+  }
+  _chiudi_log(p);
+  _log("registrazione telecamera " + std::to_string(cid) + " fermata (" +
+       (perche.empty() ? "fine" : perche) + ")");
+}
+
+void _ferma_tutto(const std::string& perche) {
+  std::vector<CamId> ids;
+  {
+    std::lock_guard l(_lock);
+    for (const auto& [cid, p] : _processi) ids.push_back(cid);
+  }
+  for (CamId cid : ids) _ferma(cid, perche);
+}
+
+void _chiudi_log(const Registratore& p) {
+  if (p.log) p.log->chiudi();
+}
+
+void _controlla_processi() {
+  std::vector<std::pair<CamId, Registratore>> copia;
+  {
+    std::lock_guard l(_lock);
+    copia.assign(_processi.begin(), _processi.end());
+  }
+  for (auto& [cid, p] : copia) {
+    if (!p.proc || !p.proc->terminato()) continue;
+    _chiudi_log(p);
+    std::string err = _ultima_riga_log(cid);
+    {
+      std::lock_guard l(_lock);
+      auto it = _processi.find(cid);
+      // _ferma (or a new start) got there first: it owns the record and says what happened.
+      if (it == _processi.end() || it->second.proc != p.proc) continue;
+      _processi.erase(it);
+      std::string testo = !err.empty() ? err
+                                       : "ffmpeg terminato (codice " +
+                                             std::to_string(p.proc->codice().value_or(-1)) + ")";
+      _errori_recenti[cid] = ErroreRecente{p.errori + 1, testo, _ora()};
+    }
+    _log("telecamera " + std::to_string(cid) + ": ffmpeg terminato: " + err);
+  }
+}
+
+}  // namespace nvr

@@ -1,0 +1,114 @@
+#include "storage/montaggi.h"
+
+#include <gtest/gtest.h>
+
+#include "core/stato.h"
+#include "testing/ambiente.h"
+
+namespace nvr {
+namespace {
+
+using testing::CartellaTemporanea;
+
+const std::string kCredenziali = "  (utente o password della cartella condivisa non accettati)";
+const std::string kCondivisa = "  (cartella condivisa non trovata sul server: controlla il nome)";
+const std::string kServer = "  (server non raggiungibile: controlla indirizzo e rete)";
+const std::string kPermessi =
+    "  (il server non ha i permessi per montare: deve girare come root, o in sudo senza password)";
+const std::string kIgnoto =
+    "  (il sistema non sa leggere questo filesystem: formatta la chiavetta in exFAT o ext4)";
+
+std::string mac(const std::string& nome) {
+  return "  (la chiavetta e' formattata dal Mac in " + nome +
+         ": Linux non la legge. Formattala in exFAT: sul Mac Utility Disco > Inizializza > formato "
+         "exFAT, schema Master Boot Record; poi ricollegala e premi di nuovo \"Usa questa "
+         "unita'\")";
+}
+
+TEST(SpiegaMountTest, EachErrorGetsTheFirstMatchingHint) {
+  struct Caso {
+    std::string err;
+    std::string atteso;
+  };
+  const Caso casi[] = {
+      {"", ""},
+      {"  \n\t", ""},
+      {"mount: qualcosa di strano", "mount: qualcosa di strano"},
+      // Credentials: the CIFS code wins over the generic words of a later row.
+      {"mount error(13): Permission denied", "mount error(13): Permission denied" + kCredenziali},
+      {" [Errno 13] Permission denied\n", "[Errno 13] Permission denied" + kCredenziali},
+      {"mount error(2): No such file or directory",
+       "mount error(2): No such file or directory" + kCondivisa},
+      {"ERRNO 2 cartella", "ERRNO 2 cartella" + kCondivisa},
+      {"mount error(112): Host is down", "mount error(112): Host is down" + kServer},
+      {"Host is down", "Host is down" + kServer},
+      {"No route to host", "No route to host" + kServer},
+      {"mount error(113): boh", "mount error(113): boh" + kServer},
+      {"Connection refused", "Connection refused" + kServer},
+      {"mount error(110): Connection timed out",
+       "mount error(110): Connection timed out" + kServer},
+      {"mount: only root can do that", "mount: only root can do that" + kPermessi},
+      {"mount: solo root puo' farlo", "mount: solo root puo' farlo" + kPermessi},
+      {"mount: /mnt: Permission denied.", "mount: /mnt: Permission denied." + kPermessi},
+      {"Permesso negato", "Permesso negato" + kPermessi},
+      {"mount: Operation not permitted", "mount: Operation not permitted" + kPermessi},
+      {"Operazione non consentita", "Operazione non consentita" + kPermessi},
+      // Filesystems the system cannot read; the quoted type keeps its case only for the Mac.
+      {"mount: /media/x: unknown filesystem type 'apfs'.",
+       "mount: /media/x: unknown filesystem type 'apfs'." + mac("APFS")},
+      {"unknown filesystem type 'HFSPLUS'", "unknown filesystem type 'HFSPLUS'" + mac("HFSPLUS")},
+      {"wrong fs type; filesystem type 'hfs'", "wrong fs type; filesystem type 'hfs'" + mac("HFS")},
+      {"unknown filesystem type 'exfat'",
+       "unknown filesystem type 'exfat'  (manca il supporto exfat sul server: esegui  sudo apt-get "
+       "install -y exfat-fuse exfatprogs  e riprova)"},
+      {"unknown filesystem type 'NTFS'",
+       "unknown filesystem type 'NTFS'  (manca il supporto ntfs sul server: esegui  sudo apt-get "
+       "install -y ntfs-3g  e riprova)"},
+      {"unknown filesystem type 'btrfs'", "unknown filesystem type 'btrfs'" + kIgnoto},
+      {"mount: /media/x: wrong fs type, bad option, bad superblock on /dev/sdb1.",
+       "mount: /media/x: wrong fs type, bad option, bad superblock on /dev/sdb1." + kIgnoto},
+      {"Tipo di filesystem sconosciuto", "Tipo di filesystem sconosciuto" + kIgnoto},
+      // Only the lower-case text is searched for the row, the original for the name.
+      {"UNKNOWN FILESYSTEM TYPE 'exfat'", "UNKNOWN FILESYSTEM TYPE 'exfat'" + kIgnoto},
+  };
+  for (const Caso& c : casi) EXPECT_EQ(_spiega_mount(c.err), c.atteso) << "errore: " << c.err;
+}
+
+TEST(IsmountTest, OnlyTheRootOfAMountIsAMountPoint) {
+  CartellaTemporanea t;
+  EXPECT_FALSE(_ismount(""));
+  EXPECT_FALSE(_ismount(t.percorso()));  // a plain folder
+  EXPECT_FALSE(_ismount(t / "manca"));
+  EXPECT_TRUE(_ismount("/"));
+}
+
+TEST(RadiceMontaggioTest, PathsOnTheRootFilesystemLeadToSlash) {
+  EXPECT_EQ(_radice_montaggio("/"), "/");
+  EXPECT_EQ(_radice_montaggio("/non/esiste/affatto"), "/");
+  EXPECT_EQ(_radice_montaggio("/proc/self/fd"), "/proc");  // through a symbolic link
+}
+
+TEST(SpazioTest, MissingFolderHasNoFiguresAndTheAnswerIsCached) {
+  azzera_stato_per_test();
+  CartellaTemporanea t;
+  EXPECT_FALSE(_spazio(t / "manca").has_value());
+  EXPECT_FALSE(_spazio_sicuro(t / "manca").has_value());
+  CacheSpazio c = _cache_spazio.get();
+  EXPECT_EQ(c.cartella, t / "manca");
+  EXPECT_FALSE(c.spazio.has_value());
+  EXPECT_GT(c.ts, 0.0);
+
+  // A file is not a folder: no figures even though statvfs would answer for it.
+  testing::scrivi_file(t / "file", "x");
+  EXPECT_FALSE(_spazio_sicuro(t / "file", 0).has_value());
+
+  auto sp = _spazio_sicuro(t.percorso(), 0);
+  ASSERT_TRUE(sp.has_value());
+  EXPECT_GT(sp->totale_gb, 0.0);
+  EXPECT_GE(sp->usato_pct, 0);
+  EXPECT_LE(sp->usato_pct, 100);
+  azzera_stato_per_test();
+}
+
+}  // namespace
+}  // namespace nvr

@@ -1,0 +1,65 @@
+#include "testing/processi.h"
+
+#include <stdlib.h>
+
+#include <chrono>
+#include <fstream>
+#include <iterator>
+#include <thread>
+
+namespace nvr::testing {
+
+namespace {
+
+std::optional<std::string> leggi_proc(pid_t pid, const char* voce) {
+  std::ifstream f("/proc/" + std::to_string(pid) + "/" + voce, std::ios::binary);
+  if (!f) return std::nullopt;
+  return std::string(std::istreambuf_iterator<char>(f), {});
+}
+
+}  // namespace
+
+std::vector<std::string> riga_di_comando(pid_t pid) {
+  std::vector<std::string> argomenti;
+  std::string testo = leggi_proc(pid, "cmdline").value_or("");
+  std::size_t inizio = 0;
+  while (inizio < testo.size()) {
+    std::size_t fine = testo.find('\0', inizio);
+    if (fine == std::string::npos) fine = testo.size();
+    argomenti.push_back(testo.substr(inizio, fine - inizio));
+    inizio = fine + 1;
+  }
+  return argomenti;
+}
+
+std::optional<char> stato_processo(pid_t pid) {
+  auto stat = leggi_proc(pid, "stat");
+  if (!stat) return std::nullopt;
+  auto p = stat->rfind(')');  // the command name may itself hold ')' or spaces
+  if (p == std::string::npos || p + 2 >= stat->size()) return std::nullopt;
+  return (*stat)[p + 2];
+}
+
+bool attendi_sparito(pid_t pid, double secondi) {
+  auto fine = std::chrono::steady_clock::now() + std::chrono::duration<double>(secondi);
+  for (;;) {
+    if (!stato_processo(pid)) return true;
+    if (std::chrono::steady_clock::now() >= fine) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  }
+}
+
+VariabileDiProva::VariabileDiProva(std::string nome, const std::string& valore)
+    : nome_(std::move(nome)) {
+  if (const char* v = ::getenv(nome_.c_str())) prima_ = v;
+  ::setenv(nome_.c_str(), valore.c_str(), 1);
+}
+
+VariabileDiProva::~VariabileDiProva() {
+  if (prima_)
+    ::setenv(nome_.c_str(), prima_->c_str(), 1);
+  else
+    ::unsetenv(nome_.c_str());
+}
+
+}  // namespace nvr::testing
