@@ -20,7 +20,8 @@ Json stato_generale();
 std::pair<bool, std::string> _root_ok();
 
 Risposta api_stato(const Richiesta& r);
-Risposta api_riassunto(const Richiesta& r);  // {attivo: nvr_attivo(), telecamere: [{id, nome, attiva}]}
-Risposta api_storage(const Richiesta& r);    // drives, destination, folder, mount, space, helpers
+Risposta api_riassunto(
+    const Richiesta& r);  // {attivo: nvr_attivo(), telecamere: [{id, nome, attiva}]}
+Risposta api_storage(const Richiesta& r);  // drives, destination, folder, mount, space, helpers
 
 }  // namespace nvr
