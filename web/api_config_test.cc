@@ -12,6 +12,7 @@
 #include "core/processo.h"
 #include "core/stato.h"
 #include "core/tempo.h"
+#include "engine/registratori.h"
 #include "testing/ambiente.h"
 #include "testing/cartella_ammessa.h"
 #include "testing/stand_in.h"
