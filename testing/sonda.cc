@@ -48,8 +48,8 @@ bool registra_sonda(const std::string& variabile,
 }
 
 std::string sonda_come_nobody(const std::vector<std::string>& ambiente, double timeout) {
-  std::vector<std::string> args = {"setpriv", "--reuid=nobody", "--regid=nogroup",
-                                   "--clear-groups", "env", "-i"};
+  std::vector<std::string> args = {
+      "setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups", "env", "-i"};
   args.insert(args.end(), ambiente.begin(), ambiente.end());
   args.push_back(std::filesystem::read_symlink("/proc/self/exe").string());
   RisultatoComando r = _comando(args, timeout);

@@ -188,10 +188,11 @@ std::string testo_cartella(const Json& v) {
   return v.get<std::string>();
 }
 
-int intero_limitato(const Json& v, const char* nome, std::int64_t predefinito,
-                    std::int64_t minimo, std::int64_t massimo) {
+int intero_limitato(const Json& v, const char* nome, std::int64_t predefinito, std::int64_t minimo,
+                    std::int64_t massimo) {
   std::optional<std::int64_t> n = vuoto(v) ? predefinito : intero(v);
-  if (!n) throw std::invalid_argument(std::string(nome) + " non e' un numero intero: " + testo_di(v));
+  if (!n)
+    throw std::invalid_argument(std::string(nome) + " non e' un numero intero: " + testo_di(v));
   return static_cast<int>(std::clamp(*n, minimo, massimo));
 }
 

@@ -88,7 +88,8 @@ TEST_F(ApiConfigRootTest, FolderThatCannotBeWrittenNorTakenOverIsRefused) {
   Controfigure cf;
   cf.lsblk_fisso(R"({"blockdevices": [
     {"name": "sdz1", "path": "/dev/sdz1", "size": 1000000, "type": "part", "rm": true,
-     "mountpoint": ")" + srv / "ro" + R"(", "label": "RO", "fstype": "vfat", "uuid": "RO-1",
+     "mountpoint": ")" +
+                 srv / "ro" + R"(", "label": "RO", "fstype": "vfat", "uuid": "RO-1",
      "partuuid": null, "tran": "usb", "hotplug": true, "model": null, "vendor": null}
   ]})");
   r = salva(Json{{"cartella", srv / "ro"}, {"destinazione", {{"tipo", "usb"}, {"uuid", "RO-1"}}}});

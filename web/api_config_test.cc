@@ -153,9 +153,15 @@ TEST_F(ApiConfigTest, NumberThatCannotBeReadFailsTheRequestAndSavesNothing) {
     Json valore;
   };
   const Caso casi[] = {
-      {"segmento_sec", "abc"}, {"segmento_sec", "12.5"}, {"segmento_sec", Json::array({1})},
-      {"segmento_sec", Json{{"a", 1}}}, {"giorni", "una settimana"}, {"giorni", "1e3"},
-      {"spazio_min_gb", "1e"}, {"spazio_min_gb", Json::array({2})}, {"spazio_min_gb", "0x10"},
+      {"segmento_sec", "abc"},
+      {"segmento_sec", "12.5"},
+      {"segmento_sec", Json::array({1})},
+      {"segmento_sec", Json{{"a", 1}}},
+      {"giorni", "una settimana"},
+      {"giorni", "1e3"},
+      {"spazio_min_gb", "1e"},
+      {"spazio_min_gb", Json::array({2})},
+      {"spazio_min_gb", "0x10"},
   };
   for (const Caso& c : casi) {
     SCOPED_TRACE(std::string(c.chiave) + " = " + c.valore.dump());
@@ -209,19 +215,28 @@ TEST_F(ApiConfigTest, RefusedFolderAnswers400AndChangesNothing) {
   std::filesystem::create_directories(srv / "nas/nvr");
   std::filesystem::create_symlink(srv / "nas", srv / "collegamento");
   const Json usb_salvata = {{"tipo", "usb"}, {"uuid", "NON-ESISTE"}, {"mountpoint", srv / "disco"}};
-  const Json rete_salvata = {{"tipo", "rete"}, {"server", "127.0.0.1"},
-                             {"mountpoint", srv / "collegamento"}};
+  const Json rete_salvata = {
+      {"tipo", "rete"}, {"server", "127.0.0.1"}, {"mountpoint", srv / "collegamento"}};
   struct Caso {
     Json salvata;  // destination saved before the request
     Json corpo;
     std::string messaggio;
   };
   const Caso casi[] = {
-      {{}, {{"cartella", "/media"}}, "Scegli o crea una cartella dentro l'unita', non la radice /media"},
-      {{}, {{"cartella", " /media/ "}}, "Scegli o crea una cartella dentro l'unita', non la radice /media"},
-      {{}, {{"cartella", "/mnt/../srv"}}, "Scegli o crea una cartella dentro l'unita', non la radice /srv"},
-      {{}, {{"cartella", "/home"}}, "Scegli o crea una cartella dentro l'unita', non la radice /home"},
-      {{}, {{"cartella", "/media/zuna_nvr/"}},
+      {{},
+       {{"cartella", "/media"}},
+       "Scegli o crea una cartella dentro l'unita', non la radice /media"},
+      {{},
+       {{"cartella", " /media/ "}},
+       "Scegli o crea una cartella dentro l'unita', non la radice /media"},
+      {{},
+       {{"cartella", "/mnt/../srv"}},
+       "Scegli o crea una cartella dentro l'unita', non la radice /srv"},
+      {{},
+       {{"cartella", "/home"}},
+       "Scegli o crea una cartella dentro l'unita', non la radice /home"},
+      {{},
+       {{"cartella", "/media/zuna_nvr/"}},
        "Scegli o crea una cartella dentro l'unita', non la radice /media/zuna_nvr"},
       {{}, {{"cartella", "/etc/x"}}, kNonAmmessa},
       {{}, {{"cartella", "/"}}, kNonAmmessa},
@@ -231,9 +246,11 @@ TEST_F(ApiConfigTest, RefusedFolderAnswers400AndChangesNothing) {
       {{}, {{"cartella", "relativa/x"}}, kNonAmmessa},
       {{}, {{"cartella", std::string("/srv/x\0/etc", 11)}}, kNonAmmessa},
       // Drives and shares must really be mounted under the chosen folder.
-      {{}, {{"cartella", srv / "disco/nvr"}, {"destinazione", {{"tipo", "usb"}, {"uuid", "X"}}}},
+      {{},
+       {{"cartella", srv / "disco/nvr"}, {"destinazione", {{"tipo", "usb"}, {"uuid", "X"}}}},
        non_montata(srv / "disco/nvr")},
-      {{}, {{"cartella", "/media/zuna_nvr/nas/nvr"}, {"destinazione", {{"tipo", "rete"}}}},
+      {{},
+       {{"cartella", "/media/zuna_nvr/nas/nvr"}, {"destinazione", {{"tipo", "rete"}}}},
        non_montata("/media/zuna_nvr/nas/nvr")},
       {usb_salvata, {{"cartella", srv / "disco/nvr"}}, non_montata(srv / "disco/nvr")},
       // A plain folder may not be on external storage.
@@ -241,7 +258,8 @@ TEST_F(ApiConfigTest, RefusedFolderAnswers400AndChangesNothing) {
       {{}, {{"cartella", "/media/zuna_nvr/DISCO"}}, kEsterna},
       {usb_salvata, {{"cartella", srv / "disco"}, {"destinazione", Json::object()}}, kEsterna},
       {usb_salvata, {{"cartella", srv / "disco/nvr"}, {"destinazione", nullptr}}, kEsterna},
-      {rete_salvata, {{"cartella", srv / "nas/nvr"}, {"destinazione", {{"tipo", "locale"}}}},
+      {rete_salvata,
+       {{"cartella", srv / "nas/nvr"}, {"destinazione", {{"tipo", "locale"}}}},
        kEsterna},
   };
   for (const Caso& c : casi) {
@@ -292,7 +310,7 @@ TEST_F(ApiConfigTest, AcceptedFolderIsStoredNormalised) {
 
 TEST_F(ApiConfigTest, FolderNormalisation) {
   const std::pair<std::string, std::string> casi[] = {
-      {"", ""},          {" \t ", ""},          {"/", "/"},         {"//", "/"},
+      {"", ""},           {" \t ", ""},        {"/", "/"},         {"//", "/"},
       {"/a//b/", "/a/b"}, {"/a/./b/..", "/a"}, {" /a/b ", "/a/b"}, {"/../..", "/"},
       {"a/..", "."},      {"x//y/", "x/y"},
   };
@@ -321,10 +339,13 @@ TEST_F(ApiConfigTest, SharePasswordNeverLeavesAndSurvivesAnEmptyField) {
   EXPECT_EQ(get.corpo["telecamere"].size(), 2u);
   EXPECT_TRUE(senza_password(get)) << get.corpo.dump();
 
-  const Json dest = {{"tipo", "rete"}, {"proto", "smb"}, {"server", "127.0.0.1"},
-                     {"share", "video"}, {"utente", "anna"}};
-  for (std::optional<Json> vuota : {std::optional<Json>(""), std::optional<Json>(nullptr),
-                                    std::optional<Json>()}) {
+  const Json dest = {{"tipo", "rete"},
+                     {"proto", "smb"},
+                     {"server", "127.0.0.1"},
+                     {"share", "video"},
+                     {"utente", "anna"}};
+  for (std::optional<Json> vuota :
+       {std::optional<Json>(""), std::optional<Json>(nullptr), std::optional<Json>()}) {
     Json d = dest;
     if (vuota) d["password"] = *vuota;
     Risposta r = config(Json{{"destinazione", d}});
@@ -366,18 +387,28 @@ TEST_F(ApiConfigTest, UsbDestinationIsCompletedFromTheDriveFound) {
   };
   const Caso casi[] = {
       {{{"tipo", "usb"}, {"uuid", "AB-12"}},
-       {{"tipo", "usb"}, {"uuid", "AB-12"}, {"dev", "/dev/sdz1"}, {"etichetta", "DISCO"},
+       {{"tipo", "usb"},
+        {"uuid", "AB-12"},
+        {"dev", "/dev/sdz1"},
+        {"etichetta", "DISCO"},
         {"mountpoint", "/media/zuna_nvr/DISCO"}}},
       // Found by label after the device name changed.
       {{{"tipo", "usb"}, {"dev", "/dev/sdb1"}, {"etichetta", "DISCO"}},
-       {{"tipo", "usb"}, {"dev", "/dev/sdz1"}, {"etichetta", "DISCO"}, {"uuid", "AB-12"},
+       {{"tipo", "usb"},
+        {"dev", "/dev/sdz1"},
+        {"etichetta", "DISCO"},
+        {"uuid", "AB-12"},
         {"mountpoint", "/media/zuna_nvr/DISCO"}}},
       // Not mounted: no mount point is made up, the one sent stays; no label becomes "".
       {{{"tipo", "usb"}, {"uuid", "CD-34"}, {"mountpoint", "/media/zuna_nvr/VECCHIO"}},
-       {{"tipo", "usb"}, {"uuid", "CD-34"}, {"mountpoint", "/media/zuna_nvr/VECCHIO"},
-        {"dev", "/dev/sdz2"}, {"etichetta", ""}}},
+       {{"tipo", "usb"},
+        {"uuid", "CD-34"},
+        {"mountpoint", "/media/zuna_nvr/VECCHIO"},
+        {"dev", "/dev/sdz2"},
+        {"etichetta", ""}}},
       // No such drive: kept as sent.
-      {{{"tipo", "usb"}, {"uuid", "FF-99"}, {"dev", 7}}, {{"tipo", "usb"}, {"uuid", "FF-99"}, {"dev", 7}}},
+      {{{"tipo", "usb"}, {"uuid", "FF-99"}, {"dev", 7}},
+       {{"tipo", "usb"}, {"uuid", "FF-99"}, {"dev", 7}}},
   };
   for (const Caso& c : casi) {
     SCOPED_TRACE(c.inviata.dump());
@@ -443,7 +474,9 @@ TEST_F(ApiConfigTest, CameraSwitchedOffStopsOnlyItsRecorder) {
   _sveglia.clear();
 
   ::testing::internal::CaptureStdout();
-  Risposta r = camera(Json{{"id", "3"}, {"attiva", false}, {"modo", "orari"},
+  Risposta r = camera(Json{{"id", "3"},
+                           {"attiva", false},
+                           {"modo", "orari"},
                            {"orari", Json::array({Json{{"da", "08:00"}, {"a", "12:00"}}})},
                            {"sconosciuta", 1}});
   EXPECT_EQ(::testing::internal::GetCapturedStdout(),

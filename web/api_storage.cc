@@ -21,7 +21,8 @@ namespace nvr {
 
 namespace {
 
-const char* const kComandoInstallazione = "apt-get update -y && apt-get install -y ffmpeg cifs-utils";
+const char* const kComandoInstallazione =
+    "apt-get update -y && apt-get install -y ffmpeg cifs-utils";
 
 Json corpo_di(const Richiesta& r) { return r.corpo.is_object() ? r.corpo : Json::object(); }
 
@@ -91,7 +92,7 @@ Risposta sfoglia(const Richiesta& r) {
   // like an empty drive.
   const std::string radice = _radice_montaggio(base);
   if (base.starts_with(radice_montaggi_ + "/") && (radice == "/" || radice.empty()))
-      return errore_json(
+    return errore_json(
         "L'unita' non e' montata: premi di nuovo \"Usa questa unita'\" o \"Collega\"", 400);
   auto voci = cartelle(base);
   if (!voci) return errore_json("Cartella non leggibile o non ammessa", 400);
@@ -105,10 +106,10 @@ Risposta sfoglia(const Richiesta& r) {
 Risposta crea(const Richiesta& r) {
   const Json corpo = corpo_di(r);
   auto [ok, msg, percorso] = crea_cartella(testo_campo(corpo, "base"), testo_campo(corpo, "nome"));
-  return _json(Json{{"status", ok ? "success" : "error"},
-                    {"message", msg},
-                    {"percorso", ok ? percorso : ""}},
-               ok ? 200 : 400);
+  return _json(
+      Json{
+          {"status", ok ? "success" : "error"}, {"message", msg}, {"percorso", ok ? percorso : ""}},
+      ok ? 200 : 400);
 }
 
 }  // namespace
@@ -146,7 +147,9 @@ Risposta api_smonta(const Richiesta& r) {
 Risposta api_cartelle(const Richiesta& r) { return r.metodo == "POST" ? crea(r) : sfoglia(r); }
 
 Risposta api_installa_ffmpeg(const Richiesta&) {
-  auto riuscita = [](const char* msg) { return _json(Json{{"status", "success"}, {"message", msg}}); };
+  auto riuscita = [](const char* msg) {
+    return _json(Json{{"status", "success"}, {"message", msg}});
+  };
   if (ffmpeg_presente()) return riuscita("ffmpeg e' gia' installato");
   if (!programma_presente("apt-get"))
     return errore_json("Installazione automatica non disponibile su questo sistema", 400);
@@ -179,7 +182,8 @@ void _installa() {
     _log("installazione ffmpeg terminata: presente=" + testo_di(Json(ffmpeg_presente())) + " " +
          testo);
   } catch (const std::exception& e) {
-    _installazione.set(Installazione{"Installazione non riuscita: " + std::string(e.what()), false});
+    _installazione.set(
+        Installazione{"Installazione non riuscita: " + std::string(e.what()), false});
     _log(std::string("installazione ffmpeg: ") + e.what());
   } catch (...) {
     _installazione.set(Installazione{"Installazione non riuscita: errore sconosciuto", false});

@@ -96,8 +96,7 @@ TEST_F(ApiStorageTest, BrowsingRefusals) {
 }
 
 TEST_F(ApiStorageTest, BrowsingAFolderOfTheSystemDisk) {
-  for (const char* nome : {"b", "a", ".nascosta", "lost+found"})
-    fs::create_directories(srv / nome);
+  for (const char* nome : {"b", "a", ".nascosta", "lost+found"}) fs::create_directories(srv / nome);
   testing::scrivi_file(srv / "file.txt", "x");
 
   Risposta r = sfoglia(srv.percorso());
@@ -117,7 +116,8 @@ TEST_F(ApiStorageTest, BrowsingAFolderOfTheSystemDisk) {
 TEST_F(ApiStorageTest, CreatingFolders) {
   Risposta r = api_cartelle(richiesta("POST", {{"base", srv.percorso()}, {"nome", "nuova"}}));
   EXPECT_EQ(r.status, 200);
-  EXPECT_EQ(r.corpo, (Json{{"status", "success"}, {"message", "Creata"}, {"percorso", srv / "nuova"}}));
+  EXPECT_EQ(r.corpo,
+            (Json{{"status", "success"}, {"message", "Creata"}, {"percorso", srv / "nuova"}}));
   EXPECT_TRUE(fs::is_directory(srv / "nuova"));
 
   // A name that tries to climb out stays inside base.
@@ -167,23 +167,19 @@ TEST_F(ApiStorageTest, RemountingTheSavedShareUsesTheSavedPassword) {
   CartellaTemporanea montaggi;
   imposta_radice_montaggi_per_test(montaggi.percorso());
   Config cfg;
-  cfg.destinazione = {{"tipo", "rete"}, {"proto", "smb"},   {"server", "127.0.0.1"},
+  cfg.destinazione = {{"tipo", "rete"},   {"proto", "smb"},   {"server", "127.0.0.1"},
                       {"share", "video"}, {"utente", "anna"}, {"password", "segreta"}};
   _salva_config(cfg);
-  const Json richiesta_base = {{"tipo", "rete"},      {"proto", "smb"},   {"server", "127.0.0.1"},
-                               {"share", "video"},    {"utente", "anna"}, {"password", ""}};
+  const Json richiesta_base = {{"tipo", "rete"},   {"proto", "smb"},   {"server", "127.0.0.1"},
+                               {"share", "video"}, {"utente", "anna"}, {"password", ""}};
   struct Caso {
     const char* chiave;  // what the page changes
     Json valore;
     const char* password;  // what reaches the credentials file
   };
   const Caso casi[] = {
-      {"password", "", "segreta"},
-      {"password", nullptr, "segreta"},
-      {"password", "altra", "altra"},
-      {"share", "foto", ""},
-      {"server", "localhost", ""},
-      {"utente", "bruno", ""},
+      {"password", "", "segreta"}, {"password", nullptr, "segreta"}, {"password", "altra", "altra"},
+      {"share", "foto", ""},       {"server", "localhost", ""},      {"utente", "bruno", ""},
   };
   for (const Caso& c : casi) {
     SCOPED_TRACE(std::string(c.chiave) + " = " + c.valore.dump());
