@@ -1,0 +1,310 @@
+#include "web/api_storage.h"
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <filesystem>
+#include <optional>
+#include <thread>
+
+#include "core/config.h"
+#include "core/db.h"
+#include "core/stato.h"
+#include "testing/ambiente.h"
+#include "testing/cartella_ammessa.h"
+#include "testing/processi.h"
+#include "testing/stand_in.h"
+
+namespace nvr {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::CartellaAmmessa;
+using testing::CartellaTemporanea;
+using testing::Controfigure;
+using testing::HostDiProva;
+using testing::VariabileDiProva;
+
+const char* const kNonMontata =
+    "L'unita' non e' montata: premi di nuovo \"Usa questa unita'\" o \"Collega\"";
+const char* const kNonLeggibile = "Cartella non leggibile o non ammessa";
+
+Json errore(const std::string& msg) { return Json{{"status", "error"}, {"message", msg}}; }
+
+Richiesta richiesta(const std::string& metodo, const Json& corpo = Json::object()) {
+  Richiesta r;
+  r.metodo = metodo;
+  r.corpo = corpo;
+  return r;
+}
+
+Risposta sfoglia(const std::string& base) {
+  Richiesta r = richiesta("GET");
+  r.query["base"] = base;
+  return api_cartelle(r);
+}
+
+bool attendi_fine_installazione() {
+  for (int i = 0; i < 500; ++i) {
+    if (!_installazione.get().in_corso) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return false;
+}
+
+class ApiStorageTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(srv.ok()) << "non posso creare una cartella sotto /srv";
+    _init_db();
+  }
+  void TearDown() override { imposta_radice_montaggi_per_test(""); }
+
+  HostDiProva h;
+  CartellaAmmessa srv;
+};
+
+TEST_F(ApiStorageTest, BrowsingRefusals) {
+  CartellaTemporanea montaggi;
+  const std::string disco = montaggi / "DISCO";
+  fs::create_directories(disco + "/sotto");
+  struct Caso {
+    std::string radice_montaggi;  // "" for the real one
+    std::string base;
+    const char* messaggio;
+  };
+  const Caso casi[] = {
+      {"", "/etc", kNonLeggibile},
+      {"", "", kNonLeggibile},
+      {"", "/srv/../etc", kNonLeggibile},
+      {"", srv / "non_esiste", kNonLeggibile},
+      {"", "/media/zuna_nvrX/a", kNonLeggibile},
+      // The empty mount folder of a drive that is away is not an empty drive.
+      {"", "/media/zuna_nvr/DISCO", kNonMontata},
+      {"", "/media/zuna_nvr//DISCO/x", kNonMontata},
+      {montaggi.percorso(), disco, kNonMontata},
+      {montaggi.percorso(), disco + "/sotto", kNonMontata},
+      {montaggi.percorso() + "/", disco, kNonMontata},
+  };
+  for (const Caso& c : casi) {
+    SCOPED_TRACE(c.base);
+    imposta_radice_montaggi_per_test(c.radice_montaggi);
+    Risposta r = sfoglia(c.base);
+    EXPECT_EQ(r.status, 400);
+    EXPECT_EQ(r.corpo, errore(c.messaggio));
+  }
+}
+
+TEST_F(ApiStorageTest, BrowsingAFolderOfTheSystemDisk) {
+  for (const char* nome : {"b", "a", ".nascosta", "lost+found"}) fs::create_directories(srv / nome);
+  testing::scrivi_file(srv / "file.txt", "x");
+
+  Risposta r = sfoglia(srv.percorso());
+  ASSERT_EQ(r.status, 200) << r.corpo.dump();
+  std::vector<std::string> chiavi;
+  for (const auto& [k, v] : r.corpo.items()) chiavi.push_back(k);
+  EXPECT_EQ(chiavi, (std::vector<std::string>{"status", "base", "cartelle", "spazio", "radice"}));
+  EXPECT_EQ(r.corpo["status"], "success");
+  EXPECT_EQ(r.corpo["base"], srv.percorso());
+  EXPECT_EQ(r.corpo["cartelle"], (Json::array({Json{{"nome", "a"}, {"percorso", srv / "a"}},
+                                               Json{{"nome", "b"}, {"percorso", srv / "b"}}})));
+  ASSERT_TRUE(r.corpo["spazio"].is_object());
+  EXPECT_GT(r.corpo["spazio"]["totale_gb"].get<double>(), 0.0);
+  EXPECT_EQ(r.corpo["radice"], "");  // the system disk is no drive
+}
+
+TEST_F(ApiStorageTest, CreatingFolders) {
+  Risposta r = api_cartelle(richiesta("POST", {{"base", srv.percorso()}, {"nome", "nuova"}}));
+  EXPECT_EQ(r.status, 200);
+  EXPECT_EQ(r.corpo,
+            (Json{{"status", "success"}, {"message", "Creata"}, {"percorso", srv / "nuova"}}));
+  EXPECT_TRUE(fs::is_directory(srv / "nuova"));
+
+  // A name that tries to climb out stays inside base.
+  r = api_cartelle(richiesta("POST", {{"base", srv / "nuova"}, {"nome", "../../fuori"}}));
+  ASSERT_EQ(r.status, 200) << r.corpo.dump();
+  std::string creata = r.corpo["percorso"];
+  EXPECT_TRUE(creata.starts_with(srv / "nuova/")) << creata;
+  EXPECT_TRUE(fs::is_directory(creata));
+
+  const Json casi[] = {
+      {{"base", "/etc"}, {"nome", "x"}},
+      Json::object(),
+      {{"base", 5}, {"nome", Json::array({"x"})}},
+      Json::array({srv.percorso(), "x"}),
+  };
+  for (const Json& corpo : casi) {
+    SCOPED_TRACE(corpo.dump());
+    r = api_cartelle(richiesta("POST", corpo));
+    EXPECT_EQ(r.status, 400);
+    EXPECT_EQ(r.corpo, (Json{{"status", "error"},
+                             {"message", "Cartella di partenza non valida"},
+                             {"percorso", ""}}));
+  }
+  EXPECT_FALSE(fs::exists("/etc/x"));
+}
+
+TEST_F(ApiStorageTest, MountAndUnmountFailuresAreAnswered) {
+  // As root the rights are there: what fails is the drive that is not plugged in.
+  Risposta r = api_monta(richiesta("POST", {{"uuid", "NON-ESISTE"}}));
+  EXPECT_EQ(r.status, 400);
+  EXPECT_EQ(r.corpo, errore("Unita' non trovata (staccata?)"));
+  r = api_monta(richiesta("POST", Json::array({1})));
+  EXPECT_EQ(r.status, 400);
+  EXPECT_EQ(r.corpo, errore("Unita' non trovata (staccata?)"));
+
+  for (const Json& corpo : {Json::object(), Json{{"mountpoint", srv.percorso()}},
+                            Json{{"mountpoint", Json::array()}}}) {
+    SCOPED_TRACE(corpo.dump());
+    r = api_smonta(richiesta("POST", corpo));
+    EXPECT_EQ(r.status, 400);
+    EXPECT_EQ(r.corpo, errore("Non e' un punto di montaggio"));
+  }
+}
+
+// The page never gets the saved share password, so a re-mount of the saved share sends none.
+TEST_F(ApiStorageTest, RemountingTheSavedShareUsesTheSavedPassword) {
+  CartellaTemporanea montaggi;
+  imposta_radice_montaggi_per_test(montaggi.percorso());
+  Config cfg;
+  cfg.destinazione = {{"tipo", "rete"},   {"proto", "smb"},   {"server", "127.0.0.1"},
+                      {"share", "video"}, {"utente", "anna"}, {"password", "segreta"}};
+  _salva_config(cfg);
+  const Json richiesta_base = {{"tipo", "rete"},   {"proto", "smb"},   {"server", "127.0.0.1"},
+                               {"share", "video"}, {"utente", "anna"}, {"password", ""}};
+  struct Caso {
+    const char* chiave;  // what the page changes
+    Json valore;
+    const char* password;  // what reaches the credentials file
+  };
+  const Caso casi[] = {
+      {"password", "", "segreta"}, {"password", nullptr, "segreta"}, {"password", "altra", "altra"},
+      {"share", "foto", ""},       {"server", "localhost", ""},      {"utente", "bruno", ""},
+  };
+  for (const Caso& c : casi) {
+    SCOPED_TRACE(std::string(c.chiave) + " = " + c.valore.dump());
+    Controfigure cf;
+    cf.mount_registratore();
+    Json corpo = richiesta_base;
+    corpo[c.chiave] = c.valore;
+    Risposta r = api_monta(richiesta("POST", corpo));
+    ASSERT_EQ(r.status, 200) << r.corpo.dump();
+    std::string utente = corpo["utente"];
+    EXPECT_EQ(cf.credenziali(1), "username=" + utente + "\npassword=" + c.password + "\n");
+    EXPECT_EQ(r.corpo["status"], "success");
+    EXPECT_EQ(r.corpo["message"], "Montata");
+    EXPECT_EQ(r.corpo["unita"], nullptr);
+    EXPECT_EQ(r.corpo.dump().find("segreta"), std::string::npos);
+  }
+  EXPECT_EQ(leggi_config().destinazione["password"], "segreta");  // mounting saves nothing
+}
+
+class InstallazioneTest : public ApiStorageTest {
+ protected:
+  // PATH holds only the stand-ins' folder, so that ffmpeg and apt-get are missing unless given.
+  void solo_controfigure() { path_.emplace("PATH", cf_.cartella()); }
+
+  // An installer that records its arguments, prints `err` on stderr and `out` on stdout, and
+  // exits with `codice`; with `installa` it leaves an ffmpeg behind, as a real install would.
+  void installatore(const std::string& out, const std::string& err, int codice, bool installa) {
+    std::string s = "#!/bin/sh\nprintf '%s\\n' \"$@\" > '" + cf_ / "bash.args" + "'\n";
+    if (!out.empty()) s += "printf '%s' '" + out + "'\n";
+    if (!err.empty()) s += "printf '%s' '" + err + "' >&2\n";
+    if (installa) s += "/bin/cp '" + cf_ / "apt-get" + "' '" + cf_ / "ffmpeg" + "'\n";
+    s += "exit " + std::to_string(codice) + "\n";
+    cf_.programma("bash", s);
+    cf_.programma("apt-get", "#!/bin/sh\nexit 1\n");
+  }
+
+  std::string argomenti() { return testing::leggi_file(cf_ / "bash.args"); }
+
+  Controfigure cf_;
+  std::optional<VariabileDiProva> path_;
+};
+
+TEST_F(InstallazioneTest, FfmpegAlreadyThereStartsNothing) {
+  if (!programma_presente("ffmpeg")) GTEST_SKIP() << "ffmpeg non installato su questa macchina";
+  installatore("", "", 0, false);
+  Risposta r = api_installa_ffmpeg(richiesta("POST"));
+  EXPECT_EQ(r.status, 200);
+  EXPECT_EQ(r.corpo, (Json{{"status", "success"}, {"message", "ffmpeg e' gia' installato"}}));
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  Installazione i = _installazione.get();
+  EXPECT_FALSE(i.in_corso);
+  EXPECT_EQ(i.testo, "");
+  EXPECT_FALSE(fs::exists(cf_ / "bash.args"));
+}
+
+TEST_F(InstallazioneTest, WithoutAptGetThereIsNothingToStart) {
+  solo_controfigure();
+  Risposta r = api_installa_ffmpeg(richiesta("POST"));
+  EXPECT_EQ(r.status, 400);
+  EXPECT_EQ(r.corpo, errore("Installazione automatica non disponibile su questo sistema"));
+}
+
+TEST_F(InstallazioneTest, StartsOnceInTheBackgroundAndReportsTheFailure) {
+  solo_controfigure();
+  installatore("Lettura elenco pacchetti...", "W: rete assente\nE: Impossibile trovare ffmpeg\n",
+               100, false);
+  Risposta r = api_installa_ffmpeg(richiesta("POST"));
+  EXPECT_EQ(r.corpo, (Json{{"status", "success"},
+                           {"message", "Installazione avviata: ci vogliono un paio di minuti"}}));
+  // A second click while the first runs starts nothing more.
+  Risposta di_nuovo = api_installa_ffmpeg(richiesta("POST"));
+  ASSERT_TRUE(attendi_fine_installazione());
+  if (di_nuovo.corpo["message"] != "Installazione avviata: ci vogliono un paio di minuti") {
+    EXPECT_EQ(di_nuovo.corpo,
+              (Json{{"status", "success"}, {"message", "Installazione gia' in corso"}}));
+  }
+  EXPECT_EQ(argomenti(), "-c\napt-get update -y && apt-get install -y ffmpeg cifs-utils\n");
+  Installazione i = _installazione.get();
+  EXPECT_FALSE(i.in_corso);
+  EXPECT_EQ(i.testo, "Installazione non riuscita: E: Impossibile trovare ffmpeg");
+
+  // While one is marked as running, nothing starts.
+  fs::remove(cf_ / "bash.args");
+  _installazione.set(Installazione{"Installazione in corso...", true});
+  r = api_installa_ffmpeg(richiesta("POST"));
+  EXPECT_EQ(r.corpo, (Json{{"status", "success"}, {"message", "Installazione gia' in corso"}}));
+  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  EXPECT_FALSE(fs::exists(cf_ / "bash.args"));
+}
+
+TEST_F(InstallazioneTest, OutcomeTextAndLogLine) {
+  const std::string lunga(300, 'x');
+  std::string accentata;
+  for (int i = 0; i < 250; ++i) accentata += "\xc3\xa8";  // "è", two bytes each
+  struct Caso {
+    std::string out, err;
+    int codice;
+    bool installa;
+    std::string testo;
+  };
+  const Caso casi[] = {
+      {"", "", 0, true, ""},
+      {"ok", "avviso", 0, true, ""},  // ffmpeg is there: a success whatever apt-get printed
+      {"", "  riga 1\n  riga 2  \n\n", 100, false, "Installazione non riuscita:   riga 2"},
+      {"uscita 1\nuscita 2\n", " \n ", 1, false, "Installazione non riuscita: uscita 2"},
+      {"", "", 100, false, "Installazione non riuscita: errore sconosciuto"},
+      {"", "a\r\nb", 1, false, "Installazione non riuscita: b"},
+      {"", lunga, 1, false, "Installazione non riuscita: " + std::string(200, 'x')},
+      {"", accentata, 1, false, "Installazione non riuscita: " + accentata.substr(0, 400)},
+  };
+  solo_controfigure();
+  for (const Caso& c : casi) {
+    SCOPED_TRACE(c.err);
+    fs::remove(cf_ / "ffmpeg");
+    installatore(c.out, c.err, c.codice, c.installa);
+    ::testing::internal::CaptureStdout();
+    _installa();
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+              "[NVR] installazione ffmpeg terminata: presente=" +
+                  std::string(c.installa ? "True" : "False") + " " + c.testo + "\n");
+    Installazione i = _installazione.get();
+    EXPECT_FALSE(i.in_corso);
+    EXPECT_EQ(i.testo, c.testo);
+  }
+}
+
+}  // namespace
+}  // namespace nvr
