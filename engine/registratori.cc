@@ -126,18 +126,18 @@ void _controlla_processi() {
     if (!p.proc || !p.proc->terminato()) continue;
     _chiudi_log(p);
     std::string err = _ultima_riga_log(cid);
+    std::string testo = !err.empty() ? err
+                                     : "ffmpeg terminato (codice " +
+                                           std::to_string(p.proc->codice().value_or(-1)) + ")";
     {
       std::lock_guard l(_lock);
       auto it = _processi.find(cid);
       // _ferma (or a new start) got there first: it owns the record and says what happened.
       if (it == _processi.end() || it->second.proc != p.proc) continue;
       _processi.erase(it);
-      std::string testo = !err.empty() ? err
-                                       : "ffmpeg terminato (codice " +
-                                             std::to_string(p.proc->codice().value_or(-1)) + ")";
       // A recorder that ran for a good while before dying starts a new series of failures.
       int prima = _ora() - p.da >= kSerieGuasti ? 0 : p.errori;
-      _errori_recenti[cid] = ErroreRecente{prima + 1, testo, _ora()};
+      _errori_recenti[cid] = ErroreRecente{prima + 1, std::move(testo), _ora()};
     }
     _log("telecamera " + std::to_string(cid) + ": ffmpeg terminato: " + err);
   }
