@@ -36,15 +36,15 @@ class RegistratoriTest : public ::testing::Test {
     azzera_stato_per_test();
   }
 
-  // A record as _avvia makes it, for a real child running `script` under sh with its standard
-  // error in camera `cid`'s log.
-  Registratore registratore(CamId cid, const std::string& script, int errori = 0) {
+  // A record as _avvia makes it, for a real child running `argomenti` with its standard error in
+  // camera `cid`'s log.
+  Registratore registratore(CamId cid, const Argomenti& argomenti, int errori = 0) {
     int fd = ::open(_log_ffmpeg(cid).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     EXPECT_GE(fd, 0);
     Registratore r;
     r.log = std::make_shared<FileLog>(fd);
     Avvio avvio;
-    avvio.argomenti = {"sh", "-c", script};
+    avvio.argomenti = argomenti;
     avvio.fd_stderr = fd;
     auto proc = avvia_processo(avvio);
     EXPECT_TRUE(proc.ok());
@@ -52,6 +52,23 @@ class RegistratoriTest : public ::testing::Test {
     r.errori = errori;
     r.da = _ora();
     return r;
+  }
+
+  // An older ffmpeg cannot be installed next to Debian's, so a script that answers like one
+  // stands in for it: it writes down its arguments, complains on standard error and fails.
+  // Answers the folder to put first on PATH.
+  std::string ffmpeg_finto() {
+    std::string bin = tmp_ / "bin";
+    std::string finto = bin + "/ffmpeg";
+    scrivi_file(
+        finto,
+        "#!/bin/sh\n"
+        "if [ \"$1\" = -version ]; then echo 'ffmpeg version n4.4.2 Copyright'; exit 0; fi\n"
+        "printf '%s\\n' \"$@\" > \"$(dirname \"$0\")/argomenti\"\n"
+        "echo 'prima riga' >&2; echo '  finto: flusso assente  ' >&2; echo >&2\n"
+        "exit 1\n");
+    fs::permissions(finto, fs::perms::owner_all);
+    return bin;
   }
 
   CartellaTemporanea tmp_;
@@ -105,6 +122,10 @@ TEST(VersioneTest, MajorFromVersionOutput) {
       {"ffmpeg version 6", 5},
       {"ffmpeg version 99999999999999999999.1", 5},
       {"FFmpeg version 4.1", 5},
+      {"ffmpeg version4.1", 5},
+      {"ffmpeg version nn4.1", 5},
+      {"ffmpeg version x\nffmpeg version 3.4.8", 3},
+      {"ffmpeg version 4", 5},
       {"garbage", 5},
       {"", 5},
   };
@@ -116,18 +137,9 @@ TEST(VersioneTest, MajorFromVersionOutput) {
 
 using VersioneInstallataTest = RegistratoriTest;
 
-// An older ffmpeg cannot be installed next to Debian's, so a script that answers like one
-// stands in for it; it also writes down the arguments it was started with.
 TEST_F(VersioneInstallataTest, AskedOnceAndPicksTheTimeOutOption) {
-  std::string bin = tmp_ / "bin";
-  std::string finto = bin + "/ffmpeg";
-  scrivi_file(finto,
-              "#!/bin/sh\n"
-              "if [ \"$1\" = -version ]; then echo 'ffmpeg version n4.4.2 Copyright'; exit 0; fi\n"
-              "printf '%s\\n' \"$@\" > \"$(dirname \"$0\")/argomenti\"\n"
-              "echo 'prima riga' >&2; echo '  finto: flusso assente  ' >&2; echo >&2\n"
-              "exit 1\n");
-  fs::permissions(finto, fs::perms::owner_all);
+  const std::string bin = ffmpeg_finto();
+  const std::string finto = bin + "/ffmpeg";
   VariabileDiProva path("PATH", bin + ":/usr/bin:/bin");
 
   Config cfg;
@@ -224,6 +236,33 @@ TEST_F(AvviaTest, RefusalsComeAfterTheFolderAndStartNothing) {
 
 using LogTest = RegistratoriTest;
 
+// The log folder is in the shared temporary directory, where anyone may plant a link.
+TEST_F(LogTest, ALinkInPlaceOfTheLogIsNotFollowed) {
+  const std::string segreto = tmp_ / "segreto";
+  scrivi_file(segreto, "riga riservata\n");
+  fs::create_symlink(segreto, _log_ffmpeg(9));
+  EXPECT_EQ(_ultima_riga_log(9), "");
+
+  VariabileDiProva path("PATH", ffmpeg_finto() + ":/usr/bin:/bin");
+  Config cfg;
+  cfg.cartella = tmp_ / "archivio";
+  Camera cam;
+  cam.id = 9;
+  cam.url = "http://127.0.0.1:9/video";
+  ASSERT_EQ(_avvia(cfg, cam, "continua"), std::make_pair(true, std::string()));
+  std::shared_ptr<Processo> proc;
+  {
+    std::lock_guard l(_lock);
+    EXPECT_FALSE(_processi.at(9).log);
+    proc = _processi.at(9).proc;
+  }
+  ASSERT_TRUE(proc->attendi(10));
+  _controlla_processi();
+  EXPECT_EQ(leggi_file(segreto), "riga riservata\n");
+  std::lock_guard l(_lock);
+  EXPECT_EQ(_errori_recenti[9].testo, "ffmpeg terminato (codice 1)");
+}
+
 TEST_F(LogTest, LastNonBlankLineOfTheTail) {
   std::string e200;
   for (int i = 0; i < 200; ++i) e200 += "è";
@@ -237,7 +276,7 @@ TEST_F(LogTest, LastNonBlankLineOfTheTail) {
       {std::string(250, 'x') + "\n", std::string(200, 'x')},
       {e200 + "è\n", e200},
       // The tail of 4000 characters starts inside the word.
-      {"importante\n" + std::string(3995, ' '), "tante"},
+      {"importante\n" + std::string(3995, ' '), "ante"},
       {"errore \xff\xfe fine\n", "errore \xEF\xBF\xBD\xEF\xBF\xBD fine"},
       {"tronco \xC3", "tronco \xEF\xBF\xBD"},
   };
@@ -263,26 +302,29 @@ using ControllaTest = RegistratoriTest;
 TEST_F(ControllaTest, EndedRecordersLeaveWithTheirReason) {
   struct Caso {
     CamId cid;
-    std::string script;
+    Argomenti argomenti;
     int errori;
     ErroreRecente atteso;  // n and testo
     std::string riga;      // what follows "ffmpeg terminato: " in the log
   };
   const Caso casi[] = {
-      {31, "exit 3", 0, {1, "ffmpeg terminato (codice 3)"}, ""},
-      {32, "echo 'rtsp://x: Connection refused' >&2; echo ' ' >&2; exit 1", 0,
-       {1, "rtsp://x: Connection refused"}, "rtsp://x: Connection refused"},
-      {33, "kill -9 $$", 2, {3, "ffmpeg terminato (codice -9)"}, ""},
+      {31, {"sh", "-c", "exit 3"}, 0, {1, "ffmpeg terminato (codice 3)"}, ""},
+      {32,
+       {"sh", "-c", "echo 'rtsp://x: Connection refused' >&2; echo ' ' >&2; exit 1"},
+       0,
+       {1, "rtsp://x: Connection refused"},
+       "rtsp://x: Connection refused"},
+      {33, {"sh", "-c", "kill -9 $$"}, 2, {3, "ffmpeg terminato (codice -9)"}, ""},
   };
   std::vector<std::shared_ptr<FileLog>> logs;
   for (const auto& c : casi) {
-    Registratore r = registratore(c.cid, c.script, c.errori);
+    Registratore r = registratore(c.cid, c.argomenti, c.errori);
     ASSERT_TRUE(r.proc->attendi(10));
     logs.push_back(r.log);
     std::lock_guard l(_lock);
     _processi[c.cid] = r;
   }
-  Registratore vivo = registratore(34, "sleep 60");
+  Registratore vivo = registratore(34, {"sleep", "60"});
   {
     std::lock_guard l(_lock);
     _processi[34] = vivo;
@@ -325,7 +367,8 @@ TEST_F(FermaTest, NothingToStopLogsNothing) {
 TEST_F(FermaTest, StopsEveryRecorderOnceWithItsReason) {
   std::vector<pid_t> pid;
   for (CamId cid : {52, 51, 53}) {
-    Registratore r = registratore(cid, "sleep 60");
+    // Not under sh: dash swallows a SIGINT that comes before it has started its command.
+    Registratore r = registratore(cid, {"sleep", "60"});
     pid.push_back(r.proc->pid());
     std::lock_guard l(_lock);
     _processi[cid] = std::move(r);
@@ -350,8 +393,8 @@ TEST_F(FermaTest, StopsEveryRecorderOnceWithItsReason) {
 // second thread asking meanwhile finds nothing to stop and neither waits nor logs.
 TEST_F(FermaTest, DeafChildIsKilledAfterTheDeadlineOnceFromTwoThreads) {
   std::string nipote = tmp_ / "nipote";
-  Registratore r =
-      registratore(61, "trap '' INT; sleep 60 & echo $! > " + nipote + "; wait; sleep 60");
+  Registratore r = registratore(
+      61, {"sh", "-c", "trap '' INT; sleep 60 & echo $! > " + nipote + "; wait; sleep 60"});
   const pid_t pid = r.proc->pid();
   {
     std::lock_guard l(_lock);
