@@ -29,9 +29,10 @@ CartellaTemporanea::~CartellaTemporanea() {
 struct HostDiProva::Condiviso {
   std::mutex m;
   std::optional<std::string> zona;
+  Json stati = Json::object();
 };
 
-HostDiProva::HostDiProva() : dati_(std::make_shared<Condiviso>()) {
+HostDiProva::HostDiProva(Aggancia aggancia) : dati_(std::make_shared<Condiviso>()) {
   azzera_stato_per_test();
   db_file = cartella / "host.db";
   sql("CREATE TABLE tapo_cameras (id INTEGER PRIMARY KEY, name TEXT, rtsp_url TEXT)");
@@ -42,7 +43,17 @@ HostDiProva::HostDiProva() : dati_(std::make_shared<Condiviso>()) {
     std::lock_guard l(dati->m);
     return dati->zona;
   };
-  A.imposta_se_assente(host);
+  host->get_all_internal_states = [dati]() -> Json {
+    std::lock_guard l(dati->m);
+    if (!dati->stati.is_object()) throw std::runtime_error("stati non disponibili");
+    return dati->stati;
+  };
+  if (aggancia == Aggancia::kSi) A.imposta_se_assente(host);
+}
+
+void HostDiProva::imposta_stati(Json stati) {
+  std::lock_guard l(dati_->m);
+  dati_->stati = std::move(stati);
 }
 
 HostDiProva::~HostDiProva() { azzera_stato_per_test(); }

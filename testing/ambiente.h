@@ -6,6 +6,7 @@
 #include <string>
 
 #include "core/host.h"
+#include "core/json.h"
 
 namespace nvr::testing {
 
@@ -25,10 +26,12 @@ class CartellaTemporanea {
 
 // A host as an application would attach it: a database file holding the host's camera table,
 // a settable zone and settable entity states. The constructor resets the recorder's module state
-// and attaches this host as A (without routes or engine); the destructor resets it again.
+// and, unless told otherwise, attaches this host as A (without routes or engine); the destructor
+// resets the module state again.
 class HostDiProva {
  public:
-  HostDiProva();
+  enum class Aggancia { kSi, kNo };
+  explicit HostDiProva(Aggancia aggancia = Aggancia::kSi);
   ~HostDiProva();
 
   std::shared_ptr<Host> host;
@@ -38,6 +41,9 @@ class HostDiProva {
   void aggiungi_camera(long long id, const std::string& nome, const std::string& url);
   // The zone name the host publishes; nothing for no zone at all.
   void imposta_zona(std::optional<std::string> nome);
+  // The entity states the host publishes (an object); a non-object value makes the host's
+  // function throw, as a failing host would.
+  void imposta_stati(Json stati);
   // Runs SQL directly on the database file (for arranging and inspecting tests).
   void sql(const std::string& istruzioni);
 

@@ -1,0 +1,39 @@
+// The engine: one background thread that keeps the recorders in line with the configuration.
+//
+// Every few seconds it runs one pass (_giro) under _giro_lock: it checks the archive and ffmpeg,
+// reaps ended recorders, starts, stops or restarts each camera's recorder, records entity
+// changes, and runs the periodic archive jobs (index every 10 s, deep index every 600 s,
+// reconciliation every 300 s, retention every 3600 s). Request handlers never run a pass: they
+// wake the engine with _giro_sicuro().
+#pragma once
+
+namespace nvr {
+
+// The engine thread's body: waits up to 10 s (or a wake-up), stops recorders left by an earlier
+// run, then runs a pass, waits up to 3 s on _sveglia, and so on. Never returns (see
+// ferma_motore_per_test); a pass that throws is logged as "giro del motore: ..." and the loop
+// goes on.
+void _motore();
+
+// One pass. Call it only holding _giro_lock. Throws what its jobs throw (database errors, a
+// hung archive folder while recording is off).
+void _giro();
+
+// Wakes the engine so that a change takes effect within a moment. Never blocks.
+void _giro_sicuro();
+
+// Whether recording is switched on and at least one camera is enabled.
+bool nvr_attivo();
+
+// Interrupts (SIGINT) the recorders a previous run of the server left running, found by their
+// command line; logs "ffmpeg rimasti da un avvio precedente: fermati" and waits 3 s when it found
+// some. Runs pkill with root rights where needed (10 s).
+void _ferma_orfani();
+
+// The command line pattern of this system's recorders and nothing else.
+inline constexpr const char* kModelloOrfani = "ffmpeg .*(in_corso|cam_[0-9]+)/%Y%m%d_%H%M%S\\.mp4";
+
+// Makes a running _motore return after its current pass or wait. Tests only.
+void ferma_motore_per_test();
+
+}  // namespace nvr

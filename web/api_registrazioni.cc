@@ -1,0 +1,238 @@
+#include "web/api_registrazioni.h"
+
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <map>
+#include <set>
+
+#include "archive/allineamento.h"
+#include "core/config.h"
+#include "core/db.h"
+#include "core/numeri.h"
+#include "core/stato.h"
+#include "core/tempo.h"
+#include "engine/posizione.h"
+#include "storage/montaggi.h"
+
+namespace nvr {
+
+std::optional<std::pair<double, double>> _intervallo_giorno(const std::string& giorno) {
+  std::optional<std::tm> t = leggi_giorno(giorno);
+  if (!t) return std::nullopt;
+  Zona z = _fuso();
+  std::tm dopo = *t;
+  dopo.tm_mday += 1;
+  return std::make_pair(epoch_di(*t, z), epoch_di(dopo, z));
+}
+
+Risposta api_giorni(const Richiesta& r) {
+  std::int64_t cam = intero(Json(r.parametro("cam"))).value_or(0);
+  std::set<std::string> giorni;
+  {
+    Connessione c = _db();
+    auto aggiungi = [&](const Riga& riga) {
+      giorni.insert(formatta(scomponi(come_reale(riga[0]), nullptr), "%Y-%m-%d"));
+    };
+    if (cam)
+      c.scorri("SELECT inizio FROM nvr_registrazioni WHERE cam_id=? ORDER BY inizio", {cam},
+               aggiungi);
+    else
+      c.scorri("SELECT inizio FROM nvr_registrazioni ORDER BY inizio", {}, aggiungi);
+  }
+  return _json(Json{{"giorni", Json(std::vector<std::string>(giorni.begin(), giorni.end()))}});
+}
+
+Risposta api_registrazioni(const Richiesta& r) {
+  auto q = r.query.find("cam");
+  std::optional<std::int64_t> cam =
+      q == r.query.end() ? std::optional<std::int64_t>(0) : intero(Json(q->second));
+  if (!cam) return errore_json("Telecamera non valida", 400);
+  std::string giorno = r.parametro("giorno");
+  if (giorno.empty()) giorno = formatta(_adesso(), "%Y-%m-%d");
+  auto intervallo = _intervallo_giorno(giorno);
+  if (!intervallo) return errore_json("Giorno non valido", 400);
+  auto [inizio_giorno, fine_giorno] = *intervallo;
+
+  std::vector<Riga> righe, eventi;
+  {
+    Connessione c = _db();
+    righe = c.righe(
+        "SELECT id, inizio, fine, dimensione, motivo, file FROM nvr_registrazioni WHERE cam_id=? "
+        "AND fine > ? AND inizio < ? ORDER BY inizio",
+        {*cam, inizio_giorno, fine_giorno});
+    eventi = c.righe(
+        "SELECT ts, entity_id, stato FROM nvr_eventi WHERE cam_id=? AND ts >= ? AND ts < ? "
+        "ORDER BY ts",
+        {*cam, inizio_giorno, fine_giorno});
+  }
+  Json in_corso;
+  {
+    std::lock_guard l(_lock);
+    auto p = _processi.find(*cam);
+    if (p != _processi.end()) in_corso = Json{{"da", p->second.da}, {"motivo", p->second.motivo}};
+  }
+  Config cfg = leggi_config();
+  bool archivio_ok = _archivio_presente(cfg);
+  std::set<std::string> manca;
+  if (archivio_ok) {
+    std::vector<std::string> file;
+    for (const Riga& riga : righe) file.push_back(come_testo(riga[5]));
+    manca = _mancanti(file);
+  }
+
+  Json registrazioni = Json::array();
+  for (const Riga& riga : righe) {
+    if (manca.count(come_testo(riga[5]))) continue;
+    std::int64_t id = come_intero(riga[0]);
+    double inizio = come_reale(riga[1]), fine = come_reale(riga[2]);
+    registrazioni.push_back(Json{
+        {"id", id},
+        {"inizio", inizio},
+        {"fine", fine},
+        {"durata", static_cast<std::int64_t>(arrotonda(fine - inizio))},
+        {"mb", arrotonda(static_cast<double>(come_intero(riga[3])) / 1e6, 1)},
+        {"motivo", come_testo(riga[4])},
+        {"url", "/api/nvr/video/" + std::to_string(id)},
+    });
+  }
+  Json lista_eventi = Json::array();
+  for (const Riga& e : eventi)
+    lista_eventi.push_back(
+        Json{{"ts", come_reale(e[0])}, {"entita", come_testo(e[1])}, {"stato", come_testo(e[2])}});
+
+  return _json(Json{
+      {"giorno", giorno},
+      {"inizio_giorno", inizio_giorno},
+      {"fine_giorno", fine_giorno},
+      {"segmento_sec", cfg.segmento_sec},
+      {"archivio_ok", archivio_ok},
+      {"registrazioni", registrazioni},
+      {"eventi", lista_eventi},
+      {"in_corso", in_corso},
+  });
+}
+
+Risposta api_video(const Richiesta& r) {
+  std::string file;
+  {
+    Connessione c = _db();
+    auto righe = c.righe("SELECT file FROM nvr_registrazioni WHERE id=?", {r.rid.value_or(-1)});
+    if (!righe.empty()) file = come_testo(righe[0][0]);
+  }
+  struct stat st;
+  if (file.empty() || ::stat(file.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+    return errore_json("Registrazione non trovata", 404);
+  Risposta risposta;
+  risposta.file = FileDaInviare{file, "video/mp4", r.parametro("scarica") == "1",
+                                std::filesystem::path(file).filename().string()};
+  risposta.intestazioni = {{"Accept-Ranges", "bytes"}, {"Cache-Control", "private, max-age=3600"}};
+  return risposta;
+}
+
+namespace {
+
+struct Somma {
+  std::int64_t n = 0;
+  double byte = 0;
+  double sec = 0;
+  void aggiungi(double dimensione, double durata) {
+    ++n;
+    byte += dimensione;
+    sec += std::max(0.0, durata);
+  }
+};
+
+struct Riassunto {
+  CamId id = 0;
+  std::string nome;
+  bool presente = false;
+  std::string cartella;
+  Somma totale;
+  std::map<std::string, Somma> giorni;
+};
+
+}  // namespace
+
+Risposta api_archivio(const Richiesta&) {
+  Config cfg = leggi_config();
+  std::vector<Camera> cams = _telecamere();
+  std::map<CamId, const Camera*> per_id;
+  for (const Camera& c : cams) per_id[c.id] = &c;
+
+  std::map<CamId, Riassunto> riassunti;
+  auto riassunto_di = [&](CamId id) -> Riassunto& {
+    auto it = riassunti.find(id);
+    if (it != riassunti.end()) return it->second;
+    Riassunto r;
+    r.id = id;
+    auto c = per_id.find(id);
+    r.presente = c != per_id.end();
+    r.nome = r.presente ? c->second->nome : "Telecamera " + std::to_string(id);
+    r.cartella = r.presente ? _nome_cartella_cam(*c->second, cams) : "cam_" + std::to_string(id);
+    return riassunti.emplace(id, std::move(r)).first->second;
+  };
+
+  std::int64_t righe = 0;
+  double byte_totali = 0;
+  Zona zona = _fuso();  // asked once: the host may be slow to answer, and rows are many
+  {
+    Connessione c = _db();
+    c.scorri(
+        "SELECT cam_id, inizio, fine, dimensione FROM nvr_registrazioni ORDER BY cam_id, "
+        "inizio",
+        {}, [&](const Riga& riga) {
+          double inizio = come_reale(riga[1]), fine = come_reale(riga[2]);
+          double dimensione = static_cast<double>(come_intero(riga[3]));
+          Riassunto& r = riassunto_di(come_intero(riga[0]));
+          r.totale.aggiungi(dimensione, fine - inizio);
+          r.giorni[formatta(scomponi(inizio, zona), "%Y-%m-%d")].aggiungi(dimensione,
+                                                                          fine - inizio);
+          ++righe;
+          byte_totali += dimensione;
+        });
+  }
+  for (const Camera& cam : cams) riassunto_di(cam.id);
+
+  std::vector<const Riassunto*> ordine;
+  for (const auto& [id, r] : riassunti) ordine.push_back(&r);
+  std::stable_sort(ordine.begin(), ordine.end(), [](const Riassunto* a, const Riassunto* b) {
+    if (a->presente != b->presente) return a->presente;
+    return a->id < b->id;
+  });
+
+  Json telecamere = Json::array();
+  for (const Riassunto* r : ordine) {
+    Json giorni = Json::array();
+    for (auto it = r->giorni.rbegin(); it != r->giorni.rend(); ++it)
+      giorni.push_back(Json{{"giorno", it->first},
+                            {"n", it->second.n},
+                            {"mb", static_cast<std::int64_t>(arrotonda(it->second.byte / 1e6))},
+                            {"sec", it->second.sec}});
+    telecamere.push_back(Json{{"id", r->id},
+                              {"nome", r->nome},
+                              {"presente", r->presente},
+                              {"n", r->totale.n},
+                              {"gb", arrotonda(r->totale.byte / 1e9, 2)},
+                              {"sec", r->totale.sec},
+                              {"cartella", r->cartella},
+                              {"giorni", giorni}});
+  }
+
+  bool archivio_ok = _archivio_presente(cfg);
+  std::optional<Spazio> spazio;
+  if (archivio_ok) spazio = _spazio_sicuro(cfg.cartella);
+  return _json(Json{
+      {"cartella", cfg.cartella},
+      {"archivio_ok", archivio_ok},
+      {"spazio", spazio ? spazio->come_json() : Json()},
+      {"giorni_conservazione", cfg.giorni},
+      {"totale", Json{{"n", righe}, {"gb", arrotonda(byte_totali / 1e9, 2)}}},
+      {"senza_file",
+       archivio_ok ? static_cast<std::int64_t>(_righe_senza_file(cfg).size()) : std::int64_t{0}},
+      {"telecamere", telecamere},
+  });
+}
+
+}  // namespace nvr
