@@ -42,9 +42,11 @@ std::pair<bool, std::string> _avvia(const Config& cfg, const Camera& cam, const 
   Avvio avvio;
   avvio.argomenti = argomenti_ffmpeg(cam.url, segmento, cart, major);
 
-  // A recorder without a log still records; the log only explains a failure.
+  // A recorder without a log still records; the log only explains a failure. The folder is in
+  // the shared temporary directory: a planted link must not make us truncate another file.
   std::shared_ptr<FileLog> log;
-  int fd = ::open(_log_ffmpeg(cam.id).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  int fd = ::open(_log_ffmpeg(cam.id).c_str(),
+                  O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd >= 0) log = std::make_shared<FileLog>(fd);
   avvio.fd_stderr = log ? log->fd() : -1;
 
@@ -115,16 +117,16 @@ void _controlla_processi() {
     if (!p.proc || !p.proc->terminato()) continue;
     _chiudi_log(p);
     std::string err = _ultima_riga_log(cid);
+    std::string testo = !err.empty() ? err
+                                     : "ffmpeg terminato (codice " +
+                                           std::to_string(p.proc->codice().value_or(-1)) + ")";
     {
       std::lock_guard l(_lock);
       auto it = _processi.find(cid);
       // _ferma (or a new start) got there first: it owns the record and says what happened.
       if (it == _processi.end() || it->second.proc != p.proc) continue;
       _processi.erase(it);
-      std::string testo = !err.empty() ? err
-                                       : "ffmpeg terminato (codice " +
-                                             std::to_string(p.proc->codice().value_or(-1)) + ")";
-      _errori_recenti[cid] = ErroreRecente{p.errori + 1, testo, _ora()};
+      _errori_recenti[cid] = ErroreRecente{p.errori + 1, std::move(testo), _ora()};
     }
     _log("telecamera " + std::to_string(cid) + ": ffmpeg terminato: " + err);
   }

@@ -37,8 +37,10 @@ std::vector<std::string> argomenti_ffmpeg(const std::string& url, int segmento,
                                           const std::string& cartella, int major);
 
 // Starts camera `cam`'s recorder into its in-progress folder (created first, even for a URL
-// that is then refused) and records it in _processi, replacing any record there. Its standard
-// error goes to the truncated _log_ffmpeg(cam.id) (0600), or nowhere when that cannot be opened.
+// that is then refused) and records it in _processi, replacing any record there (whose process
+// the caller must have stopped: it is not stopped here). Its standard error goes to the
+// truncated _log_ffmpeg(cam.id) (0600, never through a link), or nowhere when that cannot be
+// opened.
 // Answers (true, "") or (false, message): "Cartella <dir> non scrivibile: <reason or permessi>",
 // "Indirizzo del flusso non valido" (not rtsp://, rtsps://, http://, https://), "ffmpeg non
 // parte: <reason>". Blocks on the folder checks (and on _ffmpeg_major the first time), not on
@@ -47,9 +49,11 @@ std::pair<bool, std::string> _avvia(const Config& cfg, const Camera& cam, const 
                                     const std::vector<Camera>& cams = {});
 
 // Stops camera `cid`'s recorder, if any: SIGINT so that the last segment is finalised, up to
-// 20 s, then SIGKILL. The record leaves _processi first, so each recorder is stopped once even
-// when several threads ask. Logs "registrazione telecamera <cid> fermata (<perche or fine>)".
-// Blocks up to 20 s; must not be called with _lock held.
+// 20 s, then SIGKILL (both to the recorder's own process group), without waiting after the
+// SIGKILL; the child is reaped in the background. The record leaves _processi first, so each
+// recorder is stopped once even when several threads ask; the thread that finds no record
+// returns at once and logs nothing. Logs "registrazione telecamera <cid> fermata (<perche or
+// fine>)". Blocks up to 20 s; must not be called with _lock held.
 void _ferma(CamId cid, const std::string& perche = "");
 
 // Stops every recorder of a snapshot of _processi, one after the other (up to 20 s each).
@@ -59,8 +63,8 @@ void _ferma_tutto(const std::string& perche = "");
 void _chiudi_log(const Registratore& p);
 
 // The last non-blank line of the camera's log (among its last 4000 characters), stripped and
-// cut to 200 characters; "" when there is none or the log cannot be read. Invalid UTF-8 comes
-// back as U+FFFD, so the text can go into JSON as it is.
+// cut to 200 characters; "" when there is none or the log cannot be read (or is a link, which
+// is not followed). Invalid UTF-8 comes back as U+FFFD, so the text can go into JSON as it is.
 std::string _ultima_riga_log(CamId cid);
 
 // The same rules applied to text already read: `coda` is the tail of a log.
