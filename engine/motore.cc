@@ -212,6 +212,10 @@ void _ferma_orfani() {
 
 void _motore() {
   _sveglia.wait(10);
+  if (fermare) {
+    fermare = false;
+    return;
+  }
   try {
     _ferma_orfani();
   } catch (const std::exception& e) {

@@ -150,8 +150,7 @@ std::vector<std::string> argomenti_ffmpeg(const std::string& url, int segmento,
   if (minuscolo.starts_with("rtsp")) {
     // Over UDP a lossy network tears frames; the socket time-out lets a dead camera end the
     // recorder instead of leaving it waiting for ever.
-    a.insert(a.end(),
-             {"-rtsp_transport", "tcp", major < 5 ? "-stimeout" : "-timeout", "5000000"});
+    a.insert(a.end(), {"-rtsp_transport", "tcp", major < 5 ? "-stimeout" : "-timeout", "5000000"});
   }
   std::string durata = std::to_string(segmento != 0 ? segmento : kSegmentoPredefinito);
   a.insert(a.end(), {"-i", url, "-map", "0:v:0", "-c:v", "copy", "-an", "-f", "segment",

@@ -36,15 +36,15 @@ class RegistratoriTest : public ::testing::Test {
     azzera_stato_per_test();
   }
 
-  // A record as _avvia makes it, for a real child running `script` under sh with its standard
-  // error in camera `cid`'s log.
-  Registratore registratore(CamId cid, const std::string& script, int errori = 0) {
+  // A record as _avvia makes it, for a real child running `argomenti` with its standard error in
+  // camera `cid`'s log.
+  Registratore registratore(CamId cid, const Argomenti& argomenti, int errori = 0) {
     int fd = ::open(_log_ffmpeg(cid).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
     EXPECT_GE(fd, 0);
     Registratore r;
     r.log = std::make_shared<FileLog>(fd);
     Avvio avvio;
-    avvio.argomenti = {"sh", "-c", script};
+    avvio.argomenti = argomenti;
     avvio.fd_stderr = fd;
     auto proc = avvia_processo(avvio);
     EXPECT_TRUE(proc.ok());
@@ -237,7 +237,7 @@ TEST_F(LogTest, LastNonBlankLineOfTheTail) {
       {std::string(250, 'x') + "\n", std::string(200, 'x')},
       {e200 + "è\n", e200},
       // The tail of 4000 characters starts inside the word.
-      {"importante\n" + std::string(3995, ' '), "tante"},
+      {"importante\n" + std::string(3995, ' '), "ante"},
       {"errore \xff\xfe fine\n", "errore \xEF\xBF\xBD\xEF\xBF\xBD fine"},
       {"tronco \xC3", "tronco \xEF\xBF\xBD"},
   };
@@ -263,26 +263,29 @@ using ControllaTest = RegistratoriTest;
 TEST_F(ControllaTest, EndedRecordersLeaveWithTheirReason) {
   struct Caso {
     CamId cid;
-    std::string script;
+    Argomenti argomenti;
     int errori;
     ErroreRecente atteso;  // n and testo
     std::string riga;      // what follows "ffmpeg terminato: " in the log
   };
   const Caso casi[] = {
-      {31, "exit 3", 0, {1, "ffmpeg terminato (codice 3)"}, ""},
-      {32, "echo 'rtsp://x: Connection refused' >&2; echo ' ' >&2; exit 1", 0,
-       {1, "rtsp://x: Connection refused"}, "rtsp://x: Connection refused"},
-      {33, "kill -9 $$", 2, {3, "ffmpeg terminato (codice -9)"}, ""},
+      {31, {"sh", "-c", "exit 3"}, 0, {1, "ffmpeg terminato (codice 3)"}, ""},
+      {32,
+       {"sh", "-c", "echo 'rtsp://x: Connection refused' >&2; echo ' ' >&2; exit 1"},
+       0,
+       {1, "rtsp://x: Connection refused"},
+       "rtsp://x: Connection refused"},
+      {33, {"sh", "-c", "kill -9 $$"}, 2, {3, "ffmpeg terminato (codice -9)"}, ""},
   };
   std::vector<std::shared_ptr<FileLog>> logs;
   for (const auto& c : casi) {
-    Registratore r = registratore(c.cid, c.script, c.errori);
+    Registratore r = registratore(c.cid, c.argomenti, c.errori);
     ASSERT_TRUE(r.proc->attendi(10));
     logs.push_back(r.log);
     std::lock_guard l(_lock);
     _processi[c.cid] = r;
   }
-  Registratore vivo = registratore(34, "sleep 60");
+  Registratore vivo = registratore(34, {"sleep", "60"});
   {
     std::lock_guard l(_lock);
     _processi[34] = vivo;
@@ -325,7 +328,8 @@ TEST_F(FermaTest, NothingToStopLogsNothing) {
 TEST_F(FermaTest, StopsEveryRecorderOnceWithItsReason) {
   std::vector<pid_t> pid;
   for (CamId cid : {52, 51, 53}) {
-    Registratore r = registratore(cid, "sleep 60");
+    // Not under sh: dash swallows a SIGINT that comes before it has started its command.
+    Registratore r = registratore(cid, {"sleep", "60"});
     pid.push_back(r.proc->pid());
     std::lock_guard l(_lock);
     _processi[cid] = std::move(r);
@@ -350,8 +354,8 @@ TEST_F(FermaTest, StopsEveryRecorderOnceWithItsReason) {
 // second thread asking meanwhile finds nothing to stop and neither waits nor logs.
 TEST_F(FermaTest, DeafChildIsKilledAfterTheDeadlineOnceFromTwoThreads) {
   std::string nipote = tmp_ / "nipote";
-  Registratore r =
-      registratore(61, "trap '' INT; sleep 60 & echo $! > " + nipote + "; wait; sleep 60");
+  Registratore r = registratore(
+      61, {"sh", "-c", "trap '' INT; sleep 60 & echo $! > " + nipote + "; wait; sleep 60"});
   const pid_t pid = r.proc->pid();
   {
     std::lock_guard l(_lock);

@@ -4,6 +4,7 @@
 
 #include "core/stato.h"
 #include "testing/ambiente.h"
+#include "testing/stand_in.h"
 
 namespace nvr {
 namespace {
@@ -108,6 +109,38 @@ TEST(SpazioTest, MissingFolderHasNoFiguresAndTheAnswerIsCached) {
   EXPECT_GE(sp->usato_pct, 0);
   EXPECT_LE(sp->usato_pct, 100);
   azzera_stato_per_test();
+}
+
+TEST(MountVivoTest, UsbDriveMustStillBeListedAndMounted) {
+  CartellaTemporanea mp;  // the mount point folder stays behind when a drive is pulled
+  testing::Controfigure finte;
+  finte.lsblk_fisso(R"({"blockdevices": [{"name": "sdb", "type": "disk", "rm": true,
+    "children": [
+      {"name": "sdb1", "path": "/dev/sdb1", "type": "part", "size": 1, "fstype": "ext4",
+       "label": "NVR", "uuid": "uuid-a", "partuuid": "part-a", "mountpoint": "/media/x"},
+      {"name": "sdb2", "path": "/dev/sdb2", "type": "part", "size": 1, "fstype": "ext4",
+       "label": "FERMA", "uuid": "uuid-b", "partuuid": "part-b", "mountpoint": null}]}]})");
+  struct Caso {
+    Json dest;
+    std::string mp;
+    bool atteso;
+  };
+  const Caso casi[] = {
+      {{{"tipo", "usb"}, {"uuid", "uuid-a"}}, mp.percorso(), true},
+      {{{"tipo", "usb"}, {"dev", "/dev/sdb1"}, {"uuid", nullptr}}, mp.percorso(), true},
+      {{{"tipo", "usb"}, {"etichetta", "NVR"}}, mp.percorso(), true},
+      {{{"tipo", "usb"}, {"uuid", "uuid-a"}}, mp / "manca", false},       // listed, but no answer
+      {{{"tipo", "usb"}, {"uuid", "uuid-b"}}, mp.percorso(), false},      // present, not mounted
+      {{{"tipo", "usb"}, {"uuid", "uuid-tolta"}}, mp.percorso(), false},  // pulled
+      {{{"tipo", "usb"}}, mp.percorso(), false},
+      // Other destinations only need the mount point to answer.
+      {{{"tipo", "rete"}, {"uuid", "uuid-tolta"}}, mp.percorso(), true},
+      {Json::object(), mp.percorso(), true},
+      {Json::object(), mp / "manca", false},
+      {Json::object(), "", false},
+  };
+  for (const Caso& c : casi)
+    EXPECT_EQ(_mount_vivo(c.dest, c.mp), c.atteso) << c.dest.dump() << " " << c.mp;
 }
 
 }  // namespace

@@ -5,17 +5,11 @@
 
 #include "core/processo.h"
 #include "storage/comando.h"
+#include "storage/testi.h"
 
 namespace nvr {
 
 namespace {
-
-std::string spoglia(const std::string& s) {
-  const char* bianchi = " \t\n\r\f\v";
-  auto a = s.find_first_not_of(bianchi);
-  if (a == std::string::npos) return "";
-  return s.substr(a, s.find_last_not_of(bianchi) - a + 1);
-}
 
 // A field of an lsblk node as text: "" when absent or null.
 std::string testo(const Json& nodo, const std::string& chiave) {
@@ -121,7 +115,7 @@ std::vector<Unita> _unita_lsblk() {
 
 std::optional<Unita> _trova_unita(const std::string& dev, const std::string& uuid,
                                   const std::string& etichetta) {
-  std::vector<Unita> elenco = _unita_lsblk();
+  std::vector<Unita> elenco = _unita_presenti();
 
   // The UUID first: a re-plugged drive keeps it but may come back under another device name.
   // A stored UUID may be either kind, so it is also tried as the partition's.

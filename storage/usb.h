@@ -39,8 +39,8 @@ std::vector<Unita> unita_usb();
 
 // The drive with this UUID (or PARTUUID), else this label, else this device path; absent when
 // none matches. Empty arguments are not looked for. It reads the same list as unita_usb but
-// never touches the drives' filesystems (`spazio` stays absent, and so does the size of a
-// /Volumes entry), so asking whether a drive is still there cannot hang on a dead one.
+// never reads the drives' space (`spazio` stays absent, and so does the size of a /Volumes
+// entry), so asking whether a drive is still there cannot hang on a dead one.
 std::optional<Unita> _trova_unita(const std::string& dev = "", const std::string& uuid = "",
                                   const std::string& etichetta = "");
 
@@ -52,6 +52,10 @@ std::vector<Unita> _leggi_lsblk(const Json& uscita);
 
 // Runs lsblk (10 s) and reads its output as above; empty when lsblk is missing or fails.
 std::vector<Unita> _unita_lsblk();
+
+// lsblk's drives and the /Volumes entries, as unita_usb lists them but without reading their
+// space (no `spazio`, no size for /Volumes entries), so it cannot hang on a dead drive.
+std::vector<Unita> _unita_presenti();
 
 // The volumes mounted in the folder `cartella` (a desktop's /Volumes), except "Macintosh HD",
 // sorted by name. With `misura` their size is read from the filesystem, else it stays 0.

@@ -36,6 +36,13 @@ std::vector<Unita> _unita_volumi(const std::string& cartella, bool misura) {
   return fuori;
 }
 
+std::vector<Unita> _unita_presenti() {
+  std::vector<Unita> elenco = _unita_lsblk();
+  std::vector<Unita> volumi = _unita_volumi("/Volumes", false);
+  elenco.insert(elenco.end(), volumi.begin(), volumi.end());
+  return elenco;
+}
+
 std::vector<Unita> unita_usb() {
   std::vector<Unita> elenco = _unita_lsblk();
   std::vector<Unita> volumi = _unita_volumi("/Volumes", true);

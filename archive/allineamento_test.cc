@@ -1,0 +1,148 @@
+#include "archive/allineamento.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "core/db.h"
+#include "core/stato.h"
+#include "testing/ambiente.h"
+#include "testing/righe_di_prova.h"
+
+namespace nvr {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::aggiungi_registrazione;
+using testing::CartellaTemporanea;
+using testing::file_indicizzati;
+using testing::HostDiProva;
+using testing::scrivi_file;
+
+TEST(MancantiTest, OneListingPerFolderDecidesForItsFiles) {
+  CartellaTemporanea t;
+  scrivi_file(t / "a/1.mp4", "x");
+  scrivi_file(t / "a/3.mp4", "x");
+  scrivi_file(t / "b/1.mp4", "x");
+  scrivi_file(t / "file", "x");
+  struct Caso {
+    std::vector<std::string> percorsi;
+    std::set<std::string> attesi;
+  };
+  const Caso casi[] = {
+      {{}, {}},
+      {{t / "a/1.mp4", t / "a/2.mp4", t / "a/3.mp4", t / "b/2.mp4", t / "b/1.mp4"},
+       {t / "a/2.mp4", t / "b/2.mp4"}},
+      // A folder removed as a whole: all its files are gone.
+      {{t / "tolta/1.mp4", t / "tolta/2.mp4", t / "a/1.mp4"},
+       {t / "tolta/1.mp4", t / "tolta/2.mp4"}},
+      {{t / "tolta/sotto/1.mp4"}, {t / "tolta/sotto/1.mp4"}},
+      // A folder that cannot be listed (here a file stands where it should be) says nothing.
+      {{t / "file/1.mp4", t / "a/2.mp4"}, {t / "a/2.mp4"}},
+      // The same folder written differently is listed on its own, with the same answer.
+      {{t / "a//2.mp4", t / "a/./1.mp4"}, {t / "a//2.mp4"}},
+      // A folder is a name in its parent like any other.
+      {{t / "a", t / "b"}, {}},
+  };
+  for (const Caso& c : casi) {
+    std::set<std::string> trovati = _mancanti(c.percorsi);
+    EXPECT_EQ(trovati, c.attesi) << ::testing::PrintToString(c.percorsi);
+  }
+}
+
+class AllineamentoTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    _init_db();
+    cfg_.cartella = archivio_.percorso();
+  }
+
+  // A USB destination whose mount point is a plain folder: the drive is not mounted.
+  Config senza_unita() {
+    Config cfg = cfg_;
+    cfg.destinazione = {{"tipo", "usb"}, {"uuid", "uuid-a"}, {"mountpoint", punto_.percorso()}};
+    return cfg;
+  }
+
+  HostDiProva h_;
+  CartellaTemporanea archivio_;
+  CartellaTemporanea punto_;
+  Config cfg_;
+};
+
+TEST_F(AllineamentoTest, LocalArchiveIsPresentWhileItsFolderExists) {
+  EXPECT_TRUE(_archivio_presente(cfg_));
+  Config altro = cfg_;
+  altro.cartella = archivio_ / "manca";
+  EXPECT_FALSE(_archivio_presente(altro));
+  altro.cartella = "";
+  EXPECT_FALSE(_archivio_presente(altro));
+  scrivi_file(archivio_ / "file", "x");
+  altro.cartella = archivio_ / "file";
+  EXPECT_FALSE(_archivio_presente(altro));
+  // Not a mount point, whatever it holds.
+  EXPECT_FALSE(_archivio_presente(senza_unita()));
+  altro = cfg_;
+  altro.destinazione = {{"tipo", "rete"}};
+  EXPECT_FALSE(_archivio_presente(altro));
+  // A destination that is not an object counts as a local folder.
+  altro.destinazione = "rete";
+  EXPECT_TRUE(_archivio_presente(altro));
+}
+
+TEST_F(AllineamentoTest, PresenceIsCachedPerConfigurationSignature) {
+  EXPECT_TRUE(_archivio_presente(cfg_));
+  CachePresente c = _cache_presente.get();
+  EXPECT_TRUE(c.val);
+  EXPECT_GT(c.ts, 0.0);
+
+  fs::remove_all(archivio_.percorso());
+  EXPECT_TRUE(_archivio_presente(cfg_)) << "entro 5 s il disco non si guarda di nuovo";
+  EXPECT_FALSE(_archivio_presente(cfg_, 0));
+
+  fs::create_directory(archivio_.percorso());
+  EXPECT_FALSE(_archivio_presente(cfg_));
+  Config altro = cfg_;
+  altro.destinazione = {{"mountpoint", "/altrove"}};  // another signature, a new check
+  EXPECT_TRUE(_archivio_presente(altro));
+  EXPECT_TRUE(_archivio_presente(cfg_));  // and back: the single entry changed again
+
+  _cache_presente.modifica([](CachePresente& c) { c.ts -= 6; });
+  fs::remove_all(archivio_.percorso());
+  EXPECT_FALSE(_archivio_presente(cfg_)) << "dopo 5 s si guarda di nuovo";
+}
+
+TEST_F(AllineamentoTest, RowsWithoutFilesAreDroppedOnlyWhileTheArchiveIsPresent) {
+  scrivi_file(archivio_ / "cam/2024-05-01/10-00-00.mp4", "x");
+  std::int64_t c = aggiungi_registrazione(1, 300, archivio_ / "cam/2024-05-01/10-05-00.mp4");
+  aggiungi_registrazione(1, 100, archivio_ / "cam/2024-05-01/10-00-00.mp4");
+  std::int64_t a = aggiungi_registrazione(2, 200, archivio_ / "tolta/2024-05-01/10-00-00.mp4");
+  std::int64_t b = aggiungi_registrazione(2, 400, archivio_ / "tolta/2024-05-01/10-05-00.mp4");
+
+  // The drive is away: every file looks missing, and none of its rows may go.
+  EXPECT_TRUE(_righe_senza_file(senza_unita()).empty());
+  EXPECT_EQ(_allinea(senza_unita()), 0);
+  EXPECT_EQ(file_indicizzati().size(), 4u);
+
+  std::vector<std::int64_t> attesi = {c, a, b};  // in the order read
+  EXPECT_EQ(_righe_senza_file(cfg_), attesi);
+  EXPECT_EQ(_allinea(cfg_), 3);
+  EXPECT_EQ(file_indicizzati(),
+            std::vector<std::string>{archivio_ / "cam/2024-05-01/10-00-00.mp4"});
+  EXPECT_EQ(_allinea(cfg_), 0);
+  EXPECT_EQ(file_indicizzati().size(), 1u);
+}
+
+TEST_F(AllineamentoTest, CleanArchiveWritesNothing) {
+  scrivi_file(archivio_ / "cam/1.mp4", "x");
+  aggiungi_registrazione(1, 100, archivio_ / "cam/1.mp4");
+  Connessione c = _db();
+  auto versione = [&c] { return come_intero(c.righe("PRAGMA data_version").at(0).at(0)); };
+  std::int64_t prima = versione();
+  EXPECT_EQ(_allinea(cfg_), 0);
+  EXPECT_EQ(versione(), prima) << "un'altra connessione ha scritto nel database";
+  EXPECT_EQ(file_indicizzati().size(), 1u);
+}
+
+}  // namespace
+}  // namespace nvr

@@ -1,0 +1,156 @@
+#include "archive/pulizia.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "core/db.h"
+#include "core/tempo.h"
+#include "testing/ambiente.h"
+#include "testing/righe_di_prova.h"
+
+namespace nvr {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::aggiungi_evento;
+using testing::aggiungi_registrazione;
+using testing::CartellaTemporanea;
+using testing::file_indicizzati;
+using testing::HostDiProva;
+using testing::scrivi_file;
+using testing::ts_eventi;
+
+constexpr double kGiorno = 86400;
+
+class PuliziaTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    _init_db();
+    cfg_.cartella = archivio_.percorso();
+    cfg_.giorni = 0;
+    cfg_.spazio_min_gb = 0;
+  }
+
+  // A segment file with its row.
+  std::string segmento(const std::string& relativo, double inizio, std::int64_t cam = 1) {
+    std::string p = archivio_ / relativo;
+    scrivi_file(p, "video");
+    aggiungi_registrazione(cam, inizio, p);
+    return p;
+  }
+
+  HostDiProva h_;
+  CartellaTemporanea archivio_;
+  CartellaTemporanea fuori_;
+  Config cfg_;
+};
+
+TEST_F(PuliziaTest, SegmentsStartedBeforeTheCutOffGoWithTheFoldersTheyEmpty) {
+  const double limite = 1'700'000'000;
+  std::string vecchio = segmento("cam/2023-11-01/10-00-00.mp4", limite - 0.001);
+  std::string al_limite = segmento("cam/2023-11-14/22-13-20.mp4", limite);
+  std::string nuovo = segmento("altra/2023-11-15/08-00-00.mp4", limite + kGiorno, 2);
+  std::string accanto_alla_nota = segmento("altra/2023-11-02/09-00-00.mp4", limite - kGiorno, 2);
+  scrivi_file(archivio_ / "altra/2023-11-02/nota.txt", "resta");
+  fs::create_directories(archivio_ / "vuota/in_corso");
+  std::string vuota = segmento("vuota/2023-10-01/00-00-00.mp4", limite - 40 * kGiorno);
+  aggiungi_evento(1, limite - 1);
+  aggiungi_evento(1, limite);
+  aggiungi_evento(2, limite + 1);
+
+  _pulizia_prima_di(cfg_, limite);
+
+  EXPECT_EQ(file_indicizzati(), (std::vector<std::string>{al_limite, nuovo}));
+  EXPECT_FALSE(fs::exists(vecchio));
+  EXPECT_FALSE(fs::exists(archivio_ / "cam/2023-11-01"));
+  EXPECT_TRUE(fs::exists(al_limite));
+  EXPECT_TRUE(fs::exists(nuovo));
+  EXPECT_FALSE(fs::exists(accanto_alla_nota));
+  EXPECT_TRUE(fs::exists(archivio_ / "altra/2023-11-02/nota.txt"));
+  // The day folder goes, the camera folder with its recorder's in-progress folder stays.
+  EXPECT_FALSE(fs::exists(archivio_ / "vuota/2023-10-01"));
+  EXPECT_TRUE(fs::exists(archivio_ / "vuota/in_corso"));
+  EXPECT_TRUE(fs::exists(archivio_.percorso()));
+  EXPECT_EQ(ts_eventi(), (std::vector<double>{limite, limite + 1}));
+}
+
+TEST_F(PuliziaTest, ZeroDaysKeepsTwoWeeks) {
+  double ora = _ora();
+  std::string oltre = segmento("cam/a/1.mp4", ora - 14 * kGiorno - 60);
+  std::string entro = segmento("cam/b/1.mp4", ora - 14 * kGiorno + 60);
+  aggiungi_evento(1, ora - 14 * kGiorno - 60);
+  aggiungi_evento(1, ora - 14 * kGiorno + 60);
+  _pulizia(cfg_);
+  EXPECT_EQ(file_indicizzati(), std::vector<std::string>{entro});
+  EXPECT_FALSE(fs::exists(oltre));
+  EXPECT_EQ(ts_eventi().size(), 1u);
+
+  cfg_.giorni = 1;
+  _pulizia(cfg_, /*forza=*/true);
+  EXPECT_TRUE(file_indicizzati().empty());
+  EXPECT_TRUE(ts_eventi().empty());
+}
+
+TEST_F(PuliziaTest, VanishedFilesLoseTheirRowsAndOutsideFilesAreNeverTouched) {
+  const double limite = 1'700'000'000;
+  std::string sparito = archivio_ / "cam/2023-11-20/10-00-00.mp4";
+  aggiungi_registrazione(1, limite + kGiorno, sparito);  // recent, but its file is gone
+  std::string esterno = fuori_ / "vecchio.mp4";
+  scrivi_file(esterno, "non mio");
+  aggiungi_registrazione(1, limite - 30 * kGiorno, esterno);
+  // A link inside the archive to a file outside: the link is the archive's, the file is not.
+  fs::create_directories(archivio_ / "cam/2023-11-01");
+  std::string collegamento = archivio_ / "cam/2023-11-01/10-00-00.mp4";
+  fs::create_symlink(esterno, collegamento);
+  aggiungi_registrazione(1, limite - 20 * kGiorno, collegamento);
+  // A path that only looks inside.
+  std::string furbo =
+      archivio_ / "../" + fs::path(fuori_.percorso()).filename().string() + "/furbo.mp4";
+  scrivi_file(furbo, "non mio");
+  aggiungi_registrazione(1, limite - 10 * kGiorno, furbo);
+  cfg_.spazio_min_gb = 1e9;  // every file of the archive would go for space
+
+  _pulizia_prima_di(cfg_, limite);
+
+  EXPECT_EQ(file_indicizzati(), (std::vector<std::string>{esterno, furbo}));
+  EXPECT_EQ(testing::leggi_file(esterno), "non mio");
+  EXPECT_EQ(testing::leggi_file(furbo), "non mio");
+  EXPECT_FALSE(fs::is_symlink(collegamento));
+}
+
+TEST_F(PuliziaTest, EnoughFreeSpaceDeletesNothingForSpace) {
+  double ora = _ora();
+  std::string a = segmento("cam/a/1.mp4", ora - 3600);
+  std::string b = segmento("cam/a/2.mp4", ora - 1800);
+  for (double min_gb : {0.0, 0.1}) {  // 0 switches the phase off; 0.1 GB is free here
+    cfg_.spazio_min_gb = min_gb;
+    _pulizia(cfg_);
+    EXPECT_EQ(file_indicizzati(), (std::vector<std::string>{a, b})) << min_gb;
+  }
+}
+
+TEST_F(PuliziaTest, AbsentArchiveIsLeftExactlyAsItIs) {
+  CartellaTemporanea punto;  // the drive's mount point, with nothing mounted on it
+  cfg_.destinazione = {{"tipo", "usb"}, {"uuid", "uuid-a"}, {"mountpoint", punto.percorso()}};
+  cfg_.spazio_min_gb = 1e9;
+  std::string vecchio = segmento("cam/2020-01-01/10-00-00.mp4", 1'577'869'200);
+  aggiungi_registrazione(1, 1'577'869'500, archivio_ / "cam/2020-01-01/10-05-00.mp4");
+  aggiungi_evento(1, 1'577'869'200);
+
+  _pulizia(cfg_);
+
+  EXPECT_TRUE(fs::exists(vecchio));
+  EXPECT_EQ(file_indicizzati().size(), 2u);
+  EXPECT_EQ(ts_eventi().size(), 1u);
+}
+
+TEST_F(PuliziaTest, EventsArePurgedAlsoWithAnEmptyIndex) {
+  aggiungi_evento(1, 100);
+  aggiungi_evento(1, _ora());
+  _pulizia(cfg_);
+  EXPECT_EQ(ts_eventi().size(), 1u);
+}
+
+}  // namespace
+}  // namespace nvr

@@ -1,0 +1,255 @@
+// USB drives as they behave for real: loop-device images mounted by the code as root. Only the
+// removable flags (which lsblk cannot report for a loop device) come from a stand-in lsblk.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mount.h>
+
+#include <filesystem>
+#include <fstream>
+#include <memory>
+
+#include "core/processo.h"
+#include "core/stato.h"
+#include "storage/comando.h"
+#include "storage/usb.h"
+#include "testing/loop.h"
+#include "testing/processi.h"
+#include "testing/stand_in.h"
+
+namespace nvr {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::CartellaTemporanea;
+using testing::Controfigure;
+using testing::ImmagineLoop;
+
+bool kernel_legge(const std::string& fs) {
+  std::ifstream f("/proc/filesystems");
+  for (std::string riga; std::getline(f, riga);)
+    if (riga.size() > fs.size() && riga.substr(riga.size() - fs.size() - 1) == "\t" + fs)
+      return true;
+  return false;
+}
+
+class UsbRootTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!_sono_root()) GTEST_SKIP() << "serve l'utente root (loop device e mount)";
+    azzera_stato_per_test();
+    imposta_radice_montaggi_per_test(radice_.percorso());
+    try {
+      ext4_ = std::make_unique<ImmagineLoop>("ext4", "My Disk!",
+                                             "0b7e1c9a-1111-4222-8333-444455556666");
+      vfat_ = std::make_unique<ImmagineLoop>("vfat", "FOTO", "1234-ABCD");
+    } catch (const std::exception& e) {
+      GTEST_SKIP() << "immagini su loop device non disponibili: " << e.what();
+    }
+    finte_.mount_registratore();
+    mostra({ext4_.get(), vfat_.get()});
+  }
+
+  void TearDown() override {
+    // The drives go first: their mounts live inside the temporary folders.
+    ext4_.reset();
+    vfat_.reset();
+    altre_.clear();
+    azzera_stato_per_test();
+  }
+
+  // lsblk shows these images as the partitions of one removable USB disk.
+  void mostra(const std::vector<const ImmagineLoop*>& immagini) {
+    finte_.programma("lsblk", testing::script_lsblk(immagini, finte_ / "lsblk.args"));
+  }
+
+  // A recorder as the engine keeps it, whose process only ends on a signal.
+  pid_t registratore_finto(CamId cid) {
+    Avvio a;
+    a.argomenti = {"sleep", "300"};
+    auto p = avvia_processo(a);
+    EXPECT_TRUE(p.ok());
+    if (!p.ok()) return -1;
+    Registratore r;
+    r.proc = p.valore();
+    std::lock_guard l(_lock);
+    _processi[cid] = r;
+    return p.valore()->pid();
+  }
+
+  CartellaTemporanea radice_;
+  Controfigure finte_;
+  std::unique_ptr<ImmagineLoop> ext4_, vfat_;
+  std::vector<std::unique_ptr<ImmagineLoop>> altre_;
+};
+
+TEST_F(UsbRootTest, Ext4MountsWithoutOptionsAndUnmountsAfterStoppingRecorders) {
+  std::string mp = radice_ / "My_Disk";
+  EXPECT_EQ(monta_usb("/dev/altro", ext4_->uuid()),
+            std::make_tuple(true, std::string("Montata"), mp));
+  EXPECT_EQ(ext4_->mountpoint(), mp);
+  ASSERT_EQ(finte_.chiamate_mount().size(), 1u);
+  EXPECT_EQ(finte_.chiamate_mount()[0], (std::vector<std::string>{ext4_->dev(), mp}));
+  testing::scrivi_file(mp + "/prova.txt", "x");  // really on the drive
+  EXPECT_EQ(testing::leggi_file(mp + "/prova.txt"), "x");
+
+  // Asked again, the drive is used where it is, not mounted a second time.
+  EXPECT_EQ(monta_usb("", "", "My Disk!"), std::make_tuple(true, std::string("Gia' montata"), mp));
+  EXPECT_EQ(finte_.chiamate_mount().size(), 1u);
+
+  pid_t pid = registratore_finto(7);
+  ::testing::internal::CaptureStdout();
+  auto esito = smonta(mp);
+  std::string log = ::testing::internal::GetCapturedStdout();
+  EXPECT_EQ(esito, std::make_pair(true, std::string("Smontata")));
+  EXPECT_EQ(ext4_->mountpoint(), "");
+  EXPECT_NE(log.find("registrazione telecamera 7 fermata (smontaggio)"), std::string::npos) << log;
+  EXPECT_TRUE(testing::attendi_sparito(pid, 10));
+  {
+    std::lock_guard l(_lock);
+    EXPECT_TRUE(_processi.empty());
+  }
+
+  // A plain folder is refused without touching the recorders.
+  pid = registratore_finto(8);
+  EXPECT_EQ(smonta(mp), std::make_pair(false, std::string("Non e' un punto di montaggio")));
+  EXPECT_EQ(smonta(""), std::make_pair(false, std::string("Non e' un punto di montaggio")));
+  {
+    std::lock_guard l(_lock);
+    EXPECT_EQ(_processi.count(8), 1u);
+  }
+  EXPECT_TRUE(testing::stato_processo(pid).has_value());
+  ::kill(pid, SIGKILL);
+  std::lock_guard l(_lock);
+  _processi.clear();
+}
+
+TEST_F(UsbRootTest, FatDriveIsGivenToTheServerUserWithUtf8Names) {
+  std::string mp = radice_ / "FOTO";
+  auto [ok, msg, dove] = monta_usb("", "1234-ABCD");
+  ASSERT_EQ(finte_.chiamate_mount().size(), 1u);
+  EXPECT_EQ(
+      finte_.chiamate_mount()[0],
+      (std::vector<std::string>{"-o", "uid=0,gid=0,umask=000,iocharset=utf8", vfat_->dev(), mp}));
+  if (kernel_legge("vfat")) {
+    EXPECT_EQ(std::make_tuple(ok, msg, dove), std::make_tuple(true, std::string("Montata"), mp));
+  } else {
+    // This kernel cannot read FAT: the user is told so, in plain words.
+    EXPECT_FALSE(ok);
+    EXPECT_EQ(dove, "");
+    EXPECT_EQ(msg.rfind("mount: mount: " + mp + ": unknown filesystem type 'vfat'.", 0), 0u) << msg;
+    std::string consiglio =
+        "  (il sistema non sa leggere questo filesystem: formatta la chiavetta in exFAT o ext4)";
+    EXPECT_EQ(msg.substr(msg.size() - consiglio.size()), consiglio) << msg;
+  }
+}
+
+TEST_F(UsbRootTest, MountPointIsNamedAfterTheSafeLabelOrTheDevice) {
+  struct Caso {
+    const char* etichetta;
+    const char* cartella;  // "" = the device's name
+  } casi[] = {{"Dati 2024", "Dati_2024"}, {"@@@", "unita"}, {"", ""}};
+  std::vector<const ImmagineLoop*> tutte;
+  const char* uuid[] = {"11111111-0000-4000-8000-000000000001",
+                        "11111111-0000-4000-8000-000000000002",
+                        "11111111-0000-4000-8000-000000000003"};
+  for (int i = 0; i < 3; ++i) {
+    altre_.push_back(std::make_unique<ImmagineLoop>("ext4", casi[i].etichetta, uuid[i]));
+    tutte.push_back(altre_.back().get());
+  }
+  mostra(tutte);
+  for (int i = 0; i < 3; ++i) {
+    std::string nome =
+        *casi[i].cartella ? casi[i].cartella : fs::path(altre_[i]->dev()).filename().string();
+    EXPECT_EQ(monta_usb("", uuid[i]), std::make_tuple(true, std::string("Montata"), radice_ / nome))
+        << casi[i].etichetta;
+    EXPECT_EQ(altre_[i]->mountpoint(), radice_ / nome);
+  }
+}
+
+TEST_F(UsbRootTest, DriveMountedByTheDesktopIsUsedWhereItIsOrRefusedWhenReadOnly) {
+  CartellaTemporanea desktop;
+  std::string mp = desktop / "DISK";
+  fs::create_directory(mp);
+  ASSERT_EQ(::mount(ext4_->dev().c_str(), mp.c_str(), "ext4", 0, nullptr), 0);
+  EXPECT_EQ(monta_usb("", ext4_->uuid()), std::make_tuple(true, std::string("Gia' montata"), mp));
+  ASSERT_EQ(::umount(mp.c_str()), 0);
+
+  ASSERT_EQ(::mount(ext4_->dev().c_str(), mp.c_str(), "ext4", MS_RDONLY, nullptr), 0);
+  EXPECT_EQ(monta_usb("", ext4_->uuid()),
+            std::make_tuple(false,
+                            "gia' montata da un altro programma in " + mp +
+                                " ma li' il server non puo' scrivere: espelli la chiavetta dal "
+                                "desktop e premi di nuovo \"Usa questa unita'\"",
+                            std::string()));
+  EXPECT_TRUE(finte_.chiamate_mount().empty());  // never mounted a second time
+  EXPECT_EQ(ext4_->mountpoint(), mp);
+  ::umount2(mp.c_str(), MNT_DETACH);
+}
+
+TEST_F(UsbRootTest, RepluggedDriveIsFoundByUuidUnderItsNewName) {
+  std::string vecchio = ext4_->dev();
+  ext4_->stacca();
+  EXPECT_FALSE(_trova_unita(vecchio, ext4_->uuid(), "My Disk!"));
+  EXPECT_EQ(monta_usb(vecchio, ext4_->uuid()),
+            std::make_tuple(false, std::string("Unita' non trovata (staccata?)"), std::string()));
+
+  ext4_->ricollega();
+  ASSERT_NE(ext4_->dev(), vecchio);
+  std::optional<Unita> u = _trova_unita(vecchio, ext4_->uuid(), "");
+  ASSERT_TRUE(u);
+  EXPECT_EQ(u->dev, ext4_->dev());
+  EXPECT_EQ(u->etichetta, "My Disk!");
+  EXPECT_EQ(monta_usb(vecchio, ext4_->uuid()),
+            std::make_tuple(true, std::string("Montata"), radice_ / "My_Disk"));
+  EXPECT_EQ(ext4_->mountpoint(), radice_ / "My_Disk");
+}
+
+TEST_F(UsbRootTest, ListShowsEachDriveWithItsSpaceWhenMounted) {
+  ASSERT_EQ(std::get<0>(monta_usb("", ext4_->uuid())), true);
+  std::vector<Unita> elenco = unita_usb();
+  ASSERT_EQ(elenco.size(), 2u);
+  EXPECT_EQ(elenco[0].dev, ext4_->dev());
+  EXPECT_EQ(elenco[0].nome, "My Disk!");
+  EXPECT_EQ(elenco[0].modello, "Zuna Chiavetta");
+  EXPECT_TRUE(elenco[0].montata);
+  EXPECT_EQ(elenco[0].mountpoint, radice_ / "My_Disk");
+  ASSERT_TRUE(elenco[0].spazio);
+  EXPECT_EQ(elenco[0].come_json()["spazio"]["totale_gb"], 0.0);  // 8 MB
+  EXPECT_EQ(elenco[1].dev, vfat_->dev());
+  EXPECT_FALSE(elenco[1].montata);
+  EXPECT_FALSE(elenco[1].spazio);
+  EXPECT_EQ(elenco[1].come_json()["spazio"], Json());
+}
+
+TEST(VolumiRootTest, ListsTheMountedVolumesButTheMacsOwnDisk) {
+  if (!_sono_root()) GTEST_SKIP() << "serve l'utente root (mount di tmpfs)";
+  CartellaTemporanea volumi;
+  for (const char* nome : {"USBKEY", "Macintosh HD", "Vuota"}) fs::create_directory(volumi / nome);
+  ASSERT_EQ(::mount("tmpfs", (volumi / "USBKEY").c_str(), "tmpfs", 0, "size=300m"), 0);
+  ASSERT_EQ(::mount("tmpfs", (volumi / "Macintosh HD").c_str(), "tmpfs", 0, "size=1m"), 0);
+
+  std::vector<Unita> misurati = _unita_volumi(volumi.percorso(), true);
+  std::vector<Unita> contati = _unita_volumi(volumi.percorso(), false);
+  ::umount2((volumi / "USBKEY").c_str(), MNT_DETACH);
+  ::umount2((volumi / "Macintosh HD").c_str(), MNT_DETACH);
+
+  ASSERT_EQ(misurati.size(), 1u);
+  EXPECT_EQ(misurati[0].come_json(), (Json{{"dev", volumi / "USBKEY"},
+                                           {"nome", "USBKEY"},
+                                           {"etichetta", "USBKEY"},
+                                           {"uuid", ""},
+                                           {"partuuid", ""},
+                                           {"fs", ""},
+                                           {"dimensione_gb", 0.3},
+                                           {"montata", true},
+                                           {"mountpoint", volumi / "USBKEY"},
+                                           {"modello", "Volume"},
+                                           {"sistema", false},
+                                           {"spazio", nullptr}}));
+  ASSERT_EQ(contati.size(), 1u);
+  EXPECT_EQ(contati[0].dimensione_gb, 0.0);
+  EXPECT_TRUE(_unita_volumi(volumi / "manca", true).empty());
+}
+
+}  // namespace
+}  // namespace nvr
