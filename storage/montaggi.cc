@@ -10,7 +10,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <regex>
 #include <string_view>
 #include <vector>
 
@@ -72,11 +71,22 @@ double una_cifra(double x) {
   return std::strtod(testo, nullptr);
 }
 
+// The first non-empty name quoted after "filesystem type " (the case of the words matters),
+// lower-cased; "" when there is none.
+std::string tipo_citato(const std::string& m) {
+  static constexpr std::string_view kPrima = "filesystem type '";
+  for (auto i = m.find(kPrima); i != std::string::npos; i = m.find(kPrima, i + 1)) {
+    auto inizio = i + kPrima.size();
+    auto fine = m.find('\'', inizio);
+    if (fine == std::string::npos) return "";
+    if (fine > inizio) return minuscolo(m.substr(inizio, fine - inizio));
+  }
+  return "";
+}
+
 // Explains a mount failure that names a filesystem the system cannot read.
 std::string spiega_filesystem(const std::string& m) {
-  static const std::regex tipo("filesystem type '([^']+)'");
-  std::smatch trovato;
-  std::string nome = std::regex_search(m, trovato, tipo) ? minuscolo(trovato[1].str()) : "";
+  std::string nome = tipo_citato(m);
   if (nome == "apfs" || nome == "hfsplus" || nome == "hfs")
     return "  (la chiavetta e' formattata dal Mac in " + maiuscolo(nome) +
            ": Linux non la legge. Formattala in exFAT: sul Mac Utility Disco > Inizializza > "

@@ -69,6 +69,10 @@ TEST(SpiegaMountTest, EachErrorGetsTheFirstMatchingHint) {
       {"mount: /media/x: wrong fs type, bad option, bad superblock on /dev/sdb1.",
        "mount: /media/x: wrong fs type, bad option, bad superblock on /dev/sdb1." + kIgnoto},
       {"Tipo di filesystem sconosciuto", "Tipo di filesystem sconosciuto" + kIgnoto},
+      {"wrong fs type: filesystem type '' o filesystem type 'exfat'",
+       "wrong fs type: filesystem type '' o filesystem type 'exfat'  (manca il supporto exfat sul "
+       "server: esegui  sudo apt-get install -y exfat-fuse exfatprogs  e riprova)"},
+      {"unknown filesystem type 'exfat", "unknown filesystem type 'exfat" + kIgnoto},
       // Only the lower-case text is searched for the row, the original for the name.
       {"UNKNOWN FILESYSTEM TYPE 'exfat'", "UNKNOWN FILESYSTEM TYPE 'exfat'" + kIgnoto},
   };
