@@ -42,9 +42,11 @@ std::pair<bool, std::string> _avvia(const Config& cfg, const Camera& cam, const 
   Avvio avvio;
   avvio.argomenti = argomenti_ffmpeg(cam.url, segmento, cart, major);
 
-  // A recorder without a log still records; the log only explains a failure.
+  // A recorder without a log still records; the log only explains a failure. The folder is in
+  // the shared temporary directory: a planted link must not make us truncate another file.
   std::shared_ptr<FileLog> log;
-  int fd = ::open(_log_ffmpeg(cam.id).c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  int fd = ::open(_log_ffmpeg(cam.id).c_str(),
+                  O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (fd >= 0) log = std::make_shared<FileLog>(fd);
   avvio.fd_stderr = log ? log->fd() : -1;
 

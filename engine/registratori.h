@@ -37,8 +37,10 @@ std::vector<std::string> argomenti_ffmpeg(const std::string& url, int segmento,
                                           const std::string& cartella, int major);
 
 // Starts camera `cam`'s recorder into its in-progress folder (created first, even for a URL
-// that is then refused) and records it in _processi, replacing any record there. Its standard
-// error goes to the truncated _log_ffmpeg(cam.id) (0600), or nowhere when that cannot be opened.
+// that is then refused) and records it in _processi, replacing any record there (whose process
+// the caller must have stopped: it is not stopped here). Its standard error goes to the
+// truncated _log_ffmpeg(cam.id) (0600, never through a link), or nowhere when that cannot be
+// opened.
 // Answers (true, "") or (false, message): "Cartella <dir> non scrivibile: <reason or permessi>",
 // "Indirizzo del flusso non valido" (not rtsp://, rtsps://, http://, https://), "ffmpeg non
 // parte: <reason>". Blocks on the folder checks (and on _ffmpeg_major the first time), not on
@@ -59,7 +61,8 @@ void _ferma_tutto(const std::string& perche = "");
 void _chiudi_log(const Registratore& p);
 
 // The last non-blank line of the camera's log (among its last 4000 characters), stripped and
-// cut to 200 characters; "" when there is none or the log cannot be read. Invalid UTF-8 comes
+// cut to 200 characters; "" when there is none or the log cannot be read (or is a link, which
+// is not followed). Invalid UTF-8 comes
 // back as U+FFFD, so the text can go into JSON as it is.
 std::string _ultima_riga_log(CamId cid);
 

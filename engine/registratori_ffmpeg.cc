@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
-#include <regex>
 
 #include "core/processo.h"
 #include "engine/registratori.h"
@@ -99,7 +98,8 @@ std::string_view senza_spazi(std::string_view s) {
 
 // The last `byte` bytes of file `percorso`; nothing when it cannot be read.
 std::optional<std::string> coda_file(const std::string& percorso, std::size_t byte) {
-  int fd = ::open(percorso.c_str(), O_RDONLY | O_CLOEXEC);
+  // Not through a link: what it shows ends up in the status page.
+  int fd = ::open(percorso.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW);
   if (fd < 0) return std::nullopt;
   std::string dati;
   struct stat st;
@@ -123,14 +123,22 @@ std::optional<std::string> coda_file(const std::string& percorso, std::size_t by
 bool ffmpeg_presente() { return programma_presente("ffmpeg"); }
 
 int major_da_versione(const std::string& uscita) {
-  static const std::regex versione(R"(ffmpeg version\s+n?(\d+)\.)");
-  std::smatch m;
-  if (!std::regex_search(uscita, m, versione)) return 5;
-  try {
-    return std::stoi(m[1].str());
-  } catch (const std::exception&) {  // more digits than an int holds
-    return 5;
+  // The first "ffmpeg version", blanks, an optional "n", digits and a dot.
+  constexpr std::string_view marca = "ffmpeg version";
+  auto cifra = [](char c) { return c >= '0' && c <= '9'; };
+  for (auto p = uscita.find(marca); p != std::string::npos; p = uscita.find(marca, p + 1)) {
+    std::size_t i = p + marca.size();
+    std::size_t dopo_spazi = uscita.find_first_not_of(" \t\n\r\f\v", i);
+    if (dopo_spazi == std::string::npos || dopo_spazi == i) continue;
+    i = dopo_spazi;
+    if (uscita[i] == 'n') ++i;
+    std::size_t inizio = i;
+    while (i < uscita.size() && cifra(uscita[i])) ++i;
+    if (i == inizio || i == uscita.size() || uscita[i] != '.') continue;
+    if (i - inizio > 9) return 5;  // not a version an int can hold
+    return std::stoi(uscita.substr(inizio, i - inizio));
   }
+  return 5;
 }
 
 int _ffmpeg_major() {

@@ -54,6 +54,23 @@ class RegistratoriTest : public ::testing::Test {
     return r;
   }
 
+  // An older ffmpeg cannot be installed next to Debian's, so a script that answers like one
+  // stands in for it: it writes down its arguments, complains on standard error and fails.
+  // Answers the folder to put first on PATH.
+  std::string ffmpeg_finto() {
+    std::string bin = tmp_ / "bin";
+    std::string finto = bin + "/ffmpeg";
+    scrivi_file(
+        finto,
+        "#!/bin/sh\n"
+        "if [ \"$1\" = -version ]; then echo 'ffmpeg version n4.4.2 Copyright'; exit 0; fi\n"
+        "printf '%s\\n' \"$@\" > \"$(dirname \"$0\")/argomenti\"\n"
+        "echo 'prima riga' >&2; echo '  finto: flusso assente  ' >&2; echo >&2\n"
+        "exit 1\n");
+    fs::permissions(finto, fs::perms::owner_all);
+    return bin;
+  }
+
   CartellaTemporanea tmp_;
   VariabileDiProva tmpdir_{"TMPDIR", tmp_.percorso()};
 };
@@ -105,6 +122,10 @@ TEST(VersioneTest, MajorFromVersionOutput) {
       {"ffmpeg version 6", 5},
       {"ffmpeg version 99999999999999999999.1", 5},
       {"FFmpeg version 4.1", 5},
+      {"ffmpeg version4.1", 5},
+      {"ffmpeg version nn4.1", 5},
+      {"ffmpeg version x\nffmpeg version 3.4.8", 3},
+      {"ffmpeg version 4", 5},
       {"garbage", 5},
       {"", 5},
   };
@@ -116,18 +137,9 @@ TEST(VersioneTest, MajorFromVersionOutput) {
 
 using VersioneInstallataTest = RegistratoriTest;
 
-// An older ffmpeg cannot be installed next to Debian's, so a script that answers like one
-// stands in for it; it also writes down the arguments it was started with.
 TEST_F(VersioneInstallataTest, AskedOnceAndPicksTheTimeOutOption) {
-  std::string bin = tmp_ / "bin";
-  std::string finto = bin + "/ffmpeg";
-  scrivi_file(finto,
-              "#!/bin/sh\n"
-              "if [ \"$1\" = -version ]; then echo 'ffmpeg version n4.4.2 Copyright'; exit 0; fi\n"
-              "printf '%s\\n' \"$@\" > \"$(dirname \"$0\")/argomenti\"\n"
-              "echo 'prima riga' >&2; echo '  finto: flusso assente  ' >&2; echo >&2\n"
-              "exit 1\n");
-  fs::permissions(finto, fs::perms::owner_all);
+  const std::string bin = ffmpeg_finto();
+  const std::string finto = bin + "/ffmpeg";
   VariabileDiProva path("PATH", bin + ":/usr/bin:/bin");
 
   Config cfg;
@@ -223,6 +235,33 @@ TEST_F(AvviaTest, RefusalsComeAfterTheFolderAndStartNothing) {
 }
 
 using LogTest = RegistratoriTest;
+
+// The log folder is in the shared temporary directory, where anyone may plant a link.
+TEST_F(LogTest, ALinkInPlaceOfTheLogIsNotFollowed) {
+  const std::string segreto = tmp_ / "segreto";
+  scrivi_file(segreto, "riga riservata\n");
+  fs::create_symlink(segreto, _log_ffmpeg(9));
+  EXPECT_EQ(_ultima_riga_log(9), "");
+
+  VariabileDiProva path("PATH", ffmpeg_finto() + ":/usr/bin:/bin");
+  Config cfg;
+  cfg.cartella = tmp_ / "archivio";
+  Camera cam;
+  cam.id = 9;
+  cam.url = "http://127.0.0.1:9/video";
+  ASSERT_EQ(_avvia(cfg, cam, "continua"), std::make_pair(true, std::string()));
+  std::shared_ptr<Processo> proc;
+  {
+    std::lock_guard l(_lock);
+    EXPECT_FALSE(_processi.at(9).log);
+    proc = _processi.at(9).proc;
+  }
+  ASSERT_TRUE(proc->attendi(10));
+  _controlla_processi();
+  EXPECT_EQ(leggi_file(segreto), "riga riservata\n");
+  std::lock_guard l(_lock);
+  EXPECT_EQ(_errori_recenti[9].testo, "ffmpeg terminato (codice 1)");
+}
 
 TEST_F(LogTest, LastNonBlankLineOfTheTail) {
   std::string e200;
