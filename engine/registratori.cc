@@ -117,16 +117,16 @@ void _controlla_processi() {
     if (!p.proc || !p.proc->terminato()) continue;
     _chiudi_log(p);
     std::string err = _ultima_riga_log(cid);
+    std::string testo = !err.empty() ? err
+                                     : "ffmpeg terminato (codice " +
+                                           std::to_string(p.proc->codice().value_or(-1)) + ")";
     {
       std::lock_guard l(_lock);
       auto it = _processi.find(cid);
       // _ferma (or a new start) got there first: it owns the record and says what happened.
       if (it == _processi.end() || it->second.proc != p.proc) continue;
       _processi.erase(it);
-      std::string testo = !err.empty() ? err
-                                       : "ffmpeg terminato (codice " +
-                                             std::to_string(p.proc->codice().value_or(-1)) + ")";
-      _errori_recenti[cid] = ErroreRecente{p.errori + 1, testo, _ora()};
+      _errori_recenti[cid] = ErroreRecente{p.errori + 1, std::move(testo), _ora()};
     }
     _log("telecamera " + std::to_string(cid) + ": ffmpeg terminato: " + err);
   }

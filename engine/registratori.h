@@ -49,9 +49,11 @@ std::pair<bool, std::string> _avvia(const Config& cfg, const Camera& cam, const 
                                     const std::vector<Camera>& cams = {});
 
 // Stops camera `cid`'s recorder, if any: SIGINT so that the last segment is finalised, up to
-// 20 s, then SIGKILL. The record leaves _processi first, so each recorder is stopped once even
-// when several threads ask. Logs "registrazione telecamera <cid> fermata (<perche or fine>)".
-// Blocks up to 20 s; must not be called with _lock held.
+// 20 s, then SIGKILL (both to the recorder's own process group), without waiting after the
+// SIGKILL; the child is reaped in the background. The record leaves _processi first, so each
+// recorder is stopped once even when several threads ask; the thread that finds no record
+// returns at once and logs nothing. Logs "registrazione telecamera <cid> fermata (<perche or
+// fine>)". Blocks up to 20 s; must not be called with _lock held.
 void _ferma(CamId cid, const std::string& perche = "");
 
 // Stops every recorder of a snapshot of _processi, one after the other (up to 20 s each).
@@ -62,8 +64,7 @@ void _chiudi_log(const Registratore& p);
 
 // The last non-blank line of the camera's log (among its last 4000 characters), stripped and
 // cut to 200 characters; "" when there is none or the log cannot be read (or is a link, which
-// is not followed). Invalid UTF-8 comes
-// back as U+FFFD, so the text can go into JSON as it is.
+// is not followed). Invalid UTF-8 comes back as U+FFFD, so the text can go into JSON as it is.
 std::string _ultima_riga_log(CamId cid);
 
 // The same rules applied to text already read: `coda` is the tail of a log.

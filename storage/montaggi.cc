@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string_view>
-#include <vector>
 
 #include "core/tempo.h"
 #include "storage/cartelle_fs.h"
@@ -63,8 +62,8 @@ bool e_punto_di_montaggio(const std::string& p) {
   return sx.stx_ino == su.stx_ino;
 }
 
-// Rounds to one decimal from the exact binary value, an exact half going to the even digit:
-// the figures then read the same as those of the tools users compare them with.
+// Rounds to one decimal as the exact binary value dictates: 0.35, stored just below, gives 0.3;
+// an exact half such as 0.25 goes to the even 0.2. Scaling by ten first would add its own error.
 double una_cifra(double x) {
   char testo[64];
   std::snprintf(testo, sizeof testo, "%.1f", x);
