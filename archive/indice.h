@@ -1,13 +1,22 @@
 // The segment index: finished segments leave the in-progress folders for their day folders and
 // become rows of nvr_registrazioni.
+//
+// A segment is handled once it is 15 s old. In an in-progress folder a file that is not indexed
+// yet and is smaller than 1024 bytes or lacks its "moov" box is an abandoned fragment and is
+// deleted; in the day folders such files are only left alone. The two name forms are dated
+// differently on purpose: in-progress names by the machine's local clock (the recorder expands
+// them with its own local time), day-folder names in the host's zone.
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 #include "core/config.h"
+#include "core/tempo.h"
 
 namespace nvr {
 
@@ -20,18 +29,40 @@ struct RigaIndice {
   std::string motivo;
 };
 
-// One index run, unless another is in progress (then it returns at once). Orphan "cam_N"
-// folders of the archive root are appended to `cams`. `profondo` also adopts files lying in the
-// day folders and the legacy folders without a row. Database failures throw ErroreDb.
+// One index run, unless another is in progress: then it returns at once, doing nothing
+// (_indice_lock, taken with try_lock and released on every path). Orphan "cam_N" folders of the
+// archive root are appended to `cams`. Per camera: the in-progress folder and the earlier ones of
+// _in_corso_precedenti are drained (at most 300 files per camera and run; the newest file of the
+// folder the running recorder writes into is left alone), rows and renames are written in
+// batches of 25. `profondo` also adopts the files lying in the day folders of the camera folder
+// and of the legacy folder without a row, and retries segments whose move failed. A file that
+// cannot be read is skipped; database failures throw ErroreDb (rows already written stay).
+// Does nothing when cfg.cartella is empty. Blocks on the disk and the database; takes _lock only
+// briefly to read _processi, _in_corso_precedenti and _non_spostabili, never across disk or
+// database work.
 void _indicizza(const Config& cfg, std::vector<Camera>& cams, bool profondo = false);
 void _indicizza_dentro(const Config& cfg, std::vector<Camera>& cams, bool profondo);
 
 // Writes the pending renames ("UPDATE ... SET file=? WHERE file=?", pairs new, old) and rows
-// ("INSERT OR IGNORE") in one transaction, then empties both lists.
+// ("INSERT OR IGNORE") in one transaction, then empties both lists. Throws ErroreDb, leaving
+// the lists as they were.
 void _scrivi_indice(std::vector<RigaIndice>& nuovi,
                     std::vector<std::pair<std::string, std::string>>& rename);
 
-// Whether the file is a finished MP4: "moov" within its first 64 KiB or its last 4 MiB.
+// Whether the file is a finished MP4: "moov" within its first 64 KiB or its last 4 MiB. Any
+// error (missing, unreadable, a folder) answers false. Reads at most 64 KiB + 4 MiB.
 bool _mp4_completo(const std::string& p);
+
+// Whether `n` is a day folder's name: "YYYY-MM-DD" in digits (the date itself is not checked).
+bool _nome_giorno(std::string_view n);
+
+// Start of an in-progress segment named "YYYYmmdd_HHMMSS.mp4", read as the machine's local
+// wall-clock time; absent for any other name or a date-time that does not exist in the calendar.
+std::optional<double> _inizio_in_corso(const std::string& nome);
+
+// Start of the segment "HH-MM-SS.mp4" or "HH-MM-SS_N.mp4" of day folder "YYYY-MM-DD", read in
+// zone `z` (machine local time for nullptr); absent for any other name.
+std::optional<double> _inizio_archiviato(const std::string& giorno, const std::string& nome,
+                                         Zona z);
 
 }  // namespace nvr

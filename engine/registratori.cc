@@ -18,6 +18,9 @@ namespace {
 // Long enough for ffmpeg to close the segment it is writing and write its index.
 constexpr double kAttesaSigint = 20.0;
 
+// Failures closer together than this belong to one series for the back-off.
+constexpr double kSerieGuasti = 600.0;
+
 std::string minuscolo(std::string s) {
   std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return std::tolower(c); });
   return s;
@@ -66,7 +69,13 @@ std::pair<bool, std::string> _avvia(const Config& cfg, const Camera& cam, const 
   {
     std::lock_guard l(_lock);
     auto vecchio = _processi.find(cam.id);
-    r.errori = vecchio != _processi.end() ? vecchio->second.errori : 0;
+    // The failures of the recorders that died just before this one go on counting, so that a
+    // camera that keeps failing waits longer each time (5, 10, 15 ... s, at most 60).
+    auto recente = _errori_recenti.find(cam.id);
+    if (vecchio != _processi.end())
+      r.errori = vecchio->second.errori;
+    else if (recente != _errori_recenti.end() && r.da - recente->second.ts < kSerieGuasti)
+      r.errori = recente->second.n;
     _processi[cam.id] = std::move(r);
   }
   _log(cam.nome + ": registrazione avviata (" + motivo + ")");
@@ -126,7 +135,9 @@ void _controlla_processi() {
       // _ferma (or a new start) got there first: it owns the record and says what happened.
       if (it == _processi.end() || it->second.proc != p.proc) continue;
       _processi.erase(it);
-      _errori_recenti[cid] = ErroreRecente{p.errori + 1, std::move(testo), _ora()};
+      // A recorder that ran for a good while before dying starts a new series of failures.
+      int prima = _ora() - p.da >= kSerieGuasti ? 0 : p.errori;
+      _errori_recenti[cid] = ErroreRecente{prima + 1, std::move(testo), _ora()};
     }
     _log("telecamera " + std::to_string(cid) + ": ffmpeg terminato: " + err);
   }

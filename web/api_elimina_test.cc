@@ -1,3 +1,5 @@
+#include "web/api_elimina.h"
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -8,7 +10,6 @@
 #include "core/processo.h"
 #include "core/stato.h"
 #include "testing/ambiente.h"
-#include "web/api_elimina.h"
 
 namespace nvr {
 namespace {

@@ -1,3 +1,5 @@
+#include "web/api_registrazioni.h"
+
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <time.h>
@@ -9,7 +11,6 @@
 #include "core/stato.h"
 #include "core/tempo.h"
 #include "testing/ambiente.h"
-#include "web/api_registrazioni.h"
 #include "web/invio_file.h"
 
 namespace nvr {

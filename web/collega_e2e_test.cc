@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <thread>
 
 #include "core/db.h"
@@ -90,6 +91,7 @@ TEST_F(CollegaTest, AttachesOnceWithEveryRouteBehindBothGuards) {
 }
 
 TEST_F(CollegaTest, HostWithoutAppIsRefusedAndStaysRefused) {
+  HostWeb buono;  // made first: a test host starts by resetting the recorder's state
   h.host->app = nullptr;
   try {
     collega(h.host);
@@ -97,7 +99,6 @@ TEST_F(CollegaTest, HostWithoutAppIsRefusedAndStaysRefused) {
   } catch (const std::runtime_error& e) {
     EXPECT_STREQ(e.what(), "collega(): il modulo passato non ha un oggetto app Flask");
   }
-  HostWeb buono;
   EXPECT_FALSE(collega(buono.host));
   EXPECT_TRUE(buono.app->rotte().empty());
 }
@@ -133,8 +134,9 @@ void attacca_con_segnali_veri(HostWeb& w, const std::string& traccia) {
 
 TEST(SigtermTest, StopsRecordersThenExitsWithZero) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  testing::CartellaTemporanea t;
-  std::string traccia = t / "int";
+  // A fixed path: the death test runs this body again in a new process.
+  std::string traccia = "/tmp/nvr_prova_sigterm_StopsRecordersThenExitsWithZero";
+  std::filesystem::remove(traccia);
   EXPECT_EXIT(
       {
         HostWeb w;
@@ -142,12 +144,14 @@ TEST(SigtermTest, StopsRecordersThenExitsWithZero) {
       },
       ::testing::ExitedWithCode(0), "");
   EXPECT_EQ(testing::leggi_file(traccia), "INT\n");
+  std::filesystem::remove(traccia);
 }
 
 TEST(SigtermTest, StopsRecordersThenRunsThePreviousHandler) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  testing::CartellaTemporanea t;
-  std::string traccia = t / "int";
+  // A fixed path: the death test runs this body again in a new process.
+  std::string traccia = "/tmp/nvr_prova_sigterm_StopsRecordersThenRunsThePreviousHandler";
+  std::filesystem::remove(traccia);
   EXPECT_EXIT(
       {
         ::signal(SIGTERM, gestore_precedente);
@@ -156,6 +160,7 @@ TEST(SigtermTest, StopsRecordersThenRunsThePreviousHandler) {
       },
       ::testing::ExitedWithCode(7), "");
   EXPECT_EQ(testing::leggi_file(traccia), "INT\n");
+  std::filesystem::remove(traccia);
 }
 
 }  // namespace

@@ -1,8 +1,8 @@
 // The whole loop through the test host, with the real camera and the real ffmpeg: switching on,
 // recording, indexing, listing, playing with ranges, and every reason a recorder stops.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <fcntl.h>
 #include <signal.h>
 #include <time.h>
 #include <unistd.h>
@@ -145,9 +145,9 @@ TEST_F(MotoreE2eTest, SwitchOnRecordIndexListPlayAndEveryStop) {
     Connessione c = _db();
     file = come_testo(c.righe("SELECT file FROM nvr_registrazioni WHERE id=?", {id})[0][0]);
   }
-  EXPECT_THAT(file, ::testing::MatchesRegex(archivio +
-                                            "/Ingresso/[0-9]{4}-[0-9]{2}-[0-9]{2}/"
-                                            "[0-9]{2}-[0-9]{2}-[0-9]{2}(_[0-9]+)?\\.mp4"));
+  EXPECT_THAT(file,
+              ::testing::MatchesRegex(archivio + "/Ingresso/[0-9]{4}-[0-9]{2}-[0-9]{2}/"
+                                                 "[0-9]{2}-[0-9]{2}-[0-9]{2}(_[0-9]+)?\\.mp4"));
   EXPECT_TRUE(_mp4_completo(file));
 
   // Played with a range, and downloaded as an attachment named after the file.
@@ -156,8 +156,7 @@ TEST_F(MotoreE2eTest, SwitchOnRecordIndexListPlayAndEveryStop) {
   EXPECT_EQ(video.status, 206);
   EXPECT_EQ(video.corpo, intero.substr(0, 100));
   EXPECT_EQ(video.intestazioni["Accept-Ranges"], "bytes");
-  EXPECT_EQ(video.intestazioni["Content-Range"],
-            "bytes 0-99/" + std::to_string(intero.size()));
+  EXPECT_EQ(video.intestazioni["Content-Range"], "bytes 0-99/" + std::to_string(intero.size()));
   auto scarica = h.get("/api/nvr/video/" + std::to_string(id) + "?scarica=1");
   EXPECT_EQ(scarica.status, 200);
   EXPECT_EQ(scarica.corpo, intero);
@@ -167,13 +166,21 @@ TEST_F(MotoreE2eTest, SwitchOnRecordIndexListPlayAndEveryStop) {
   // A new segment length restarts the recorder.
   h.sql("UPDATE nvr_config SET segmento_sec=3");
   _giro_sicuro();
-  ASSERT_TRUE(attendi([] { auto p = registratore(1); return p && p->segmento == 3; }, 10));
+  ASSERT_TRUE(attendi(
+      [] {
+        auto p = registratore(1);
+        return p && p->segmento == 3;
+      },
+      10));
 
   // Renaming the camera moves its folder: restarted in the same pass, the old folder remembered.
   h.sql("UPDATE tapo_cameras SET name='Portone' WHERE id=1");
   _giro_sicuro();
   ASSERT_TRUE(attendi(
-      [&] { auto p = registratore(1); return p && p->cartella == archivio + "/Portone/in_corso"; },
+      [&] {
+        auto p = registratore(1);
+        return p && p->cartella == archivio + "/Portone/in_corso";
+      },
       10));
   {
     std::lock_guard l(_lock);
@@ -201,13 +208,14 @@ TEST_F(MotoreE2eTest, SwitchOnRecordIndexListPlayAndEveryStop) {
   ASSERT_TRUE(attendi([] { return !registratore(1).has_value(); }, 25));
 
   std::string tutto = fine_log();
-  for (const char* riga : {"[NVR] Ingresso: registrazione avviata (continua)\n",
-                           "[NVR] registrazione telecamera 1 fermata (nuova durata degli spezzoni)\n",
-                           "[NVR] registrazione telecamera 1 fermata (cartella cambiata)\n",
-                           "[NVR] Portone: registrazione avviata (continua)\n",
-                           "[NVR] registrazione telecamera 1 fermata (telecamera disattivata)\n",
-                           "[NVR] registrazione telecamera 1 fermata (NVR disattivato)\n",
-                           "[NVR] registrazione telecamera 1 fermata (telecamera rimossa)\n"})
+  for (const char* riga :
+       {"[NVR] Ingresso: registrazione avviata (continua)\n",
+        "[NVR] registrazione telecamera 1 fermata (nuova durata degli spezzoni)\n",
+        "[NVR] registrazione telecamera 1 fermata (cartella cambiata)\n",
+        "[NVR] Portone: registrazione avviata (continua)\n",
+        "[NVR] registrazione telecamera 1 fermata (telecamera disattivata)\n",
+        "[NVR] registrazione telecamera 1 fermata (NVR disattivato)\n",
+        "[NVR] registrazione telecamera 1 fermata (telecamera rimossa)\n"})
     EXPECT_THAT(tutto, HasSubstr(riga));
 }
 
@@ -251,7 +259,8 @@ TEST_F(MotoreE2eTest, ACameraThatDoesNotAnswerBacksOff) {
 // start stops it, and the segment it was writing is finalised and filed.
 TEST_F(MotoreE2eTest, RecordersLeftByAKilledServerAreStoppedAndTheirSegmentFiled) {
   h.aggiungi_camera(1, "Ingresso", camera->url());
-  int log_figlio = ::open((t / "figlio.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  int log_figlio =
+      ::open((t / "figlio.log").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
   auto figlio = avvia_processo({{NVR_BINARI "/server_prova", h.db_file}, log_figlio, log_figlio});
   ::close(log_figlio);
   ASSERT_TRUE(figlio.ok()) << figlio.errore().messaggio;
@@ -309,8 +318,8 @@ TEST_F(MotoreE2eTest, RecordersLeftByAKilledServerAreStoppedAndTheirSegmentFiled
   ASSERT_TRUE(attendi(
       [&] {
         Connessione c = _db();
-        auto righe = c.righe("SELECT file FROM nvr_registrazioni WHERE cam_id=1 AND inizio=?",
-                             {inizio});
+        auto righe =
+            c.righe("SELECT file FROM nvr_registrazioni WHERE cam_id=1 AND inizio=?", {inizio});
         if (righe.empty()) return false;
         file = come_testo(righe[0][0]);
         return true;

@@ -1,0 +1,369 @@
+#include "archive/indice.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <charconv>
+#include <filesystem>
+#include <mutex>
+#include <set>
+
+#include "core/db.h"
+#include "core/stato.h"
+#include "engine/posizione.h"
+
+namespace nvr {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr double ETA_MINIMA = 15;  // seconds: younger files may still be written
+constexpr std::int64_t DIMENSIONE_MINIMA = 1024;
+constexpr std::size_t LOTTO = 25;        // pending rows plus renames per transaction
+constexpr int MASSIMO_PER_CAMERA = 300;  // in-progress files handled per camera and run
+
+struct InfoFile {
+  double mtime = 0.0;
+  std::int64_t dimensione = 0;
+};
+
+std::optional<InfoFile> info_file(const std::string& p) {
+  struct stat st {};
+  if (::stat(p.c_str(), &st) != 0) return std::nullopt;
+  return InfoFile{static_cast<double>(st.st_mtim.tv_sec) + st.st_mtim.tv_nsec / 1e9,
+                  static_cast<std::int64_t>(st.st_size)};
+}
+
+bool e_cartella(const std::string& p) {
+  struct stat st {};
+  return ::stat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+// The names in folder `d`, sorted; absent when it cannot be listed.
+std::optional<std::vector<std::string>> elenco(const std::string& d) {
+  DIR* dir = ::opendir(d.c_str());
+  if (!dir) return std::nullopt;
+  std::vector<std::string> nomi;
+  while (dirent* e = ::readdir(dir)) {
+    std::string n = e->d_name;
+    if (n != "." && n != "..") nomi.push_back(std::move(n));
+  }
+  ::closedir(dir);
+  std::sort(nomi.begin(), nomi.end());
+  return nomi;
+}
+
+std::vector<std::string> solo_mp4(const std::vector<std::string>& nomi) {
+  std::vector<std::string> r;
+  std::copy_if(nomi.begin(), nomi.end(), std::back_inserter(r),
+               [](const std::string& n) { return n.ends_with(".mp4"); });
+  return r;
+}
+
+std::string unisci(const std::string& cartella, const std::string& nome) {
+  return (fs::path(cartella) / nome).string();
+}
+
+// The path with symbolic links resolved as far as it exists, so that two spellings of one
+// folder compare equal.
+std::string percorso_reale(const std::string& p) {
+  std::error_code ec;
+  fs::path r = fs::weakly_canonical(p, ec);
+  return ec ? fs::path(p).lexically_normal().string() : r.string();
+}
+
+// ---- _non_spostabili and the other shared tables: read and changed under _lock only ----
+
+bool non_spostabile(const std::string& p) {
+  std::lock_guard l(_lock);
+  return _non_spostabili.count(p) > 0;
+}
+
+void segna_non_spostabile(const std::string& p, bool si) {
+  std::lock_guard l(_lock);
+  if (si)
+    _non_spostabili.insert(p);
+  else
+    _non_spostabili.erase(p);
+}
+
+// The running recorder's folder (real path) and whether there is one.
+std::optional<std::string> cartella_registratore(CamId id) {
+  std::string cartella;
+  {
+    std::lock_guard l(_lock);
+    auto it = _processi.find(id);
+    if (it == _processi.end()) return std::nullopt;
+    cartella = it->second.cartella;
+  }
+  return cartella.empty() ? std::string() : percorso_reale(cartella);
+}
+
+std::string motivo_registratore(CamId id) {
+  std::lock_guard l(_lock);
+  auto it = _processi.find(id);
+  return it == _processi.end() ? "" : it->second.motivo;
+}
+
+// The camera's earlier in-progress folders that still exist, apart from `attuale` (a camera
+// renamed back to an old name writes there again); the others are forgotten.
+std::vector<std::string> precedenti_da_svuotare(CamId id, const std::string& attuale) {
+  std::set<std::string> copia;
+  {
+    std::lock_guard l(_lock);
+    auto it = _in_corso_precedenti.find(id);
+    if (it != _in_corso_precedenti.end()) copia = it->second;
+  }
+  std::vector<std::string> esistenti, spariti;
+  std::string reale_attuale = percorso_reale(attuale);
+  for (const auto& c : copia) {
+    bool da_svuotare = e_cartella(c) && percorso_reale(c) != reale_attuale;
+    (da_svuotare ? esistenti : spariti).push_back(c);
+  }
+  if (!spariti.empty()) {
+    std::lock_guard l(_lock);
+    auto it = _in_corso_precedenti.find(id);
+    if (it != _in_corso_precedenti.end()) {
+      for (const auto& c : spariti) it->second.erase(c);
+      if (it->second.empty()) _in_corso_precedenti.erase(it);
+    }
+  }
+  return esistenti;
+}
+
+void dimentica_precedente(CamId id, const std::string& cartella) {
+  std::lock_guard l(_lock);
+  auto it = _in_corso_precedenti.find(id);
+  if (it == _in_corso_precedenti.end()) return;
+  it->second.erase(cartella);
+  if (it->second.empty()) _in_corso_precedenti.erase(it);
+}
+
+// ---- One camera's run ----
+
+struct Lavoro {
+  CamId id = 0;
+  std::string cart_cam;  // where finished segments go
+  std::set<std::string> noti;
+  bool profondo = false;
+  double ora = 0.0;
+  std::vector<RigaIndice> nuovi;
+  std::vector<std::pair<std::string, std::string>> rename;
+
+  void forse_scrivi() {
+    if (nuovi.size() + rename.size() >= LOTTO) _scrivi_indice(nuovi, rename);
+  }
+  void scrivi() { _scrivi_indice(nuovi, rename); }
+};
+
+std::set<std::string> file_noti(CamId id) {
+  std::set<std::string> noti;
+  Connessione c = _db();
+  c.scorri("SELECT file FROM nvr_registrazioni WHERE cam_id=?", {id},
+           [&](const Riga& r) { noti.insert(come_testo(r[0])); });
+  return noti;
+}
+
+// Handles one in-progress file; answers whether it counts towards the per-run cap.
+bool gestisci_in_corso(Lavoro& w, const std::string& p, const std::string& nome) {
+  std::optional<InfoFile> info = info_file(p);
+  if (!info || w.ora - info->mtime < ETA_MINIMA) return false;
+  std::optional<double> inizio = _inizio_in_corso(nome);
+  if (!inizio) return false;
+
+  if (w.noti.count(p)) {
+    // Indexed where it lies because an earlier move failed: a normal run leaves it alone, a
+    // deep one tries again.
+    if (!w.profondo && non_spostabile(p)) return false;
+    std::optional<std::string> dove = _sposta_spezzone(p, w.cart_cam, *inizio);
+    if (!dove) return false;
+    if (*dove != p) {
+      w.rename.emplace_back(*dove, p);
+      w.noti.insert(*dove);
+      segna_non_spostabile(p, false);
+    } else {
+      segna_non_spostabile(p, true);
+    }
+    return true;
+  }
+
+  if (info->dimensione < DIMENSIONE_MINIMA || !_mp4_completo(p)) {
+    ::unlink(p.c_str());  // a fragment left by a recorder that died: it will never play
+    return false;
+  }
+  std::string motivo = motivo_registratore(w.id);
+  std::optional<std::string> dove = _sposta_spezzone(p, w.cart_cam, *inizio);
+  if (!dove) return false;
+  if (*dove == p) segna_non_spostabile(p, true);  // indexed where it lies all the same
+  w.nuovi.push_back(RigaIndice{w.id, *inizio, std::max(*inizio + 1, info->mtime), *dove,
+                               info->dimensione, motivo});
+  w.noti.insert(*dove);
+  return true;
+}
+
+void svuota_in_corso(Lavoro& w, const std::string& cartella,
+                     const std::optional<std::string>& attiva, int& spostati) {
+  std::optional<std::vector<std::string>> nomi = elenco(cartella);
+  if (!nomi) return;
+  std::vector<std::string> mp4 = solo_mp4(*nomi);
+  // The newest file of the folder the recorder writes into is still growing.
+  bool scritta_ora = attiva && percorso_reale(cartella) == *attiva;
+  for (std::size_t i = 0; i < mp4.size() && spostati < MASSIMO_PER_CAMERA; ++i) {
+    if (scritta_ora && i + 1 == mp4.size()) continue;
+    bool contato = false;
+    try {
+      contato = gestisci_in_corso(w, unisci(cartella, mp4[i]), mp4[i]);
+    } catch (const ErroreDb&) {
+      throw;
+    } catch (const std::exception&) {
+      continue;  // one bad file never stops the run
+    }
+    if (!contato) continue;
+    ++spostati;
+    w.forse_scrivi();
+  }
+}
+
+// Adopts one day-folder file without a row, when it is a finished segment.
+void adotta(Lavoro& w, const std::string& p, const std::string& giorno, const std::string& nome,
+            Zona zona) {
+  if (w.noti.count(p)) return;
+  std::optional<double> inizio = _inizio_archiviato(giorno, nome, zona);
+  if (!inizio) return;
+  std::optional<InfoFile> info = info_file(p);
+  if (!info || w.ora - info->mtime < ETA_MINIMA) return;
+  if (info->dimensione < DIMENSIONE_MINIMA || !_mp4_completo(p)) return;  // never deleted here
+  w.nuovi.push_back(
+      RigaIndice{w.id, *inizio, std::max(*inizio + 1, info->mtime), p, info->dimensione, ""});
+  w.noti.insert(p);
+}
+
+void scansione_profonda(Lavoro& w, const std::string& radice, bool legacy) {
+  if (!e_cartella(radice)) return;
+  std::optional<std::vector<std::string>> voci = elenco(radice);
+  Zona zona = _fuso();
+  for (const std::string& giorno : voci.value_or(std::vector<std::string>{})) {
+    if (!_nome_giorno(giorno)) continue;
+    std::string cartella = unisci(radice, giorno);
+    std::optional<std::vector<std::string>> nomi = elenco(cartella);
+    if (!nomi) continue;
+    for (const std::string& nome : solo_mp4(*nomi)) {
+      try {
+        adotta(w, unisci(cartella, nome), giorno, nome, zona);
+      } catch (const ErroreDb&) {
+        throw;
+      } catch (const std::exception&) {
+      }
+    }
+  }
+  w.scrivi();
+  if (legacy && voci && voci->empty()) ::rmdir(radice.c_str());
+}
+
+void indicizza_camera(const Config& cfg, const std::vector<Camera>& cams, const Camera& cam,
+                      bool profondo, double ora) {
+  Lavoro w;
+  w.id = cam.id;
+  w.profondo = profondo;
+  w.ora = ora;
+  w.cart_cam = _cartella_camera(cfg, cam, cams);
+  std::string in_corso = _cartella_in_corso(cfg, cam, cams);
+  std::string legacy = _cartella_legacy(cfg, cam);
+
+  std::vector<std::string> profonde{w.cart_cam};
+  bool con_legacy = e_cartella(legacy) && percorso_reale(legacy) != percorso_reale(w.cart_cam);
+  if (con_legacy) profonde.push_back(legacy);
+  std::vector<std::string> precedenti = precedenti_da_svuotare(cam.id, in_corso);
+
+  w.noti = file_noti(cam.id);
+  std::optional<std::string> attiva = cartella_registratore(cam.id);
+
+  int spostati = 0;
+  if (e_cartella(in_corso)) svuota_in_corso(w, in_corso, attiva, spostati);
+  for (const std::string& c : precedenti) svuota_in_corso(w, c, attiva, spostati);
+
+  // An earlier folder with nothing left to drain goes, with the camera folder it leaves empty.
+  for (const std::string& c : precedenti) {
+    if (attiva && percorso_reale(c) == *attiva) continue;  // a recorder is writing there
+    std::optional<std::vector<std::string>> nomi = elenco(c);
+    if (!nomi || !solo_mp4(*nomi).empty()) continue;
+    dimentica_precedente(cam.id, c);
+    ::rmdir(c.c_str());
+    _togli_cartelle_vuote(c, cfg.cartella);
+  }
+  w.scrivi();
+
+  if (!profondo) return;
+  for (const std::string& radice : profonde) scansione_profonda(w, radice, radice == legacy);
+}
+
+// Cameras that left the host but whose old-layout folders are still in the archive.
+void adotta_orfane(const Config& cfg, std::vector<Camera>& cams) {
+  std::set<CamId> ids;
+  for (const Camera& c : cams) ids.insert(c.id);
+  std::optional<std::vector<std::string>> voci = elenco(cfg.cartella);
+  if (!voci) return;
+  for (const std::string& nome : *voci) {
+    auto cifra = [](char c) { return c >= '0' && c <= '9'; };
+    if (!nome.starts_with("cam_") || nome.size() == 4 ||
+        !std::all_of(nome.begin() + 4, nome.end(), cifra))
+      continue;
+    CamId id = 0;
+    auto letto = std::from_chars(nome.data() + 4, nome.data() + nome.size(), id);
+    if (letto.ec != std::errc() || ids.count(id) || !e_cartella(unisci(cfg.cartella, nome)))
+      continue;
+    Camera orfana;
+    orfana.id = id;
+    orfana.attiva = false;
+    orfana.modo = "sempre";
+    cams.push_back(std::move(orfana));
+    ids.insert(id);  // "cam_7" and "cam_07" are one camera
+  }
+}
+
+}  // namespace
+
+void _indicizza(const Config& cfg, std::vector<Camera>& cams, bool profondo) {
+  std::unique_lock l(_indice_lock, std::try_to_lock);
+  if (!l.owns_lock()) return;  // another run is at it; this one would only repeat it
+  _indicizza_dentro(cfg, cams, profondo);
+}
+
+void _indicizza_dentro(const Config& cfg, std::vector<Camera>& cams, bool profondo) {
+  if (cfg.cartella.empty()) return;
+  double ora = _ora();
+  adotta_orfane(cfg, cams);
+  // A copy: the folder names depend on the whole list, which must not move under our feet.
+  const std::vector<Camera> tutte = cams;
+  for (const Camera& cam : tutte) indicizza_camera(cfg, tutte, cam, profondo, ora);
+}
+
+void _scrivi_indice(std::vector<RigaIndice>& nuovi,
+                    std::vector<std::pair<std::string, std::string>>& rename) {
+  if (nuovi.empty() && rename.empty()) return;
+  {
+    Connessione c = _db();
+    if (!rename.empty()) {
+      std::vector<std::vector<Valore>> lotti;
+      for (const auto& [nuovo, vecchio] : rename) lotti.push_back({nuovo, vecchio});
+      c.esegui_molti("UPDATE nvr_registrazioni SET file=? WHERE file=?", lotti);
+    }
+    if (!nuovi.empty()) {
+      std::vector<std::vector<Valore>> lotti;
+      for (const RigaIndice& r : nuovi)
+        lotti.push_back({r.cam_id, r.inizio, r.fine, r.file, r.dimensione, r.motivo});
+      c.esegui_molti(
+          "INSERT OR IGNORE INTO nvr_registrazioni (cam_id, inizio, fine, file, dimensione, "
+          "motivo) VALUES (?,?,?,?,?,?)",
+          lotti);
+    }
+    c.commit();
+  }
+  nuovi.clear();
+  rename.clear();
+}
+
+}  // namespace nvr

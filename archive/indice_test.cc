@@ -1,0 +1,443 @@
+#include "archive/indice.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <chrono>
+#include <ctime>
+#include <filesystem>
+#include <optional>
+#include <set>
+
+#include "core/db.h"
+#include "core/stato.h"
+#include "core/tempo.h"
+#include "testing/ambiente.h"
+#include "testing/processi.h"
+
+namespace nvr {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::CartellaTemporanea;
+using testing::HostDiProva;
+
+enum class Moov { inizio, fine, nessuno };
+
+Camera camera(CamId id, const std::string& nome) {
+  Camera c;
+  c.id = id;
+  c.nome = nome;
+  return c;
+}
+
+void imposta_mtime(const std::string& p, double ts) {
+  timespec t{static_cast<time_t>(ts), static_cast<long>((ts - static_cast<time_t>(ts)) * 1e9)};
+  timespec tempi[2] = {t, t};
+  ASSERT_EQ(::utimensat(AT_FDCWD, p.c_str(), tempi, 0), 0) << p;
+}
+
+// A file of `dimensione` bytes with the "moov" box where asked, last modified `eta` seconds ago.
+void segmento(const std::string& p, std::size_t dimensione, Moov moov = Moov::inizio,
+              double eta = 60) {
+  std::string dati(dimensione, 'x');
+  if (moov == Moov::inizio) dati.replace(4, 4, "moov");
+  if (moov == Moov::fine) dati.replace(dimensione - 8, 4, "moov");
+  testing::scrivi_file(p, dati);
+  imposta_mtime(p, _ora() - eta);
+}
+
+class IndiceTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    // In-progress names follow the machine's clock; fix it so that the figures below hold.
+    tz_.emplace("TZ", "Europe/Rome");
+    ::tzset();
+    _init_db();
+    cfg.cartella = radice.percorso();
+    cams = {camera(1, "Garage")};
+  }
+  void TearDown() override {
+    tz_.reset();
+    ::tzset();
+  }
+
+  std::string in_corso(const std::string& nome) { return radice / ("Garage/in_corso/" + nome); }
+  std::string giorno(const std::string& nome) { return radice / ("Garage/2024-05-01/" + nome); }
+
+  std::vector<RigaIndice> righe() {
+    std::vector<RigaIndice> r;
+    Connessione c(host.db_file);
+    c.scorri(
+        "SELECT cam_id, inizio, fine, file, dimensione, motivo FROM nvr_registrazioni "
+        "ORDER BY file",
+        {}, [&](const Riga& x) {
+          r.push_back({come_intero(x[0]), come_reale(x[1]), come_reale(x[2]), come_testo(x[3]),
+                       come_intero(x[4]), come_testo(x[5])});
+        });
+    return r;
+  }
+  std::optional<RigaIndice> riga(const std::string& file) {
+    for (const RigaIndice& r : righe())
+      if (r.file == file) return r;
+    return std::nullopt;
+  }
+  std::set<std::string> albero() {
+    std::set<std::string> s;
+    for (const auto& e : fs::recursive_directory_iterator(radice.percorso()))
+      s.insert(e.path().string());
+    return s;
+  }
+  // A run after the previous one must find nothing left to do, deep or not.
+  void nessun_lavoro_rimasto() {
+    auto prima_righe = righe().size();
+    auto prima_albero = albero();
+    _indicizza(cfg, cams, true);
+    _indicizza(cfg, cams);
+    EXPECT_EQ(righe().size(), prima_righe);
+    EXPECT_EQ(albero(), prima_albero);
+  }
+
+  HostDiProva host;
+  CartellaTemporanea radice;
+  Config cfg;
+  std::vector<Camera> cams;
+
+ private:
+  std::optional<testing::VariabileDiProva> tz_;
+};
+
+TEST_F(IndiceTest, AgeSizeAndCompletenessDecideEachInProgressFile) {
+  enum Esito { indicizzato, lasciato, cancellato };
+  struct Caso {
+    std::string nome;
+    std::size_t dimensione;
+    Moov moov;
+    double eta;
+    Esito atteso;
+    std::string finale;  // where an indexed one goes: 12:00:0S in Rome, 10:00:0S UTC
+    double inizio;
+  } casi[] = {
+      {"20240501_120000.mp4", 2048, Moov::inizio, 14, lasciato, "", 0},  // may still be written
+      {"20240501_120001.mp4", 2048, Moov::inizio, 16, indicizzato, "12-00-01.mp4", 1714557601},
+      {"20240501_120002.mp4", 1023, Moov::inizio, 60, cancellato, "", 0},
+      {"20240501_120003.mp4", 1024, Moov::inizio, 60, indicizzato, "12-00-03.mp4", 1714557603},
+      {"20240501_120004.mp4", 200 * 1024, Moov::fine, 60, indicizzato, "12-00-04.mp4", 1714557604},
+      {"20240501_120005.mp4", 200 * 1024, Moov::nessuno, 60, cancellato, "", 0},
+      {"20240501_120006.mp4", 10, Moov::nessuno, 5, lasciato, "", 0},
+      {"prova.mp4", 10, Moov::nessuno, 60, lasciato, "", 0},  // not a recorder's name
+      {"20240501_250000.mp4", 2048, Moov::inizio, 60, lasciato, "", 0},
+      {"20240501_120007.tmp", 10, Moov::nessuno, 60, lasciato, "", 0},
+  };
+  for (const Caso& c : casi) segmento(in_corso(c.nome), c.dimensione, c.moov, c.eta);
+  _indicizza(cfg, cams);
+
+  std::size_t indicizzati = 0;
+  for (const Caso& c : casi) {
+    SCOPED_TRACE(c.nome);
+    EXPECT_EQ(fs::exists(in_corso(c.nome)), c.atteso == lasciato);
+    if (c.atteso != indicizzato) continue;
+    ++indicizzati;
+    std::optional<RigaIndice> r = riga(giorno(c.finale));
+    ASSERT_TRUE(r);
+    EXPECT_TRUE(fs::exists(giorno(c.finale)));
+    EXPECT_EQ(r->cam_id, 1);
+    EXPECT_DOUBLE_EQ(r->inizio, c.inizio);
+    EXPECT_NEAR(r->fine, _ora() - c.eta, 2.0);
+    EXPECT_EQ(r->dimensione, static_cast<std::int64_t>(c.dimensione));
+    EXPECT_EQ(r->motivo, "");
+  }
+  EXPECT_EQ(righe().size(), indicizzati);
+  auto nel_giorno = std::distance(fs::directory_iterator(radice / "Garage/2024-05-01"), {});
+  EXPECT_EQ(static_cast<std::size_t>(nel_giorno), indicizzati);
+  nessun_lavoro_rimasto();
+}
+
+TEST_F(IndiceTest, EndIsAtLeastOneSecondAfterStart) {
+  segmento(in_corso("20240501_120000.mp4"), 2048);
+  imposta_mtime(in_corso("20240501_120000.mp4"), 1714557600 - 100);
+  _indicizza(cfg, cams);
+  ASSERT_EQ(righe().size(), 1u);
+  EXPECT_DOUBLE_EQ(righe()[0].fine, 1714557601);
+}
+
+TEST(Mp4CompletoTest, MoovAtTheStartOrInTheLastFourMebibytes) {
+  CartellaTemporanea t;
+  const std::size_t MiB = 1024 * 1024;
+  struct Caso {
+    std::size_t dimensione;
+    std::optional<std::size_t> moov;  // offset
+    bool atteso;
+  } casi[] = {
+      {2048, 4, true},
+      {200 * 1024, 65532, true},  // the last four bytes of the head
+      {200 * 1024, 200 * 1024 - 4, true},
+      {5 * MiB + 100 * 1024, 5 * MiB + 100 * 1024 - 8, true},
+      {5 * MiB + 100 * 1024, 100 * 1024, false},  // neither in the head nor in the tail
+      {200 * 1024, std::nullopt, false},
+      {0, std::nullopt, false},
+  };
+  for (const Caso& c : casi) {
+    std::string dati(c.dimensione, '\0');
+    if (c.moov) dati.replace(*c.moov, 4, "moov");
+    testing::scrivi_file(t / "f.mp4", dati);
+    EXPECT_EQ(_mp4_completo(t / "f.mp4"), c.atteso) << c.dimensione << " " << c.moov.value_or(0);
+  }
+  EXPECT_FALSE(_mp4_completo(t / "manca.mp4"));
+  fs::create_directory(t / "cartella.mp4");
+  EXPECT_FALSE(_mp4_completo(t / "cartella.mp4"));
+}
+
+TEST_F(IndiceTest, InProgressNamesUseTheMachineClockDayFoldersTheHostZone) {
+  host.imposta_zona("America/New_York");
+  Zona ny = zona_di("America/New_York");
+  EXPECT_EQ(_inizio_in_corso("20240501_120000.mp4"), 1714557600);  // Rome, not New York
+  EXPECT_EQ(_inizio_in_corso("20240229_000000.mp4"), 1709161200);
+  for (const char* cattivo : {"20230229_000000.mp4", "20240501_240000.mp4", "20240501_126000.mp4",
+                              "x20240501_120000.mp4", "20240501-120000.mp4", "20240501_120000.MP4"})
+    EXPECT_EQ(_inizio_in_corso(cattivo), std::nullopt) << cattivo;
+
+  EXPECT_EQ(_inizio_archiviato("2024-03-10", "12-00-00.mp4", ny), 1710086400);  // EDT already
+  EXPECT_EQ(_inizio_archiviato("2024-03-10", "12-00-00_12.mp4", ny), 1710086400);
+  EXPECT_EQ(_inizio_archiviato("2024-11-03", "01-30-00.mp4", ny), 1730611800);  // first 01:30
+  EXPECT_EQ(_inizio_archiviato("2024-03-10", "12-00-00.mp4", nullptr), 1710068400);
+  for (const char* cattivo : {"12-00-00_.mp4", "12-00-00_a.mp4", "12-60-00.mp4", "12-00-00.mp4x"})
+    EXPECT_EQ(_inizio_archiviato("2024-03-10", cattivo, ny), std::nullopt) << cattivo;
+  EXPECT_EQ(_inizio_archiviato("2024-02-30", "12-00-00.mp4", ny), std::nullopt);
+  EXPECT_EQ(_inizio_archiviato("2024-3-10", "12-00-00.mp4", ny), std::nullopt);
+
+  // The same rules on disk: a segment recorded at 12:00 Rome time is filed at 06:00 in New York;
+  // a file found in a New York day folder is dated in New York.
+  segmento(in_corso("20240501_120000.mp4"), 2048);
+  segmento(radice / "Garage/2024-03-10/12-00-00.mp4", 2048);
+  _indicizza(cfg, cams);
+  ASSERT_TRUE(riga(giorno("06-00-00.mp4")));
+  EXPECT_DOUBLE_EQ(riga(giorno("06-00-00.mp4"))->inizio, 1714557600);
+  EXPECT_EQ(righe().size(), 1u);  // day folders are looked at by deep runs only
+  _indicizza(cfg, cams, true);
+  std::optional<RigaIndice> adottata = riga(radice / "Garage/2024-03-10/12-00-00.mp4");
+  ASSERT_TRUE(adottata);
+  EXPECT_DOUBLE_EQ(adottata->inizio, 1710086400);
+  EXPECT_EQ(adottata->motivo, "");
+  nessun_lavoro_rimasto();
+}
+
+TEST_F(IndiceTest, DeepRunLeavesUnfinishedDayFolderFilesAlone) {
+  segmento(giorno("12-00-00.mp4"), 2048, Moov::nessuno);
+  segmento(giorno("12-00-01.mp4"), 1000);
+  segmento(giorno("12-00-02.mp4"), 2048, Moov::inizio, 5);
+  segmento(giorno("appunti.mp4"), 2048);
+  segmento(giorno("12-00-03.mp4"), 2048);
+  _indicizza(cfg, cams, true);
+  ASSERT_EQ(righe().size(), 1u);
+  EXPECT_EQ(righe()[0].file, giorno("12-00-03.mp4"));
+  for (const char* n : {"12-00-00.mp4", "12-00-01.mp4", "12-00-02.mp4", "appunti.mp4"})
+    EXPECT_TRUE(fs::exists(giorno(n))) << n;
+}
+
+TEST_F(IndiceTest, OrphanCameraFolderIsAdopted) {
+  segmento(radice / "cam_7/2024-05-01/12-00-00.mp4", 2048);
+  testing::scrivi_file(radice / "cam_8", "not a folder");
+  fs::create_directories(radice / "cam_x");
+  fs::create_directories(radice / "cam_07");  // the same camera 7 once more
+  fs::create_directories(radice / "cam_-8");
+  fs::create_directories(radice / "cam_");
+  fs::create_directories(radice / "cam_1");  // camera 1 is configured
+  _indicizza(cfg, cams, true);
+
+  ASSERT_EQ(cams.size(), 2u);
+  EXPECT_EQ(cams[1].id, 7);
+  EXPECT_EQ(cams[1].nome, "");
+  EXPECT_EQ(cams[1].url, "");
+  EXPECT_FALSE(cams[1].attiva);
+  EXPECT_EQ(cams[1].modo, "sempre");
+  ASSERT_EQ(righe().size(), 1u);
+  EXPECT_EQ(righe()[0].cam_id, 7);
+  EXPECT_EQ(righe()[0].file, radice / "cam_7/2024-05-01/12-00-00.mp4");
+  EXPECT_FALSE(fs::exists(radice / "cam_1"));  // an empty legacy folder goes
+  nessun_lavoro_rimasto();
+}
+
+TEST_F(IndiceTest, LegacyFolderDayFilesAreAdoptedFlatFilesAreNot) {
+  segmento(radice / "cam_1/2024-05-01/12-00-00.mp4", 2048);
+  segmento(radice / "cam_1/20240501_130000.mp4", 2048);
+  _indicizza(cfg, cams, true);
+  ASSERT_EQ(righe().size(), 1u);
+  EXPECT_EQ(righe()[0].cam_id, 1);
+  EXPECT_EQ(righe()[0].file, radice / "cam_1/2024-05-01/12-00-00.mp4");
+  EXPECT_DOUBLE_EQ(righe()[0].inizio, 1714557600);
+  EXPECT_TRUE(fs::exists(radice / "cam_1/20240501_130000.mp4"));
+  nessun_lavoro_rimasto();
+}
+
+TEST_F(IndiceTest, SameSecondGetsASuffix) {
+  segmento(giorno("12-00-00.mp4"), 2048);  // already in the archive, without a row
+  segmento(in_corso("20240501_120000.mp4"), 3000);
+  segmento(radice / "Vecchio/in_corso/20240501_120000.mp4", 4000);
+  {
+    std::lock_guard l(_lock);
+    _in_corso_precedenti[1].insert(radice / "Vecchio/in_corso");
+  }
+  _indicizza(cfg, cams, true);
+
+  ASSERT_EQ(righe().size(), 3u);
+  EXPECT_EQ(riga(giorno("12-00-00_1.mp4"))->dimensione, 3000);
+  EXPECT_EQ(riga(giorno("12-00-00_2.mp4"))->dimensione, 4000);
+  for (const RigaIndice& r : righe()) EXPECT_DOUBLE_EQ(r.inizio, 1714557600) << r.file;
+  nessun_lavoro_rimasto();
+}
+
+TEST_F(IndiceTest, FailedMoveIsIndexedInPlaceLoggedOnceRetriedOnDeepRuns) {
+  testing::scrivi_file(radice / "Garage/2024-05-01", "a file where the day folder goes");
+  const std::string p = in_corso("20240501_120000.mp4");
+  segmento(p, 2048);
+  auto segnalazioni = [&](auto&& giri) {
+    ::testing::internal::CaptureStdout();
+    giri();
+    std::string uscita = ::testing::internal::GetCapturedStdout();
+    std::size_t volte = 0;
+    for (auto i = uscita.find(" non spostato in "); i != std::string::npos;
+         i = uscita.find(" non spostato in ", i + 1))
+      ++volte;
+    return volte;
+  };
+  EXPECT_EQ(segnalazioni([&] {
+              _indicizza(cfg, cams);
+              _indicizza(cfg, cams);
+              _indicizza(cfg, cams, true);
+            }),
+            1u);
+  // A restarted server has forgotten the file: it says so once more, and then no more.
+  EXPECT_EQ(segnalazioni([&] {
+              {
+                std::lock_guard l(_lock);
+                _non_spostabili.clear();
+              }
+              _indicizza(cfg, cams);
+              _indicizza(cfg, cams, true);
+            }),
+            1u);
+  ASSERT_EQ(righe().size(), 1u);
+  EXPECT_EQ(righe()[0].file, p);
+  EXPECT_TRUE(fs::exists(p));
+  {
+    std::lock_guard l(_lock);
+    EXPECT_EQ(_non_spostabili.count(p), 1u);
+  }
+
+  // Once the way is clear, a normal run still leaves it; a deep one moves it and its row.
+  fs::remove(radice / "Garage/2024-05-01");
+  _indicizza(cfg, cams);
+  EXPECT_TRUE(fs::exists(p));
+  _indicizza(cfg, cams, true);
+  ASSERT_EQ(righe().size(), 1u);
+  EXPECT_EQ(righe()[0].file, giorno("12-00-00.mp4"));
+  EXPECT_DOUBLE_EQ(righe()[0].inizio, 1714557600);
+  EXPECT_FALSE(fs::exists(p));
+  {
+    std::lock_guard l(_lock);
+    EXPECT_TRUE(_non_spostabili.empty());
+  }
+  nessun_lavoro_rimasto();
+}
+
+TEST_F(IndiceTest, NewestFileOfTheRunningRecorderIsLeftAlone) {
+  struct Caso {
+    std::string cartella_registratore;
+    bool ultimo_lasciato;
+  } casi[] = {
+      {radice / "collegamento/in_corso", true},  // the same folder through a symbolic link
+      {radice / "Altra/in_corso", false},
+  };
+  fs::create_directories(radice / "Garage");
+  fs::create_directory_symlink(radice / "Garage", radice / "collegamento");
+  for (const Caso& c : casi) {
+    SCOPED_TRACE(c.cartella_registratore);
+    host.sql("DELETE FROM nvr_registrazioni");
+    for (const char* n : {"20240501_120000.mp4", "20240501_120100.mp4", "20240501_120200.mp4"})
+      segmento(in_corso(n), 2048);
+    {
+      std::lock_guard l(_lock);
+      _processi[1] = Registratore{};
+      _processi[1].cartella = c.cartella_registratore;
+      _processi[1].motivo = "evento";
+    }
+    _indicizza(cfg, cams);
+    EXPECT_EQ(fs::exists(in_corso("20240501_120200.mp4")), c.ultimo_lasciato);
+    EXPECT_EQ(righe().size(), c.ultimo_lasciato ? 2u : 3u);
+    for (const RigaIndice& r : righe()) EXPECT_EQ(r.motivo, "evento");
+    fs::remove_all(radice / "Garage");
+    fs::create_directories(radice / "Garage");
+  }
+}
+
+TEST_F(IndiceTest, AtMostThreeHundredFilesPerCameraAndRun) {
+  for (int i = 0; i < 301; ++i) {
+    char nome[32];
+    std::snprintf(nome, sizeof nome, "20240501_12%02d%02d.mp4", i / 60, i % 60);
+    segmento(in_corso(nome), 1024);
+  }
+  _indicizza(cfg, cams);
+  EXPECT_EQ(righe().size(), 300u);
+  EXPECT_TRUE(fs::exists(in_corso("20240501_120500.mp4")));  // the 301st by name
+  _indicizza(cfg, cams);
+  EXPECT_EQ(righe().size(), 301u);
+}
+
+TEST_F(IndiceTest, RowsAreWrittenInBatchesOfTwentyFiveAndFailuresPropagate) {
+  for (int i = 0; i < 30; ++i) {
+    char nome[32];
+    std::snprintf(nome, sizeof nome, "20240501_1200%02d.mp4", i);
+    segmento(in_corso(nome), 1024);
+  }
+  host.sql(
+      "CREATE TRIGGER rifiuta BEFORE INSERT ON nvr_registrazioni WHEN NEW.file LIKE "
+      "'%12-00-29.mp4' BEGIN SELECT RAISE(ABORT, 'rifiutata'); END");
+  EXPECT_THROW(_indicizza(cfg, cams), ErroreDb);
+  EXPECT_EQ(righe().size(), 25u);        // the first batch was committed, the second rolled back
+  EXPECT_TRUE(_indice_lock.try_lock());  // released although the run failed
+  _indice_lock.unlock();
+
+  // The moved files without a row are found again by the next deep run.
+  host.sql("DROP TRIGGER rifiuta");
+  _indicizza(cfg, cams, true);
+  EXPECT_EQ(righe().size(), 30u);
+}
+
+TEST_F(IndiceTest, EarlierInProgressFoldersAreDrainedAndRemoved) {
+  const std::string vuotata = radice / "Vecchio/in_corso";
+  const std::string giovane = radice / "Giovane/in_corso";
+  segmento(vuotata + "/20240501_120000.mp4", 2048);
+  segmento(vuotata + "/20240501_120100.mp4", 10, Moov::nessuno);  // a fragment: deleted
+  segmento(giovane + "/20240501_120200.mp4", 2048, Moov::inizio, 3);
+  {
+    std::lock_guard l(_lock);
+    _in_corso_precedenti[1] = {vuotata, giovane, radice / "Sparita/in_corso"};
+  }
+  _indicizza(cfg, cams);
+
+  EXPECT_TRUE(riga(giorno("12-00-00.mp4")));
+  EXPECT_EQ(righe().size(), 1u);
+  EXPECT_FALSE(fs::exists(radice / "Vecchio"));  // its camera folder was left empty too
+  EXPECT_TRUE(fs::exists(giovane + "/20240501_120200.mp4"));
+  std::lock_guard l(_lock);
+  EXPECT_EQ(_in_corso_precedenti[1], std::set<std::string>{giovane});
+}
+
+TEST_F(IndiceTest, SecondCallerReturnsAtOnce) {
+  segmento(in_corso("20240501_120000.mp4"), 2048);
+  {
+    std::lock_guard occupato(_indice_lock);
+    auto t0 = std::chrono::steady_clock::now();
+    _indicizza(cfg, cams, true);
+    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(100));
+    EXPECT_TRUE(righe().empty());
+    EXPECT_TRUE(fs::exists(in_corso("20240501_120000.mp4")));
+  }
+  _indicizza(cfg, cams);
+  EXPECT_EQ(righe().size(), 1u);
+}
+
+}  // namespace
+}  // namespace nvr
