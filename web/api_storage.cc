@@ -3,7 +3,10 @@
 #include <exception>
 #include <optional>
 #include <string>
+#include <system_error>
 #include <thread>
+#include <tuple>
+#include <vector>
 
 #include "core/config.h"
 #include "core/log.h"
@@ -165,7 +168,7 @@ Risposta api_installa_ffmpeg(const Richiesta&) {
   if (gia) return riuscita("Installazione gia' in corso");
   try {
     std::thread(_installa).detach();
-  } catch (const std::system_error& e) {
+  } catch (const std::system_error&) {
     _installazione.set(Installazione{});
     throw;
   }
@@ -173,21 +176,22 @@ Risposta api_installa_ffmpeg(const Richiesta&) {
 }
 
 void _installa() {
+  // The last act on shared state is publishing the outcome: a caller that sees in_corso drop
+  // knows that this thread has nothing left to do.
   try {
     _installazione.set(Installazione{"Installazione in corso...", true});
     RisultatoComando esito = _radice({"bash", "-c", kComandoInstallazione}, 900);
-    std::string testo;
-    if (!ffmpeg_presente()) testo = "Installazione non riuscita: " + ultima_riga(esito);
+    const bool presente = ffmpeg_presente();
+    std::string testo = presente ? "" : "Installazione non riuscita: " + ultima_riga(esito);
+    _log("installazione ffmpeg terminata: presente=" + testo_di(Json(presente)) + " " + testo);
     _installazione.set(Installazione{testo, false});
-    _log("installazione ffmpeg terminata: presente=" + testo_di(Json(ffmpeg_presente())) + " " +
-         testo);
   } catch (const std::exception& e) {
+    _log(std::string("installazione ffmpeg: ") + e.what());
     _installazione.set(
         Installazione{"Installazione non riuscita: " + std::string(e.what()), false});
-    _log(std::string("installazione ffmpeg: ") + e.what());
   } catch (...) {
-    _installazione.set(Installazione{"Installazione non riuscita: errore sconosciuto", false});
     _log("installazione ffmpeg: errore sconosciuto");
+    _installazione.set(Installazione{"Installazione non riuscita: errore sconosciuto", false});
   }
 }
 

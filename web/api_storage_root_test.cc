@@ -3,13 +3,18 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <memory>
 
+#include "core/config.h"
 #include "core/db.h"
 #include "core/stato.h"
 #include "storage/comando.h"
 #include "testing/ambiente.h"
 #include "testing/cartella_ammessa.h"
+#include "testing/loop.h"
 #include "testing/sonda.h"
+#include "testing/stand_in.h"
+#include "web/api_config.h"
 #include "web/api_storage.h"
 
 namespace nvr {
@@ -68,6 +73,76 @@ TEST_F(ApiStorageRootTest, BrowsingAMountedDriveNamesItsMountPoint) {
     // The space is the drive's, not the system disk's: a 1 MB tmpfs.
     EXPECT_EQ(a.corpo["spazio"]["totale_gb"], 0.0);
   }
+}
+
+// The storage page's whole round with a real drive: mount, browse, choose a folder, unmount.
+// Only lsblk is a stand-in (it cannot call a loop device removable).
+TEST_F(ApiStorageRootTest, UsbDriveMountedBrowsedChosenAndUnmounted) {
+  CartellaTemporanea montaggi;
+  imposta_radice_montaggi_per_test(montaggi.percorso());
+  std::unique_ptr<testing::ImmagineLoop> disco;
+  try {
+    disco = std::make_unique<testing::ImmagineLoop>("ext4", "CAMERE",
+                                                    "5a1d0c3e-aaaa-4bbb-8ccc-0123456789ab");
+  } catch (const std::exception& e) {
+    GTEST_SKIP() << "immagini su loop device non disponibili: " << e.what();
+  }
+  testing::Controfigure cf;
+  cf.programma("lsblk", testing::script_lsblk({disco.get()}, cf / "lsblk.args"));
+  const std::string mp = montaggi / "CAMERE";
+  const Json unita = {{"dev", disco->dev()}, {"uuid", disco->uuid()}, {"etichetta", "CAMERE"}};
+
+  Risposta r = api_monta(richiesta("POST", {{"tipo", "usb"}, {"uuid", disco->uuid()}}));
+  ASSERT_EQ(r.status, 200) << r.corpo.dump();
+  EXPECT_EQ(disco->mountpoint(), mp);
+  std::vector<std::string> chiavi;
+  for (const auto& [k, v] : r.corpo.items()) chiavi.push_back(k);
+  EXPECT_EQ(chiavi,
+            (std::vector<std::string>{"status", "message", "mountpoint", "spazio", "unita"}));
+  EXPECT_EQ(r.corpo["message"], "Montata");
+  EXPECT_EQ(r.corpo["mountpoint"], mp);
+  EXPECT_EQ(r.corpo["spazio"]["totale_gb"], 0.0);  // the 8 MB drive's own figures
+  EXPECT_EQ(r.corpo["unita"], unita);
+  r = api_monta(richiesta("POST", {{"etichetta", "CAMERE"}}));
+  EXPECT_EQ(r.corpo["message"], "Gia' montata");
+
+  Richiesta sfoglia = richiesta("GET");
+  sfoglia.query["base"] = mp;
+  r = api_cartelle(sfoglia);
+  ASSERT_EQ(r.status, 200) << r.corpo.dump();
+  EXPECT_EQ(r.corpo["cartelle"], Json::array());  // lost+found is not offered
+  EXPECT_EQ(r.corpo["radice"], mp);
+  r = api_cartelle(richiesta("POST", {{"base", mp}, {"nome", "nvr"}}));
+  ASSERT_EQ(r.status, 200) << r.corpo.dump();
+
+  const Json scelta = {{"cartella", mp + "/nvr"},
+                       {"destinazione", {{"tipo", "usb"}, {"uuid", disco->uuid()}}}};
+  r = api_config(richiesta("POST", scelta));
+  ASSERT_EQ(r.status, 200) << r.corpo.dump();
+  EXPECT_EQ(leggi_config().destinazione, (Json{{"tipo", "usb"},
+                                               {"uuid", disco->uuid()},
+                                               {"dev", disco->dev()},
+                                               {"etichetta", "CAMERE"},
+                                               {"mountpoint", mp}}));
+
+  r = api_smonta(richiesta("POST", {{"mountpoint", mp}}));
+  EXPECT_EQ(r.status, 200);
+  EXPECT_EQ(r.corpo, (Json{{"status", "success"}, {"message", "Smontata"}}));
+  EXPECT_EQ(disco->mountpoint(), "");
+
+  // Gone: browsing and choosing it again say so, unmounting again is refused.
+  r = api_cartelle(sfoglia);
+  EXPECT_EQ(r.status, 400);
+  EXPECT_EQ(r.corpo["message"],
+            "L'unita' non e' montata: premi di nuovo \"Usa questa unita'\" o \"Collega\"");
+  r = api_config(richiesta("POST", scelta));
+  EXPECT_EQ(r.status, 400);
+  EXPECT_EQ(r.corpo["message"], "La cartella " + mp +
+                                    "/nvr non sta sull'unita' (non e' montata): premi di nuovo "
+                                    "\"Usa questa unita'\" o \"Collega\"");
+  r = api_smonta(richiesta("POST", {{"mountpoint", mp}}));
+  EXPECT_EQ(r.status, 400);
+  EXPECT_EQ(r.corpo, errore("Non e' un punto di montaggio"));
 }
 
 // Without root and without password-less sudo nothing privileged is even tried.

@@ -193,6 +193,9 @@ TEST_F(ApiStorageTest, RemountingTheSavedShareUsesTheSavedPassword) {
     EXPECT_EQ(cf.credenziali(1), "username=" + utente + "\npassword=" + c.password + "\n");
     EXPECT_EQ(r.corpo["status"], "success");
     EXPECT_EQ(r.corpo["message"], "Montata");
+    EXPECT_EQ(r.corpo["mountpoint"], montaggi / ("rete_" + corpo["server"].get<std::string>() +
+                                                 "_" + corpo["share"].get<std::string>()));
+    EXPECT_TRUE(r.corpo["spazio"].is_object());
     EXPECT_EQ(r.corpo["unita"], nullptr);
     EXPECT_EQ(r.corpo.dump().find("segreta"), std::string::npos);
   }
