@@ -107,10 +107,21 @@ sqlite3_stmt* Connessione::prepara(std::string_view sql, const std::vector<Valor
   if (sqlite3_prepare_v2(db_, sql.data(), static_cast<int>(sql.size()), &st, nullptr) !=
       SQLITE_OK)
     fallisci(std::string(sql));
-  if (static_cast<int>(parametri.size()) != sqlite3_bind_parameter_count(st)) {
+  try {
+    lega(st, sql, parametri);
+  } catch (...) {
     sqlite3_finalize(st);
-    throw ErroreDb("numero di parametri errato (" + std::string(sql) + ")");
+    throw;
   }
+  return st;
+}
+
+void Connessione::lega(sqlite3_stmt* st, std::string_view sql,
+                       const std::vector<Valore>& parametri) {
+  sqlite3_reset(st);
+  sqlite3_clear_bindings(st);
+  if (static_cast<int>(parametri.size()) != sqlite3_bind_parameter_count(st))
+    throw ErroreDb("numero di parametri errato (" + std::string(sql) + ")");
   for (std::size_t i = 0; i < parametri.size(); ++i) {
     int n = static_cast<int>(i + 1);
     const Valore& v = parametri[i];
@@ -123,12 +134,8 @@ sqlite3_stmt* Connessione::prepara(std::string_view sql, const std::vector<Valor
       r = sqlite3_bind_text(st, n, s->data(), static_cast<int>(s->size()), SQLITE_TRANSIENT);
     else
       r = sqlite3_bind_null(st, n);
-    if (r != SQLITE_OK) {
-      sqlite3_finalize(st);
-      fallisci("");
-    }
+    if (r != SQLITE_OK) fallisci("");
   }
-  return st;
 }
 
 void Connessione::passo_scrittura(sqlite3_stmt* st) {
@@ -149,7 +156,15 @@ void Connessione::esegui(std::string_view sql, const std::vector<Valore>& parame
 
 void Connessione::esegui_molti(std::string_view sql,
                                const std::vector<std::vector<Valore>>& lotti) {
-  for (const auto& p : lotti) esegui(sql, p);
+  // One compiled statement for the whole batch: compiling it again for every row costs more
+  // than the insert itself.
+  if (lotti.empty()) return;
+  Istruzione i{prepara(sql, lotti.front())};
+  passo_scrittura(i.st);
+  for (std::size_t k = 1; k < lotti.size(); ++k) {
+    lega(i.st, sql, lotti[k]);
+    passo_scrittura(i.st);
+  }
 }
 
 std::vector<Riga> Connessione::righe(std::string_view sql, const std::vector<Valore>& parametri) {

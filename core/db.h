@@ -59,6 +59,8 @@ class Connessione {
 
  private:
   sqlite3_stmt* prepara(std::string_view sql, const std::vector<Valore>& parametri);
+  // Binds `parametri` to a compiled statement, after resetting it for another run.
+  void lega(sqlite3_stmt* st, std::string_view sql, const std::vector<Valore>& parametri);
   void passo_scrittura(sqlite3_stmt* st);
   [[noreturn]] void fallisci(const std::string& dove);
 
