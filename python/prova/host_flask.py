@@ -17,6 +17,7 @@ import signal
 import sqlite3
 import sys
 import threading
+import time
 import zoneinfo
 
 import flask
@@ -74,9 +75,11 @@ def admin_required(f):
 _zn_fuso = {"tz": zoneinfo.ZoneInfo("Europe/Rome")}
 _stati = {}
 _stati_falliscono = False
+_stati_lenti = 0.0
 
 
 def get_all_internal_states():
+    time.sleep(_stati_lenti)
     if _stati_falliscono:
         raise RuntimeError("stati non disponibili")
     return dict(_stati)
@@ -90,10 +93,11 @@ def normalize_state(stato):
 
 @app.route("/prova/stati", methods=["POST"])
 def prova_stati():
-    global _stati, _stati_falliscono
+    global _stati, _stati_falliscono, _stati_lenti
     corpo = flask.request.get_json(force=True)
     _stati = corpo.get("stati", {})
     _stati_falliscono = bool(corpo.get("fallisci"))
+    _stati_lenti = float(corpo.get("lento", 0))
     return flask.jsonify({"ok": True})
 
 
@@ -127,6 +131,13 @@ def prova_rotte():
         [r.rule, r.endpoint, sorted(r.methods - {"HEAD", "OPTIONS"})]
         for r in app.url_map.iter_rules() if r.rule.startswith("/api/nvr/")
     ])
+
+
+@app.route("/prova/esci", methods=["POST"])
+def prova_esci():
+    # The server stops, the script ends, and the interpreter exits on its own.
+    threading.Thread(target=server.shutdown).start()
+    return flask.jsonify({"ok": True})
 
 
 @app.route("/prova/collega", methods=["POST"])
