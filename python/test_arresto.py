@@ -37,7 +37,8 @@ def in_corso_mp4(archivio):
 
 
 def segmenti_finiti(archivio):
-    segmenti = glob.glob(in_corso_mp4(archivio)) + glob.glob(os.path.join(archivio, "*", "*", "*.mp4"))
+    archiviati = os.path.join(archivio, "*", "*", "*.mp4")
+    segmenti = glob.glob(in_corso_mp4(archivio)) + glob.glob(archiviati)
     return segmenti and all(durata(f) for f in segmenti)
 
 
