@@ -12,7 +12,7 @@ run_pkgs=(
   ffmpeg util-linux procps mount sudo
 )
 test_pkgs=(
-  googletest libgtest-dev sqlite3 python3-pytest
+  googletest libgtest-dev sqlite3 python3-pytest python3-tz
   python3-gi gir1.2-gst-rtsp-server-1.0 gstreamer1.0-plugins-base
   gstreamer1.0-plugins-good gstreamer1.0-plugins-ugly
   e2fsprogs dosfstools

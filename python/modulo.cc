@@ -1,0 +1,29 @@
+// The extension module `nvr` for Flask hosts: `import nvr`, then `nvr.collega(module)`.
+#include <pybind11/pybind11.h>
+
+#include "core/stato.h"
+#include "python/app_flask.h"
+#include "python/host_python.h"
+#include "web/collega.h"
+
+namespace py = pybind11;
+
+PYBIND11_MODULE(nvr, m) {
+  m.doc() = "Videoregistratore di rete per applicazioni Flask.";
+  // Without Flask there is nothing to attach to: the import itself fails (ImportError).
+  nvr::python::imposta_flask(py::module_::import("flask"));
+
+  m.def(
+      "collega",
+      [](py::object modulo_app) {
+        // Once attached, a later module is not even read: it may lack what the first one had.
+        if (nvr::host_attuale()) return false;
+        std::shared_ptr<nvr::Host> host = nvr::python::host_da_modulo(modulo_app);
+        // Attaching creates the tables; the callbacks into the host take the GIL themselves.
+        py::gil_scoped_release senza_gil;
+        return nvr::collega(std::move(host));
+      },
+      py::arg("modulo_app"),
+      "Collega il registratore al modulo dell'applicazione Flask: True la prima volta, False "
+      "se era gia' collegato. RuntimeError se il modulo non ha un oggetto app.");
+}
