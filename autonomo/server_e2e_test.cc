@@ -172,7 +172,7 @@ TEST_F(ServerE2eTest, CamerasAreAddedChangedAndRemoved) {
   EXPECT_EQ(r.json["telecamere"][0]["nome"], "Portone");
 
   EXPECT_EQ(programma->elimina(p1).status, 200);
-  for (const std::string& metodo : {"POST", "DELETE"}) {
+  for (const char* metodo : {"POST", "DELETE"}) {
     r = programma->chiama(metodo, p1, Json{{"nome", "x"}}.dump());
     EXPECT_EQ(r.status, 404) << metodo;
     EXPECT_EQ(r.json["message"], "Telecamera non trovata") << metodo;
@@ -183,7 +183,7 @@ TEST_F(ServerE2eTest, CamerasAreAddedChangedAndRemoved) {
 
 TEST_F(ServerE2eTest, EntityStatesAreMergedAndRemoved) {
   ASSERT_TRUE(programma->accedi());
-  for (const std::string& corpo : {"[1,2]", "\"on\"", "non json", ""}) {
+  for (const char* corpo : {"[1,2]", "\"on\"", "non json", ""}) {
     auto r = programma->chiama("POST", "/api/stati", corpo);
     EXPECT_EQ(r.status, 400) << corpo;
     EXPECT_EQ(r.json["message"], "Stati non validi") << corpo;
