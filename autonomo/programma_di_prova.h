@@ -115,7 +115,8 @@ class Programma {
   }
   // Starts it on a free port with data folder `dati` and the extra arguments.
   void imposta_porta(int porta) { porta_ = porta; }
-  static std::unique_ptr<Programma> su(const std::string& dati, std::vector<std::string> altro = {}) {
+  static std::unique_ptr<Programma> su(const std::string& dati,
+                                       std::vector<std::string> altro = {}) {
     const int porta = testing::porta_libera();
     std::vector<std::string> a = {"--porta", std::to_string(porta), "--dati", dati};
     a.insert(a.end(), altro.begin(), altro.end());
@@ -178,7 +179,9 @@ class Programma {
     risposta.json = leggi_json(r->body).value_or(Json());
     return risposta;
   }
-  RispostaHttp get(const std::string& p, httplib::Headers h = {}) { return chiama("GET", p, "", h); }
+  RispostaHttp get(const std::string& p, httplib::Headers h = {}) {
+    return chiama("GET", p, "", h);
+  }
   RispostaHttp post(const std::string& p, const Json& j) { return chiama("POST", p, j.dump()); }
   RispostaHttp elimina(const std::string& p, const Json& j = Json::object()) {
     return chiama("DELETE", p, j.dump());
