@@ -1,0 +1,284 @@
+// The standalone program's pages in a real browser, against the real program recording the RTSP
+// test camera. The steps build on each other (login, camera, archive, recording, playback,
+// deletion), so they run in order in one browser session.
+import assert from 'node:assert/strict';
+import fs from 'node:fs';
+import os from 'node:os';
+import path from 'node:path';
+import { after, before, describe, test } from 'node:test';
+import {
+  Console, avvia_browser, avvia_camera, avvia_programma, sql, uscita,
+} from './ambiente.mjs';
+
+const NON_AMMESSA = "Cartella non ammessa: scegli un'unita' USB, una cartella di rete o una sotto /media, /mnt, /srv, /home";
+
+let camera, nvr, contesto, pagina, console_, dati, archivio, cam_id;
+const schermate = path.join(uscita(), 'screenshots');
+const risposte_video = [];
+
+async function schermata(nome) {
+  await pagina.screenshot({ path: path.join(schermate, `${nome}.png`), fullPage: true });
+}
+
+// Every step ends the same way: a picture for a person to look at, and no error on the page.
+async function fine(nome) {
+  await schermata(nome);
+  assert.deepEqual(console_.prendi(), [], 'errori nella console del browser');
+}
+
+async function json(percorso) {
+  const r = await pagina.request.get(`${nvr.base}${percorso}`);
+  assert.equal(r.status(), 200, `${percorso}: ${await r.text()}`);
+  return r.json();
+}
+
+async function fino_a(descrizione, prova, ms) {
+  const limite = Date.now() + ms;
+  for (;;) {
+    const v = await prova();
+    if (v) return v;
+    if (Date.now() > limite) throw new Error(`${descrizione}: non avvenuto in ${ms / 1000} s\n${nvr.uscita.slice(-3000)}`);
+    await new Promise((r) => setTimeout(r, 1000));
+  }
+}
+
+async function video() {
+  return pagina.evaluate(() => {
+    const v = document.getElementById('video');
+    return { url: v.dataset.url || '', t: v.currentTime, pausa: v.paused, errore: v.error && v.error.code };
+  });
+}
+
+describe('pagine del programma autonomo', { timeout: 280000 }, () => {
+  before(async () => {
+    fs.mkdirSync(schermate, { recursive: true });
+    dati = fs.mkdtempSync(path.join(os.tmpdir(), 'nvr-browser-dati-'));
+    fs.mkdirSync('/srv', { recursive: true });
+    archivio = fs.mkdtempSync('/srv/nvr-browser-');
+    camera = await avvia_camera();
+    nvr = await avvia_programma(dati);
+    contesto = await avvia_browser(fs.mkdtempSync(path.join(os.tmpdir(), 'nvr-browser-profilo-')));
+    pagina = contesto.pages()[0] || await contesto.newPage();
+    console_ = new Console(pagina);
+    pagina.on('response', (r) => {
+      if (r.url().includes('/api/nvr/video/')) risposte_video.push(r.status());
+    });
+  });
+
+  after(async () => {
+    await contesto?.close().catch(() => {});
+    await nvr?.ferma();
+    await camera?.ferma();
+    if (archivio) fs.rmSync(archivio, { recursive: true, force: true });
+    if (dati) fs.rmSync(dati, { recursive: true, force: true });
+  });
+
+  test('accesso: password errata segnalata, quella giusta entra, la sessione regge al ricaricamento', async () => {
+    await pagina.goto(`${nvr.base}/`);
+    await pagina.locator('#password-accesso').waitFor();
+    assert.equal(await pagina.locator('#menu').isVisible(), false);
+    console_.atteso(401, '/api/accesso');
+    await pagina.fill('#password-accesso', `${nvr.password}x`);
+    await pagina.click('#modulo-accesso button[type=submit]');
+    await pagina.locator('#errore-accesso', { hasText: 'Password errata' }).waitFor();
+    await schermata('01-accesso-errato');
+    await pagina.fill('#password-accesso', nvr.password);
+    await pagina.click('#modulo-accesso button[type=submit]');
+    await pagina.locator('#stato-camere').waitFor();
+    await pagina.reload();
+    await pagina.locator('#stato-attivo-testo', { hasText: 'spenta' }).waitFor();
+    assert.equal(await pagina.locator('#accesso').isVisible(), false);
+    await fine('02-stato-dopo-accesso');
+  });
+
+  test('telecamere: indirizzo non valido segnalato, aggiunta, impostazioni errate e poi salvate', async () => {
+    await pagina.goto(`${nvr.base}/#telecamere`);
+    const nuova = pagina.locator('#nuova-telecamera');
+    await nuova.getByLabel('Nome').fill('Ingresso');
+    await nuova.getByLabel('Indirizzo del flusso').fill('ftp://nulla');
+    await nuova.getByRole('button', { name: 'Aggiungi' }).click();
+    await nuova.locator('.errore-campo', { hasText: "L'indirizzo deve cominciare con rtsp://" }).waitFor();
+    await nuova.getByLabel('Indirizzo del flusso').fill(camera.url);
+    await nuova.getByRole('button', { name: 'Aggiungi' }).click();
+    const scheda = pagina.locator('article.telecamera', { hasText: 'Ingresso' });
+    await scheda.waitFor();
+    cam_id = Number(await scheda.getAttribute('data-id'));
+
+    // A schedule whose start and end coincide would never record: refused beside the field.
+    await scheda.getByLabel('Registra questa telecamera').check();
+    await scheda.getByLabel('Quando registrare').selectOption('orari');
+    await scheda.getByRole('button', { name: 'Aggiungi fascia' }).click();
+    await scheda.locator('.orario-da').fill('22:00');
+    await scheda.locator('.orario-a').fill('22:00');
+    await scheda.getByRole('button', { name: 'Salva impostazioni' }).click();
+    await scheda.locator('.errore-campo', { hasText: 'Inizio e fine coincidono' }).waitFor();
+    await schermata('03-telecamera-errore-orario');
+    // A past-midnight interval is accepted and stored whole.
+    await scheda.locator('.orario-a').fill('06:00');
+    await scheda.locator('.nota-notte', { hasText: 'prosegue dopo mezzanotte' }).waitFor();
+    await scheda.getByRole('button', { name: 'Salva impostazioni' }).click();
+    await scheda.locator('.avviso.ok', { hasText: 'Impostazioni salvate.' }).waitFor();
+    let cfg = await json('/api/nvr/config');
+    let c = cfg.telecamere.find((t) => t.id === cam_id);
+    assert.deepEqual([c.modo, c.orari], ['orari', [{ da: '22:00', a: '06:00' }]]);
+
+    await scheda.getByLabel('Quando registrare').selectOption('sempre');
+    await scheda.getByRole('button', { name: 'Salva impostazioni' }).click();
+    await scheda.locator('.avviso.ok', { hasText: 'Impostazioni salvate.' }).waitFor();
+    cfg = await json('/api/nvr/config');
+    c = cfg.telecamere.find((t) => t.id === cam_id);
+    assert.deepEqual([c.attiva, c.modo, c.url], [true, 'sempre', camera.url]);
+    await fine('04-telecamera-aggiunta');
+  });
+
+  test("archiviazione: l'errore del server mostrato com'e', poi una cartella creata e scelta", async () => {
+    await pagina.goto(`${nvr.base}/#archiviazione`);
+    for (const nome of ['Chiavetta / disco USB', 'Cartella di rete']) {
+      await pagina.getByRole('tab', { name: nome }).waitFor();
+    }
+    await pagina.getByRole('tab', { name: 'Cartella di rete' }).click();
+    await pagina.getByRole('button', { name: 'Collega' }).waitFor();
+    assert.equal(await pagina.locator('#rete-password').inputValue(), '');
+
+    await pagina.getByRole('tab', { name: 'Cartella locale' }).click();
+    console_.atteso(400, '/api/nvr/config');
+    await pagina.fill('#cartella-locale', path.join(os.tmpdir(), 'fuori'));
+    await pagina.getByRole('button', { name: 'Usa questa cartella' }).click();
+    const esito = pagina.locator('#esito-archiviazione');
+    await pagina.locator('#esito-archiviazione.errore').waitFor();
+    assert.equal(await esito.textContent(), NON_AMMESSA);
+    await schermata('05-archiviazione-errore');
+
+    await pagina.getByRole('button', { name: '/srv', exact: true }).click();
+    await pagina.locator('#sfoglia').getByRole('button', { name: path.basename(archivio) }).click();
+    await pagina.locator('#cartella-aperta', { hasText: archivio }).waitFor();
+    await pagina.fill('#nuova-cartella', 'video');
+    await pagina.getByRole('button', { name: 'Crea' }).click();
+    const cartella = path.join(archivio, 'video');
+    await pagina.locator('#cartella-aperta', { hasText: cartella }).waitFor();
+    await pagina.locator('#sfoglia').getByRole('button', { name: 'Usa questa cartella' }).click();
+    await pagina.locator('#esito-archiviazione.ok').waitFor();
+    const st = await json('/api/nvr/stato');
+    assert.equal(st.cartella, cartella);
+    assert.ok(fs.statSync(cartella).isDirectory());
+    await pagina.locator('#archivio-attuale', { hasText: cartella }).waitFor();
+    await fine('06-archiviazione-scelta');
+  });
+
+  test('stato: accesa la registrazione, la scheda passa a «in registrazione»', async () => {
+    await pagina.goto(`${nvr.base}/#stato`);
+    const scheda = pagina.locator(`#stato-camere article[data-id="${cam_id}"]`);
+    await scheda.waitFor();
+    await pagina.locator('label[for="stato-attivo"]').click();
+    await pagina.locator('#stato-attivo-testo', { hasText: 'accesa' }).waitFor();
+    // Saving the configuration keeps segments at 60 s or more; a few seconds keep the test short.
+    sql(path.join(dati, 'nvr.db'), 'UPDATE nvr_config SET segmento_sec=3');
+    const nodo = await scheda.elementHandle();
+    await scheda.locator('.pastiglia', { hasText: 'in registrazione' }).waitFor({ timeout: 60000 });
+    // Refreshed in place: still the very same node.
+    assert.ok(await nodo.evaluate((n) => n.isConnected));
+    await pagina.locator('#stato-spazio-testo', { hasText: 'GB liberi' }).waitFor();
+    await fine('07-stato-in-registrazione');
+  });
+
+  test('registrazioni: la linea del giorno, riproduzione dal punto cliccato, segmento successivo, salto', async () => {
+    const giorno = await fino_a('tre segmenti in archivio', async () => {
+      const g = await json(`/api/nvr/giorni?cam=${cam_id}`);
+      if (!g.giorni.length) return null;
+      const r = await json(`/api/nvr/registrazioni?cam=${cam_id}&giorno=${g.giorni.at(-1)}`);
+      return r.registrazioni.length >= 3 ? g.giorni.at(-1) : null;
+    }, 120000);
+    await pagina.goto(`${nvr.base}/#registrazioni`);
+    await pagina.locator(`#calendario button.con-registrazioni[data-giorno="${giorno}"][aria-pressed="true"]`).waitFor();
+    await pagina.locator('#linea-tempo .segmento').first().waitFor();
+    await schermata('08-registrazioni-giorno');
+
+    await pagina.selectOption('#reg-zoom', { label: '1 minuto' });
+    const segs = (await json(`/api/nvr/registrazioni?cam=${cam_id}&giorno=${giorno}`)).registrazioni;
+    const primo = pagina.locator('#linea-tempo .segmento[data-indice="0"]');
+    await primo.click();
+    await fino_a('il video parte', async () => {
+      const v = await video();
+      assert.equal(v.errore, null, 'errore del video');
+      return v.url === segs[0].url && v.t > 0.3 && !v.pausa;
+    }, 15000);
+    // It moves on to the next segment by itself and keeps playing.
+    await fino_a('passa al segmento successivo', async () => (await video()).url === segs[1].url, 30000);
+    const a = await video();
+    await pagina.waitForTimeout(800);
+    const b = await video();
+    assert.ok(b.url !== a.url || b.t > a.t + 0.3, `currentTime fermo: ${JSON.stringify([a, b])}`);
+
+    // A click inside the third segment plays it from that point.
+    const terzo = pagina.locator('#linea-tempo .segmento[data-indice="2"]');
+    await terzo.scrollIntoViewIfNeeded();
+    const box = await terzo.boundingBox();
+    await pagina.mouse.click(box.x + box.width * 0.6, box.y + box.height / 2);
+    const atteso = segs[2].durata * 0.6;
+    const v = await fino_a('salto nel terzo segmento', async () => {
+      const x = await video();
+      return x.url === segs[2].url && x.t > 0 ? x : null;
+    }, 15000);
+    assert.ok(Math.abs(v.t - atteso) < 1.5, `salto a ${v.t} s invece di circa ${atteso} s`);
+    assert.ok(risposte_video.includes(206), `nessuna risposta parziale (206) al video: ${risposte_video}`);
+    await schermata('09-registrazioni-riproduzione');
+    await fine('09-registrazioni-riproduzione');
+  });
+
+  test('registrazioni: scaricare un segmento', async () => {
+    const link = pagina.locator('#elenco-segmenti tbody tr').first().getByRole('link', { name: 'Scarica' });
+    const [scaricato] = await Promise.all([pagina.waitForEvent('download'), link.click()]);
+    const file = path.join(uscita(), 'segmento-scaricato.mp4');
+    await scaricato.saveAs(file);
+    const contenuto = fs.readFileSync(file);
+    assert.ok(contenuto.length > 1000, `file scaricato di ${contenuto.length} byte`);
+    assert.equal(contenuto.subarray(4, 8).toString('latin1'), 'ftyp', 'non e\' un MP4');
+    await fine('10-registrazioni-scaricato');
+  });
+
+  test('registrazioni: eliminare chiede conferma, annullare non toglie nulla, confermare toglie il giorno', async () => {
+    const giorno = await pagina.locator('#calendario button[aria-pressed="true"]').getAttribute('data-giorno');
+    const prima = (await json(`/api/nvr/registrazioni?cam=${cam_id}&giorno=${giorno}`)).registrazioni;
+    const dialogo = pagina.locator('#dialogo-conferma');
+
+    await pagina.locator('#elenco-segmenti tbody tr').first().getByRole('button', { name: 'Elimina' }).click();
+    await dialogo.locator('#dialogo-testo', { hasText: 'Eliminare il segmento di Ingresso' }).waitFor();
+    await dialogo.getByRole('button', { name: 'Annulla' }).click();
+    await dialogo.waitFor({ state: 'hidden' });
+    const ancora = (await json(`/api/nvr/registrazioni?cam=${cam_id}&giorno=${giorno}`)).registrazioni;
+    assert.ok(ancora.some((s) => s.id === prima[0].id), 'annullare ha eliminato il segmento');
+
+    await pagina.click('#elimina-giorno');
+    const testo = await dialogo.locator('#dialogo-testo').textContent();
+    assert.match(testo, /Eliminare tutte le registrazioni di Ingresso del .* Verranno cancellati \d+ segmenti/);
+    await schermata('11-conferma-giorno');
+    await dialogo.getByRole('button', { name: 'Elimina' }).click();
+    await pagina.locator('#esito-registrazioni', { hasText: /Eliminate \d+ registrazioni/ }).waitFor();
+    const dopo = (await json(`/api/nvr/registrazioni?cam=${cam_id}&giorno=${giorno}`)).registrazioni;
+    const rimasti = dopo.filter((s) => prima.some((p) => p.id === s.id));
+    assert.deepEqual(rimasti, [], 'segmenti del giorno ancora in archivio');
+    for (const s of prima.slice(0, 3)) {
+      const r = await pagina.request.get(`${nvr.base}${s.url}`);
+      assert.equal(r.status(), 404);
+    }
+    await fine('12-giorno-eliminato');
+  });
+
+  test('archivio e schermo di un telefono', async () => {
+    await pagina.goto(`${nvr.base}/#archivio`);
+    await pagina.locator('#archivio-totali').waitFor();
+    await pagina.locator(`#archivio-camere article[data-id="${cam_id}"]`, { hasText: 'Ingresso' }).waitFor();
+    await schermata('13-archivio');
+    await pagina.setViewportSize({ width: 390, height: 844 });
+    for (const p of ['stato', 'telecamere', 'archiviazione', 'registrazioni', 'archivio']) {
+      await pagina.goto(`${nvr.base}/#${p}`);
+      await pagina.locator(`#${p} h2`).waitFor();
+      await pagina.waitForLoadState('networkidle').catch(() => {});
+      const largo = await pagina.evaluate(() => document.documentElement.scrollWidth - window.innerWidth);
+      await schermata(`14-telefono-${p}`);
+      assert.ok(largo <= 1, `#${p} piu' largo dello schermo di ${largo} px`);
+    }
+    await pagina.setViewportSize({ width: 1280, height: 900 });
+    await fine('15-fine');
+  });
+});
