@@ -141,7 +141,6 @@ export async function avvia_browser(cartella_profilo) {
     args: [
       '--headless', '--no-sandbox', '--disable-gpu', '--disable-background-networking',
       '--no-first-run', '--disable-component-update', '--disable-sync',
-      '--autoplay-policy=no-user-gesture-required',
     ],
   });
 }

@@ -32,13 +32,13 @@ async function json(percorso) {
   return r.json();
 }
 
-async function fino_a(descrizione, prova, ms) {
+async function fino_a(descrizione, prova, ms, passo = 1000) {
   const limite = Date.now() + ms;
   for (;;) {
     const v = await prova();
     if (v) return v;
     if (Date.now() > limite) throw new Error(`${descrizione}: non avvenuto in ${ms / 1000} s\n${nvr.uscita.slice(-3000)}`);
-    await new Promise((r) => setTimeout(r, 1000));
+    await new Promise((r) => setTimeout(r, passo));
   }
 }
 
@@ -201,9 +201,9 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
       const v = await video();
       assert.equal(v.errore, null, 'errore del video');
       return v.url === segs[0].url && v.t > 0.3 && !v.pausa;
-    }, 15000);
+    }, 15000, 100);
     // It moves on to the next segment by itself and keeps playing.
-    await fino_a('passa al segmento successivo', async () => (await video()).url === segs[1].url, 30000);
+    await fino_a('passa al segmento successivo', async () => (await video()).url === segs[1].url, 30000, 100);
     const a = await video();
     await pagina.waitForTimeout(800);
     const b = await video();
@@ -218,7 +218,7 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     const v = await fino_a('salto nel terzo segmento', async () => {
       const x = await video();
       return x.url === segs[2].url && x.t > 0 ? x : null;
-    }, 15000);
+    }, 15000, 100);
     assert.ok(Math.abs(v.t - atteso) < 1.5, `salto a ${v.t} s invece di circa ${atteso} s`);
     assert.ok(risposte_video.includes(206), `nessuna risposta parziale (206) al video: ${risposte_video}`);
     await schermata('09-registrazioni-riproduzione');
