@@ -1,0 +1,128 @@
+#include "autonomo/api_host.h"
+
+#include "autonomo/instradamento.h"
+#include "autonomo/telecamere_host.h"
+
+namespace nvr::autonomo {
+
+namespace {
+
+std::string token_di(const Richiesta& r) {
+  auto it = r.intestazioni.find("cookie");
+  return it == r.intestazioni.end() ? "" : valore_cookie(it->second, kCookieSessione);
+}
+
+Risposta successo(Json altro = Json::object()) {
+  Json corpo = {{"status", "success"}};
+  for (auto& [k, v] : altro.items()) corpo[k] = v;
+  return _json(std::move(corpo));
+}
+
+template <class T>
+Risposta errore_da(const Esito<T>& e) {
+  return errore_json(e.errore().messaggio, e.errore().codice);
+}
+
+// A text field of the body when it is there: texts as they are, other values as their text.
+std::optional<std::string> testo_campo(const Json& corpo, const char* chiave) {
+  const Json& v = campo(corpo, chiave);
+  if (v.is_null()) return std::nullopt;
+  return testo_di(v);
+}
+
+Risposta api_accesso(const ContestoHost& c, const Richiesta& r) {
+  auto token = c.accesso->accedi(testo_campo(r.corpo, "password").value_or(""));
+  if (!token) return errore_json("Password errata", 401);
+  Risposta risposta = successo();
+  risposta.intestazioni.emplace_back(
+      "Set-Cookie", std::string(kCookieSessione) + "=" + *token + "; HttpOnly; SameSite=Strict; Path=/");
+  return risposta;
+}
+
+Risposta api_uscita(const ContestoHost& c, const Richiesta& r) {
+  c.accesso->esci(token_di(r));
+  Risposta risposta = successo();
+  risposta.intestazioni.emplace_back(
+      "Set-Cookie",
+      std::string(kCookieSessione) + "=; Max-Age=0; HttpOnly; SameSite=Strict; Path=/");
+  return risposta;
+}
+
+Risposta api_telecamere(const ContestoHost& c, const Richiesta& r) {
+  if (r.metodo == "POST") {
+    auto id = aggiungi_telecamera(c.db_file, testo_campo(r.corpo, "nome").value_or(""),
+                                  testo_campo(r.corpo, "url").value_or(""));
+    if (!id) return errore_da(id);
+    return successo({{"id", id.valore()}});
+  }
+  Json elenco = Json::array();
+  for (const auto& t : elenco_telecamere(c.db_file))
+    elenco.push_back({{"id", t.id}, {"nome", t.nome}, {"url", t.url}});
+  return successo({{"telecamere", elenco}});
+}
+
+Risposta api_telecamera(const ContestoHost& c, const Richiesta& r) {
+  const std::int64_t id = r.rid.value_or(-1);
+  auto esito = r.metodo == "DELETE"
+                   ? elimina_telecamera(c.db_file, id)
+                   : modifica_telecamera(c.db_file, id, testo_campo(r.corpo, "nome"),
+                                         testo_campo(r.corpo, "url"));
+  if (!esito) return errore_da(esito);
+  return successo();
+}
+
+Risposta api_stati(const ContestoHost& c, const Richiesta& r) {
+  if (r.metodo == "GET") return successo({{"stati", c.stati->tutti()}});
+  auto grezzo = r.intestazioni.find(kCorpoGrezzo);
+  std::optional<Json> corpo =
+      grezzo == r.intestazioni.end() ? std::optional<Json>(r.corpo) : leggi_json(grezzo->second);
+  auto esito = c.stati->unisci(corpo ? *corpo : Json());
+  if (!esito) return errore_da(esito);
+  return successo({{"stati", esito.valore()}});
+}
+
+}  // namespace
+
+Guardia guardia_login(std::shared_ptr<Accesso> accesso) {
+  return [accesso](Vista v) -> Vista {
+    return [accesso, v](const Richiesta& r) {
+      if (!accesso->valida(token_di(r))) return errore_json("Accesso richiesto", 401);
+      return v(r);
+    };
+  };
+}
+
+Guardia guardia_admin(std::shared_ptr<Accesso> accesso) {
+  return [accesso](Vista v) -> Vista {
+    return [accesso, v](const Richiesta& r) {
+      if (!accesso->valida(token_di(r))) return errore_json("Permesso negato", 403);
+      return v(r);
+    };
+  };
+}
+
+void registra_rotte_host(AppWeb& app, std::shared_ptr<const ContestoHost> c) {
+  auto login = guardia_login(c->accesso);
+  auto admin = guardia_admin(c->accesso);
+  auto protetta = [&](auto f) -> Vista {
+    return login(admin([c, f](const Richiesta& r) { return f(*c, r); }));
+  };
+  auto libera = [&](auto f) -> Vista { return [c, f](const Richiesta& r) { return f(*c, r); }; };
+
+  app.add_url_rule("/api/sessione", "sessione", libera([](const ContestoHost& c, const Richiesta& r) {
+                     return successo({{"loggato", c.accesso->valida(token_di(r))}});
+                   }),
+                   {"GET"});
+  app.add_url_rule("/api/accesso", "accesso", libera(api_accesso), {"POST"});
+  app.add_url_rule("/api/uscita", "uscita", libera(api_uscita), {"POST"});
+  app.add_url_rule("/api/info", "info", protetta([](const ContestoHost& c, const Richiesta&) {
+                     return successo({{"fuso", c.fuso}, {"versione", c.versione}});
+                   }),
+                   {"GET"});
+  app.add_url_rule("/api/telecamere", "telecamere", protetta(api_telecamere), {"GET", "POST"});
+  app.add_url_rule("/api/telecamere/<int:rid>", "telecamera", protetta(api_telecamera),
+                   {"POST", "DELETE"});
+  app.add_url_rule("/api/stati", "stati", protetta(api_stati), {"GET", "POST"});
+}
+
+}  // namespace nvr::autonomo

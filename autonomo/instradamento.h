@@ -1,0 +1,54 @@
+// The program's router: Flask-like rules on paths and methods, and the request as the
+// recorder's handlers see it. Knows nothing of the HTTP library.
+#pragma once
+
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "core/host.h"
+
+namespace nvr::autonomo {
+
+// Where the server leaves the request's raw body among the headers, for the handlers that must
+// tell a missing or non-object body from an empty object. No HTTP header name can contain ':'.
+inline constexpr const char* kCorpoGrezzo = ":corpo";
+
+class Instradatore : public AppWeb {
+ public:
+  // Adds a rule. `percorso` may end with one "<int:rid>" segment. Throws std::runtime_error
+  // when `endpoint` is already registered (a route registered twice is a wiring fault).
+  void add_url_rule(const std::string& percorso, const std::string& endpoint, Vista vista,
+                    const std::vector<std::string>& metodi) override;
+
+  // Answers request `r` for URL path `percorso` (no query string; r.metodo "HEAD" is served as
+  // "GET"): 404 {"status":"error","message":"Risorsa non trovata"} for an unknown path, 405
+  // "Metodo non permesso" for a known path without that method. An exception escaping the view
+  // becomes 500 "Errore interno del server: ..." and one log line; never throws. Takes the rule
+  // table's mutex only to copy the matching rule.
+  Risposta instrada(const std::string& percorso, Richiesta r) const;
+
+ private:
+  struct Regola {
+    std::string percorso, endpoint;
+    Vista vista;
+    std::vector<std::string> metodi;
+  };
+  mutable std::mutex m_;  // guards regole_
+  std::vector<Regola> regole_;
+};
+
+// Whether `percorso` matches the rule `regola`; fills `rid` from a "<int:rid>" segment, which
+// takes a non-negative integer of at most 18 digits and nothing else.
+bool corrisponde(const std::string& regola, const std::string& percorso,
+                 std::optional<std::int64_t>& rid);
+
+// The request's body read leniently: a JSON object, or an empty object when it is missing,
+// malformed or not an object.
+Json corpo_lenient(const std::string& testo);
+
+// The value of cookie `nome` in a Cookie header ("a=1; b=2"), "" when absent.
+std::string valore_cookie(const std::string& intestazione, const std::string& nome);
+
+}  // namespace nvr::autonomo

@@ -1,0 +1,200 @@
+// nvr: the recorder as a program of its own. It is its own host: web server, login, camera
+// list, entity states and pages, with the recorder attached to it.
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <cerrno>
+#include <cstdio>
+#include <iostream>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "autonomo/accesso.h"
+#include "autonomo/api_host.h"
+#include "autonomo/avvio.h"
+#include "autonomo/demo.h"
+#include "autonomo/server_http.h"
+#include "autonomo/telecamere_host.h"
+#include "core/db.h"
+#include "core/stato.h"
+#include "engine/motore.h"
+#include "engine/registratori.h"
+#include "web/collega.h"
+#include "web/segnali.h"
+
+namespace {
+
+using namespace nvr;
+using namespace nvr::autonomo;
+
+constexpr const char* kVersione = "1.0.0";
+
+struct Opzioni {
+  std::string indirizzo = "127.0.0.1";
+  int porta = 8090;
+  std::string dati = "./nvr-dati";
+  std::string fuso;
+  bool demo = false;
+  bool nuova_password = false;
+  int segmento_prova = 0;
+};
+
+int fallisci(const std::string& riga, int codice = 1) {
+  std::fprintf(stderr, "%s\n", riga.c_str());
+  return codice;
+}
+
+int tubo_sigint[2] = {-1, -1};
+
+void su_sigint(int) {
+  const int salvato = errno;
+  char c = 1;
+  [[maybe_unused]] ssize_t n = ::write(tubo_sigint[1], &c, 1);
+  errno = salvato;
+}
+
+// Ctrl-C ends the program exactly as SIGTERM does: the SIGTERM path is the one that stops the
+// recorders, finalises their segments and exits with status 0.
+void inoltra_sigint_come_sigterm() {
+  if (::pipe2(tubo_sigint, O_CLOEXEC) != 0) return;
+  std::thread([] {
+    char c;
+    for (;;) {
+      const ssize_t n = ::read(tubo_sigint[0], &c, 1);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) return;
+      ::kill(::getpid(), SIGTERM);
+    }
+  }).detach();
+  struct sigaction sa {};
+  sa.sa_handler = su_sigint;
+  sigemptyset(&sa.sa_mask);
+  sa.sa_flags = SA_RESTART;
+  ::sigaction(SIGINT, &sa, nullptr);
+}
+
+// The password: generated at the first start (or when asked), shown once, kept as a hash.
+std::string impronta_amministratore(const std::string& db_file, bool nuova) {
+  auto impronta = nuova ? std::nullopt : leggi_impronta(db_file);
+  if (impronta) return *impronta;
+  const std::string password = genera_password();
+  std::string nuova_impronta = impronta_password(password);
+  salva_impronta(db_file, nuova_impronta);
+  std::printf(
+      "Password dell'amministratore: %s (annotala: non verra' mostrata di nuovo; "
+      "--nuova-password ne crea un'altra)\n",
+      password.c_str());
+  std::fflush(stdout);
+  return nuova_impronta;
+}
+
+int esegui(const Opzioni& o) {
+  auto fuso = fuso_da_usare(o.fuso);
+  if (!fuso) return fallisci(fuso.errore().messaggio, 2);
+  auto dati = prepara_cartella_dati(o.dati);
+  if (!dati) return fallisci(dati.errore().messaggio);
+  if (!ffmpeg_presente()) {
+    const std::string riga =
+        "ffmpeg non trovato: installa il pacchetto ffmpeg: apt-get install ffmpeg";
+    if (o.demo) return fallisci(riga + " (serve anche alla telecamera dimostrativa)");
+    std::fprintf(stderr, "%s (il server parte, ma non registra finche' manca)\n", riga.c_str());
+  }
+
+  auto rotte = std::make_shared<Instradatore>();
+  auto server = std::make_shared<ServerHttp>(rotte);
+  auto porta = server->apri(o.indirizzo, o.porta);
+  if (!porta) return fallisci(porta.errore().messaggio);
+
+  ::signal(SIGPIPE, SIG_IGN);  // a client that hangs up must not end the program
+  inoltra_sigint_come_sigterm();
+
+  const std::string db_file = dati.valore() + "/nvr.db";
+  auto contesto = std::make_shared<ContestoHost>();
+  contesto->db_file = db_file;
+  contesto->fuso = fuso.valore();
+  contesto->versione = kVersione;
+  contesto->stati = std::make_shared<StatiEntita>();
+  try {
+    crea_tabella_telecamere(db_file);
+    contesto->accesso =
+        std::make_shared<Accesso>(impronta_amministratore(db_file, o.nuova_password));
+  } catch (const std::exception& e) {
+    return fallisci(std::string("Database ") + db_file + " non utilizzabile: " + e.what());
+  }
+
+  auto host = std::make_shared<Host>();
+  host->app = rotte;
+  host->login_required = guardia_login(contesto->accesso);
+  host->admin_required = guardia_admin(contesto->accesso);
+  host->DB_FILE = db_file;
+  host->_zn_fuso = [nome = fuso.valore()]() -> std::optional<std::string> { return nome; };
+  host->get_all_internal_states = [stati = contesto->stati] { return stati->tutti(); };
+  host->normalize_state = normalize_state;
+  host->registra_uscita = registra_uscita_nativa;
+  host->installa_sigterm = [](std::function<void()> gestore) {
+    installa_sigterm_nativo([gestore] {
+      // Held until the process ends: no engine pass may start a recorder again while the
+      // running ones are stopped and their last segments finalised.
+      _giro_lock.lock();
+      gestore();
+    });
+  };
+
+  auto demo = std::make_shared<GeneratoreDemo>();
+  try {
+    registra_rotte_host(*rotte, contesto);
+    collega(host);
+    configura_primo_avvio(dati.valore());
+    if (o.demo) {
+      const int porta_demo = porta_libera_locale();
+      if (prepara_demo(db_file, url_demo(porta_demo))) {
+        demo->avvia(porta_demo);
+        // The recorder's first attempt must find the stream, or it waits out a back-off.
+        if (!demo->attendi_ascolto(porta_demo, 10))
+          std::fprintf(stderr, "La telecamera dimostrativa non parte: si riprova\n");
+      }
+    }
+    if (o.segmento_prova > 0) {
+      Connessione c(db_file);
+      c.esegui("UPDATE nvr_config SET segmento_sec=?", {std::int64_t{o.segmento_prova}});
+      c.commit();
+    }
+  } catch (const std::exception& e) {
+    return fallisci(std::string("Avvio non riuscito: ") + e.what());
+  }
+  registra_uscita_nativa([demo, server] {
+    demo->ferma();
+    server->ferma();
+  });
+  _giro_sicuro();
+
+  std::string mostrato = o.indirizzo == "0.0.0.0" ? "127.0.0.1" : o.indirizzo;
+  std::printf("nvr in ascolto: apri http://%s:%d/ nel browser (dati in %s)\n", mostrato.c_str(),
+              porta.valore(), dati.valore().c_str());
+  std::fflush(stdout);
+  if (!server->servi()) return fallisci("Il server web si e' fermato per un errore");
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Opzioni o;
+  CLI::App app{"nvr: videoregistratore di rete per telecamere IP"};
+  app.add_option("--indirizzo", o.indirizzo, "indirizzo su cui ascoltare")->capture_default_str();
+  app.add_option("--porta", o.porta, "porta HTTP")->capture_default_str()->check(
+      CLI::Range(1, 65535));
+  app.add_option("--dati", o.dati, "cartella dei dati (database e archivio)")
+      ->capture_default_str();
+  app.add_option("--fuso", o.fuso, "fuso orario IANA (predefinito: quello della macchina)");
+  app.add_flag("--demo", o.demo, "aggiunge una telecamera dimostrativa e avvia la registrazione");
+  app.add_flag("--nuova-password", o.nuova_password,
+               "genera e mostra una nuova password dell'amministratore");
+  // Only the tests use it: segments of a few seconds, below what the API allows.
+  app.add_option("--segmento-prova", o.segmento_prova)->group("");
+  CLI11_PARSE(app, argc, argv);
+  return esegui(o);
+}
