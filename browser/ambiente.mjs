@@ -140,7 +140,7 @@ export async function avvia_browser(cartella_profilo) {
     locale: 'it-IT',
     args: [
       '--headless', '--no-sandbox', '--disable-gpu', '--disable-background-networking',
-      '--no-first-run', '--disable-component-update', '--disable-sync',
+      '--no-first-run', '--disable-component-update', '--disable-sync', '--lang=it-IT',
     ],
   });
 }

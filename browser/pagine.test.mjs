@@ -84,7 +84,7 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     await schermata('01-accesso-errato');
     await pagina.fill('#password-accesso', nvr.password);
     await pagina.click('#modulo-accesso button[type=submit]');
-    await pagina.locator('#stato-camere').waitFor();
+    await pagina.locator('#stato-attivo-testo', { hasText: 'spenta' }).waitFor();
     await pagina.reload();
     await pagina.locator('#stato-attivo-testo', { hasText: 'spenta' }).waitFor();
     assert.equal(await pagina.locator('#accesso').isVisible(), false);
@@ -236,7 +236,33 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     await fine('10-registrazioni-scaricato');
   });
 
+  test("archivio: conteggi per giorno, e le voci rimaste senza file tolte dal bottone", async () => {
+    await pagina.goto(`${nvr.base}/#archivio`);
+    const scheda = pagina.locator(`#archivio-camere article[data-id="${cam_id}"]`, { hasText: 'Ingresso' });
+    await scheda.locator('tbody tr').first().waitFor();
+    const a = await json('/api/nvr/archivio');
+    const c = a.telecamere.find((t) => t.id === cam_id);
+    assert.ok(c.n >= 3);
+    await pagina.locator('#archivio-totali', { hasText: `${a.totale.n} segmenti` }).waitFor();
+    await schermata('11-archivio');
+
+    // A segment file that vanished from the disk behind the recorder's back.
+    const cartella = (await json('/api/nvr/stato')).cartella;
+    const file = fs.readdirSync(cartella, { recursive: true })
+      .filter((f) => f.endsWith('.mp4') && !f.includes('in_corso')).sort()[0];
+    assert.ok(file, `nessun segmento sotto ${cartella}`);
+    fs.rmSync(path.join(cartella, file));
+    await pagina.reload();
+    await pagina.locator('#archivio-totale', { hasText: "1 voce dell'indice non ha più il file." }).waitFor();
+    await pagina.getByRole('button', { name: 'Togli le voci senza file' }).click();
+    await pagina.locator('#esito-archivio', { hasText: 'Tolta 1 voce senza file.' }).waitFor();
+    await pagina.locator('#togli-senza-file').waitFor({ state: 'detached' });
+    await fine('12-archivio-senza-file');
+  });
+
   test('registrazioni: eliminare chiede conferma, annullare non toglie nulla, confermare toglie il giorno', async () => {
+    await pagina.goto(`${nvr.base}/#registrazioni`);
+    await pagina.locator('#elenco-segmenti tbody tr').first().waitFor();
     const giorno = await pagina.locator('#calendario button[aria-pressed="true"]').getAttribute('data-giorno');
     const prima = (await json(`/api/nvr/registrazioni?cam=${cam_id}&giorno=${giorno}`)).registrazioni;
     const dialogo = pagina.locator('#dialogo-conferma');
@@ -251,7 +277,7 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     await pagina.click('#elimina-giorno');
     const testo = await dialogo.locator('#dialogo-testo').textContent();
     assert.match(testo, /Eliminare tutte le registrazioni di Ingresso del .* Verranno cancellati \d+ segmenti/);
-    await schermata('11-conferma-giorno');
+    await schermata('13-conferma-giorno');
     await dialogo.getByRole('button', { name: 'Elimina' }).click();
     await pagina.locator('#esito-registrazioni', { hasText: /Eliminate \d+ registrazioni/ }).waitFor();
     const dopo = (await json(`/api/nvr/registrazioni?cam=${cam_id}&giorno=${giorno}`)).registrazioni;
@@ -261,24 +287,20 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
       const r = await pagina.request.get(`${nvr.base}${s.url}`);
       assert.equal(r.status(), 404);
     }
-    await fine('12-giorno-eliminato');
+    await fine('14-giorno-eliminato');
   });
 
-  test('archivio e schermo di un telefono', async () => {
-    await pagina.goto(`${nvr.base}/#archivio`);
-    await pagina.locator('#archivio-totali').waitFor();
-    await pagina.locator(`#archivio-camere article[data-id="${cam_id}"]`, { hasText: 'Ingresso' }).waitFor();
-    await schermata('13-archivio');
+  test('schermo di un telefono: nessuna pagina piu\' larga dello schermo', async () => {
     await pagina.setViewportSize({ width: 390, height: 844 });
     for (const p of ['stato', 'telecamere', 'archiviazione', 'registrazioni', 'archivio']) {
       await pagina.goto(`${nvr.base}/#${p}`);
       await pagina.locator(`#${p} h2`).waitFor();
       await pagina.waitForLoadState('networkidle').catch(() => {});
       const largo = await pagina.evaluate(() => document.documentElement.scrollWidth - window.innerWidth);
-      await schermata(`14-telefono-${p}`);
+      await schermata(`16-telefono-${p}`);
       assert.ok(largo <= 1, `#${p} piu' largo dello schermo di ${largo} px`);
     }
     await pagina.setViewportSize({ width: 1280, height: 900 });
-    await fine('15-fine');
+    await fine('17-fine');
   });
 });

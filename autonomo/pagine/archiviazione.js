@@ -111,7 +111,7 @@ function costruisci(sezione) {
     el('p', { class: 'tenue' }, 'Una cartella su un disco della macchina, sotto /media, /mnt, /srv o /home.'),
     campo('Cartella', nodi.percorso_locale),
     el('div', { class: 'azioni' }, apri, usa),
-    el('p', {}, 'Sfoglia da: ', radici));
+    el('p', {}, 'Sfoglia da: ', el('span', { class: 'radici' }, radici)));
 
   // Folder browser, shared by the three tabs.
   nodi.browser = el('div', { class: 'scheda', id: 'sfoglia', hidden: true });
@@ -135,8 +135,8 @@ function costruisci(sezione) {
     salva_numeri();
   });
 
-  sezione.append(nodi.attuale, nodi.esito, lista, nodi.pannelli.usb, nodi.pannelli.rete,
-                 nodi.pannelli.locale, nodi.browser, modulo_numeri);
+  sezione.append(nodi.attuale, lista, nodi.pannelli.usb, nodi.pannelli.rete,
+                 nodi.pannelli.locale, nodi.esito, nodi.browser, modulo_numeri);
 }
 
 function scegli_scheda(k) {
@@ -306,6 +306,7 @@ async function salva_cartella(dest, cartella) {
   nodi.esito.scrollIntoView({ block: 'nearest' });
   if (r.ok) {
     nodi.browser.hidden = true;
+    if (dest.tipo === 'locale') nodi.percorso_locale.value = cartella;
     await carica();
   }
 }

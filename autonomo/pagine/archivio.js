@@ -22,7 +22,9 @@ async function togli_senza_file(bottone) {
   bottone.disabled = true;
   const r = await api('DELETE', '/api/nvr/registrazioni', { senza_file: true });
   bottone.disabled = false;
-  avviso(nodi.esito, r.ok ? `Tolte ${r.dati.voci} voci senza file.` : r.messaggio, r.ok ? 'ok' : 'errore');
+  const n = r.ok ? r.dati.voci : 0;
+  avviso(nodi.esito, r.ok ? (n === 1 ? 'Tolta 1 voce senza file.' : `Tolte ${n} voci senza file.`) : r.messaggio,
+         r.ok ? 'ok' : 'errore');
   await carica();
 }
 
@@ -59,7 +61,8 @@ async function carica() {
   if (a.senza_file > 0) {
     const b = el('button', { type: 'button', id: 'togli-senza-file' }, 'Togli le voci senza file');
     b.addEventListener('click', () => togli_senza_file(b));
-    parti.push(el('p', { class: 'testo-errore' }, `${a.senza_file} voci dell'indice non hanno più il file.`), b);
+    parti.push(el('p', { class: 'testo-errore' }, a.senza_file === 1 ? "1 voce dell'indice non ha più il file."
+      : `${a.senza_file} voci dell'indice non hanno più il file.`), b);
   }
   nodi.riepilogo.replaceChildren(...parti);
   nodi.camere.replaceChildren(...a.telecamere.map(tabella_camera));
