@@ -12,7 +12,7 @@ import {
 
 const NON_AMMESSA = "Cartella non ammessa: scegli un'unita' USB, una cartella di rete o una sotto /media, /mnt, /srv, /home";
 
-let camera, nvr, contesto, pagina, console_, dati, archivio, cam_id;
+let camera, nvr, contesto, pagina, console_, dati, archivio, profilo, cam_id;
 const schermate = path.join(uscita(), 'screenshots');
 const risposte_video = [];
 
@@ -55,9 +55,10 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     dati = fs.mkdtempSync(path.join(os.tmpdir(), 'nvr-browser-dati-'));
     fs.mkdirSync('/srv', { recursive: true });
     archivio = fs.mkdtempSync('/srv/nvr-browser-');
+    profilo = fs.mkdtempSync(path.join(os.tmpdir(), 'nvr-browser-profilo-'));
+    contesto = await avvia_browser(profilo);
     camera = await avvia_camera();
     nvr = await avvia_programma(dati);
-    contesto = await avvia_browser(fs.mkdtempSync(path.join(os.tmpdir(), 'nvr-browser-profilo-')));
     pagina = contesto.pages()[0] || await contesto.newPage();
     console_ = new Console(pagina);
     pagina.on('response', (r) => {
@@ -70,7 +71,7 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     await nvr?.ferma();
     await camera?.ferma();
     if (archivio) fs.rmSync(archivio, { recursive: true, force: true });
-    if (dati) fs.rmSync(dati, { recursive: true, force: true });
+    for (const d of [dati, profilo]) if (d) fs.rmSync(d, { recursive: true, force: true });
   });
 
   test('accesso: password errata segnalata, quella giusta entra, la sessione regge al ricaricamento', async () => {
@@ -274,11 +275,17 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     const ancora = (await json(`/api/nvr/registrazioni?cam=${cam_id}&giorno=${giorno}`)).registrazioni;
     assert.ok(ancora.some((s) => s.id === prima[0].id), 'annullare ha eliminato il segmento');
 
-    await pagina.click('#elimina-giorno');
+    // This time with the keyboard only: the dialog opens on "Annulla", Tab reaches "Elimina".
+    await pagina.focus('#elimina-giorno');
+    await pagina.keyboard.press('Enter');
+    await dialogo.waitFor();
     const testo = await dialogo.locator('#dialogo-testo').textContent();
     assert.match(testo, /Eliminare tutte le registrazioni di Ingresso del .* Verranno cancellati \d+ segmenti/);
+    assert.equal(await pagina.evaluate(() => document.activeElement.id), 'dialogo-no');
     await schermata('13-conferma-giorno');
-    await dialogo.getByRole('button', { name: 'Elimina' }).click();
+    await pagina.keyboard.press('Tab');
+    assert.equal(await pagina.evaluate(() => document.activeElement.id), 'dialogo-si');
+    await pagina.keyboard.press('Enter');
     await pagina.locator('#esito-registrazioni', { hasText: /Eliminate \d+ registrazioni/ }).waitFor();
     const dopo = (await json(`/api/nvr/registrazioni?cam=${cam_id}&giorno=${giorno}`)).registrazioni;
     const rimasti = dopo.filter((s) => prima.some((p) => p.id === s.id));
@@ -296,9 +303,14 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
       await pagina.goto(`${nvr.base}/#${p}`);
       await pagina.locator(`#${p} h2`).waitFor();
       await pagina.waitForLoadState('networkidle').catch(() => {});
-      const largo = await pagina.evaluate(() => document.documentElement.scrollWidth - window.innerWidth);
+      const largo = await pagina.evaluate(() => {
+        const fuori = [...document.querySelectorAll('body *')]
+          .filter((e) => e.getBoundingClientRect().right > window.innerWidth + 1)
+          .map((e) => `${e.tagName.toLowerCase()}#${e.id}.${e.className}`);
+        return { px: document.documentElement.scrollWidth - window.innerWidth, fuori: fuori.slice(0, 5) };
+      });
       await schermata(`16-telefono-${p}`);
-      assert.ok(largo <= 1, `#${p} piu' largo dello schermo di ${largo} px`);
+      assert.ok(largo.px <= 1, `#${p} piu' largo dello schermo di ${largo.px} px: ${largo.fuori}`);
     }
     await pagina.setViewportSize({ width: 1280, height: 900 });
     await fine('17-fine');

@@ -14,9 +14,6 @@ function costruisci(sezione) {
   sezione.append(nodi.errore, nodi.riepilogo, nodi.esito, nodi.camere);
 }
 
-function ore(sec) {
-  return `${numero(sec / 3600)} h`;
-}
 
 async function togli_senza_file(bottone) {
   bottone.disabled = true;
@@ -31,14 +28,14 @@ async function togli_senza_file(bottone) {
 function tabella_camera(c) {
   const righe = c.giorni.map((g) => el('tr', {},
     el('th', { scope: 'row' }, el('a', { href: `#registrazioni?cam=${c.id}&giorno=${g.giorno}` }, giorno_esteso(g.giorno))),
-    el('td', {}, String(g.n)), el('td', {}, ore(g.sec)), el('td', {}, `${numero(g.mb, 0)} MB`)));
+    el('td', {}, String(g.n)), el('td', {}, durata(g.sec)), el('td', {}, `${numero(g.mb, 0)} MB`)));
   return el('article', { class: 'scheda', dataset: { id: String(c.id) } },
     el('h3', {}, c.nome, c.presente ? '' : ' (non più configurata)'),
     el('p', {}, `${c.n} segmenti · ${durata(c.sec)} · ${numero(c.gb, 2)} GB · cartella ${c.cartella}`),
     righe.length
-      ? el('table', { class: 'tabella' },
-          el('thead', {}, el('tr', {}, ['Giorno', 'Segmenti', 'Ore', 'Dimensione'].map((t) => el('th', { scope: 'col' }, t)))),
-          el('tbody', {}, righe))
+      ? el('div', { class: 'scorri' }, el('table', { class: 'tabella' },
+          el('thead', {}, el('tr', {}, ['Giorno', 'Segmenti', 'Durata', 'Dimensione'].map((t) => el('th', { scope: 'col' }, t)))),
+          el('tbody', {}, righe)))
       : el('p', { class: 'tenue' }, 'Nessuna registrazione.'));
 }
 
@@ -53,7 +50,7 @@ async function carica() {
   const sec = a.telecamere.reduce((x, c) => x + c.sec, 0);
   const parti = [
     el('h3', {}, 'Totale'),
-    el('p', { id: 'archivio-totali' }, `${a.totale.n} segmenti · ${ore(sec)} · ${numero(a.totale.gb, 2)} GB`),
+    el('p', { id: 'archivio-totali' }, `${a.totale.n} segmenti · ${durata(sec)} · ${numero(a.totale.gb, 2)} GB`),
     el('p', {}, a.cartella ? `Cartella: ${a.cartella}${a.archivio_ok ? '' : ' (non collegata)'}` : 'Nessuna cartella di archivio scelta.'),
     el('p', {}, `Si conservano ${a.giorni_conservazione} giorni.`),
   ];

@@ -369,10 +369,10 @@ function elenca() {
       el('td', {}, MOTIVI[s.motivo] || s.motivo || ''),
       el('td', { class: 'azioni-riga' }, gioca, scarica, togli));
   });
-  nodi.elenco.replaceChildren(el('table', { class: 'tabella' },
+  nodi.elenco.replaceChildren(el('div', { class: 'scorri' }, el('table', { class: 'tabella' },
     el('caption', {}, 'Segmenti del giorno'),
     el('thead', {}, el('tr', {}, ['Inizio', 'Durata', 'Dimensione', 'Motivo', ''].map((t) => el('th', { scope: 'col' }, t)))),
-    el('tbody', {}, righe)));
+    el('tbody', {}, righe))));
 }
 
 function nome_camera() {
