@@ -125,8 +125,7 @@ void salva_impronta(const std::string& db_file, const std::string& impronta) {
   Connessione c(db_file);
   c.esegui(
       "CREATE TABLE IF NOT EXISTS nvr_autonomo_accesso (id INTEGER PRIMARY KEY, impronta TEXT)");
-  c.esegui("INSERT OR REPLACE INTO nvr_autonomo_accesso (id, impronta) VALUES (1, ?)",
-           {impronta});
+  c.esegui("INSERT OR REPLACE INTO nvr_autonomo_accesso (id, impronta) VALUES (1, ?)", {impronta});
   c.commit();
 }
 

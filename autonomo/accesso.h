@@ -50,7 +50,7 @@ class Accesso {
 
  private:
   const std::string impronta_;
-  mutable std::mutex m_;              // guards sessioni_ and fallimenti_
+  mutable std::mutex m_;               // guards sessioni_ and fallimenti_
   std::vector<std::string> sessioni_;  // oldest first
   int fallimenti_ = 0;                 // wrong passwords in a row
 };

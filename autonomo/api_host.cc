@@ -34,8 +34,8 @@ Risposta api_accesso(const ContestoHost& c, const Richiesta& r) {
   auto token = c.accesso->accedi(testo_campo(r.corpo, "password").value_or(""));
   if (!token) return errore_json("Password errata", 401);
   Risposta risposta = successo();
-  risposta.intestazioni.emplace_back(
-      "Set-Cookie", std::string(kCookieSessione) + "=" + *token + "; HttpOnly; SameSite=Strict; Path=/");
+  risposta.intestazioni.emplace_back("Set-Cookie", std::string(kCookieSessione) + "=" + *token +
+                                                       "; HttpOnly; SameSite=Strict; Path=/");
   return risposta;
 }
 
@@ -109,7 +109,8 @@ void registra_rotte_host(AppWeb& app, std::shared_ptr<const ContestoHost> c) {
   };
   auto libera = [&](auto f) -> Vista { return [c, f](const Richiesta& r) { return f(*c, r); }; };
 
-  app.add_url_rule("/api/sessione", "sessione", libera([](const ContestoHost& c, const Richiesta& r) {
+  app.add_url_rule("/api/sessione", "sessione",
+                   libera([](const ContestoHost& c, const Richiesta& r) {
                      return successo({{"loggato", c.accesso->valida(token_di(r))}});
                    }),
                    {"GET"});

@@ -1,6 +1,7 @@
 #include "autonomo/avvio.h"
 
 #include <arpa/inet.h>
+#include <date/tz.h>
 #include <netinet/in.h>
 #include <stdlib.h>
 #include <sys/socket.h>
@@ -8,7 +9,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <date/tz.h>
 #include <filesystem>
 
 #include "autonomo/telecamere_host.h"

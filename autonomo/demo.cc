@@ -12,18 +12,14 @@
 namespace nvr::autonomo {
 
 std::vector<std::string> argomenti_demo(int porta) {
-  return {"ffmpeg",     "-nostdin",   "-hide_banner", "-loglevel",
-          "error",      "-re",        "-f",           "lavfi",
-          "-i",         "testsrc2=size=640x360:rate=15",
-          "-c:v",       "libx264",    "-preset",      "ultrafast",
-          "-tune",      "zerolatency", "-g",          "30",
-          "-f",         "mpegts",     "-listen",      "1",
-          url_demo(porta)};
+  return {"ffmpeg",      "-nostdin", "-hide_banner", "-loglevel", "error",
+          "-re",         "-f",       "lavfi",        "-i",        "testsrc2=size=640x360:rate=15",
+          "-c:v",        "libx264",  "-preset",      "ultrafast", "-tune",
+          "zerolatency", "-g",       "30",           "-f",        "mpegts",
+          "-listen",     "1",        url_demo(porta)};
 }
 
-std::string url_demo(int porta) {
-  return "http://127.0.0.1:" + std::to_string(porta) + "/demo.ts";
-}
+std::string url_demo(int porta) { return "http://127.0.0.1:" + std::to_string(porta) + "/demo.ts"; }
 
 bool GeneratoreDemo::attendi_ascolto(int porta, double secondi) const {
   auto in_ascolto = [porta] {

@@ -185,8 +185,9 @@ int main(int argc, char** argv) {
   Opzioni o;
   CLI::App app{"nvr: videoregistratore di rete per telecamere IP"};
   app.add_option("--indirizzo", o.indirizzo, "indirizzo su cui ascoltare")->capture_default_str();
-  app.add_option("--porta", o.porta, "porta HTTP")->capture_default_str()->check(
-      CLI::Range(1, 65535));
+  app.add_option("--porta", o.porta, "porta HTTP")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 65535));
   app.add_option("--dati", o.dati, "cartella dei dati (database e archivio)")
       ->capture_default_str();
   app.add_option("--fuso", o.fuso, "fuso orario IANA (predefinito: quello della macchina)");

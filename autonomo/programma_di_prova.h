@@ -100,11 +100,12 @@ struct RispostaHttp {
 
 class Programma {
  public:
-  // Starts NVR_PROGRAMMA with `argomenti` (the port and data folder are the caller's).
-  explicit Programma(std::vector<std::string> argomenti) {
+  // Starts NVR_PROGRAMMA with `argomenti` (the port and data folder are the caller's), or the
+  // command `argomenti` as it is when `comando` is true.
+  explicit Programma(std::vector<std::string> argomenti, bool comando = false) {
     int out[2], err[2];
     if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) return;
-    argomenti.insert(argomenti.begin(), NVR_PROGRAMMA);
+    if (!comando) argomenti.insert(argomenti.begin(), NVR_PROGRAMMA);
     auto p = avvia_processo({argomenti, out[1], err[1], true});
     ::close(out[1]);
     ::close(err[1]);
@@ -113,7 +114,9 @@ class Programma {
     if (p) proc_ = p.valore();
   }
   // Starts it on a free port with data folder `dati` and the extra arguments.
-  static std::unique_ptr<Programma> su(const std::string& dati, std::vector<std::string> altro = {}) {
+  void imposta_porta(int porta) { porta_ = porta; }
+  static std::unique_ptr<Programma> su(const std::string& dati,
+                                       std::vector<std::string> altro = {}) {
     const int porta = testing::porta_libera();
     std::vector<std::string> a = {"--porta", std::to_string(porta), "--dati", dati};
     a.insert(a.end(), altro.begin(), altro.end());
@@ -176,7 +179,9 @@ class Programma {
     risposta.json = leggi_json(r->body).value_or(Json());
     return risposta;
   }
-  RispostaHttp get(const std::string& p, httplib::Headers h = {}) { return chiama("GET", p, "", h); }
+  RispostaHttp get(const std::string& p, httplib::Headers h = {}) {
+    return chiama("GET", p, "", h);
+  }
   RispostaHttp post(const std::string& p, const Json& j) { return chiama("POST", p, j.dump()); }
   RispostaHttp elimina(const std::string& p, const Json& j = Json::object()) {
     return chiama("DELETE", p, j.dump());

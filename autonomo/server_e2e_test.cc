@@ -18,8 +18,9 @@
 namespace nvr::autonomo {
 namespace {
 
-using ::testing::HasSubstr;
 using prova::Programma;
+using ::testing::HasSubstr;
+using ::testing::Not;
 
 // One program for the whole suite: nothing here records, and each start costs a password hash.
 class ServerE2eTest : public ::testing::Test {
@@ -46,9 +47,8 @@ class ServerE2eTest : public ::testing::Test {
 TEST_F(ServerE2eTest, EveryApiRouteWantsLoginAndTheRightPasswordOpensThem) {
   EXPECT_THAT(password, ::testing::MatchesRegex("[a-z2-9]{4}(-[a-z2-9]{4}){3}"));
   std::vector<std::pair<std::string, std::string>> protette = {
-      {"GET", "/api/info"},          {"GET", "/api/telecamere"},
-      {"POST", "/api/telecamere"},   {"POST", "/api/telecamere/1"},
-      {"DELETE", "/api/telecamere/1"}, {"GET", "/api/stati"},
+      {"GET", "/api/info"},          {"GET", "/api/telecamere"},      {"POST", "/api/telecamere"},
+      {"POST", "/api/telecamere/1"}, {"DELETE", "/api/telecamere/1"}, {"GET", "/api/stati"},
       {"POST", "/api/stati"}};
   for (const Rotta& r : rotte()) {
     std::string p = std::regex_replace(r.percorso, std::regex("<int:rid>"), "1");
@@ -68,8 +68,7 @@ TEST_F(ServerE2eTest, EveryApiRouteWantsLoginAndTheRightPasswordOpensThem) {
   // A wrong password is refused, and slowly.
   auto prima = std::chrono::steady_clock::now();
   r = programma->post("/api/accesso", Json{{"password", password + "x"}});
-  double secondi =
-      std::chrono::duration<double>(std::chrono::steady_clock::now() - prima).count();
+  double secondi = std::chrono::duration<double>(std::chrono::steady_clock::now() - prima).count();
   EXPECT_EQ(r.status, 401);
   EXPECT_EQ(r.json, (Json{{"status", "error"}, {"message", "Password errata"}}));
   EXPECT_GE(secondi, 1.0);
@@ -79,8 +78,9 @@ TEST_F(ServerE2eTest, EveryApiRouteWantsLoginAndTheRightPasswordOpensThem) {
   // The right one gives a session cookie that opens every route.
   r = programma->post("/api/accesso", Json{{"password", password}});
   ASSERT_EQ(r.status, 200) << r.corpo;
-  EXPECT_THAT(r.intestazione("Set-Cookie"),
-              ::testing::MatchesRegex("nvr_sessione=[0-9a-f]{64}; HttpOnly; SameSite=Strict; Path=/"));
+  EXPECT_THAT(
+      r.intestazione("Set-Cookie"),
+      ::testing::MatchesRegex("nvr_sessione=[0-9a-f]{64}; HttpOnly; SameSite=Strict; Path=/"));
   ASSERT_TRUE(programma->accedi());
   EXPECT_EQ(programma->get("/api/sessione").json["loggato"], true);
   r = programma->get("/api/info");
@@ -126,7 +126,8 @@ TEST_F(ServerE2eTest, PagesAreServedWithoutLogin) {
     EXPECT_EQ(r.status, c.status) << c.percorso;
     EXPECT_EQ(r.intestazione("Content-Type"), c.tipo) << c.percorso;
     if (c.status == 200) {
-      EXPECT_EQ(r.corpo, testing::leggi_file(std::string(NVR_SORGENTI) + "/autonomo/pagine/index.html"));
+      EXPECT_EQ(r.corpo,
+                testing::leggi_file(std::string(NVR_SORGENTI) + "/autonomo/pagine/index.html"));
     }
   }
 }
@@ -141,14 +142,17 @@ TEST_F(ServerE2eTest, CamerasAreAddedChangedAndRemoved) {
   for (const Caso& c : std::vector<Caso>{
            {{{"nome", ""}, {"url", "rtsp://a/b"}}, 400, "Il nome della telecamera e' obbligatorio"},
            {{{"url", "rtsp://a/b"}}, 400, "Il nome della telecamera e' obbligatorio"},
-           {{{"nome", "Porta"}, {"url", "file:///etc/passwd"}}, 400, "Indirizzo del flusso non valido"},
+           {{{"nome", "Porta"}, {"url", "file:///etc/passwd"}},
+            400,
+            "Indirizzo del flusso non valido"},
            {{{"nome", "Porta"}}, 400, "Indirizzo del flusso non valido"},
        }) {
     auto r = programma->post("/api/telecamere", c.corpo);
     EXPECT_EQ(r.status, c.status) << c.corpo;
     EXPECT_EQ(r.json["message"], c.messaggio) << c.corpo;
   }
-  auto r = programma->post("/api/telecamere", {{"nome", "Ingresso"}, {"url", "RTSP://10.0.0.2/s1"}});
+  auto r =
+      programma->post("/api/telecamere", {{"nome", "Ingresso"}, {"url", "RTSP://10.0.0.2/s1"}});
   ASSERT_EQ(r.status, 200) << r.corpo;
   const std::int64_t uno = r.json["id"];
   r = programma->post("/api/telecamere", {{"nome", "Garage"}, {"url", "https://10.0.0.3/s"}});
@@ -172,7 +176,7 @@ TEST_F(ServerE2eTest, CamerasAreAddedChangedAndRemoved) {
   EXPECT_EQ(r.json["telecamere"][0]["nome"], "Portone");
 
   EXPECT_EQ(programma->elimina(p1).status, 200);
-  for (const std::string& metodo : {"POST", "DELETE"}) {
+  for (const char* metodo : {"POST", "DELETE"}) {
     r = programma->chiama(metodo, p1, Json{{"nome", "x"}}.dump());
     EXPECT_EQ(r.status, 404) << metodo;
     EXPECT_EQ(r.json["message"], "Telecamera non trovata") << metodo;
@@ -183,7 +187,7 @@ TEST_F(ServerE2eTest, CamerasAreAddedChangedAndRemoved) {
 
 TEST_F(ServerE2eTest, EntityStatesAreMergedAndRemoved) {
   ASSERT_TRUE(programma->accedi());
-  for (const std::string& corpo : {"[1,2]", "\"on\"", "non json", ""}) {
+  for (const char* corpo : {"[1,2]", "\"on\"", "non json", ""}) {
     auto r = programma->chiama("POST", "/api/stati", corpo);
     EXPECT_EQ(r.status, 400) << corpo;
     EXPECT_EQ(r.json["message"], "Stati non validi") << corpo;
@@ -195,6 +199,29 @@ TEST_F(ServerE2eTest, EntityStatesAreMergedAndRemoved) {
   EXPECT_EQ(programma->get("/api/stati").json,
             (Json{{"status", "success"}, {"stati", {{"binary_sensor.porta", "off"}}}}));
   programma->post("/api/stati", {{"binary_sensor.porta", nullptr}});
+}
+
+TEST(AccessoE2eTest, PasswordIsShownOnceStoredHashedAndRenewedOnRequest) {
+  testing::CartellaTemporanea t;
+  std::string prima;
+  {
+    auto p = Programma::su(t / "dati");
+    prima = p->password();
+    ASSERT_TRUE(p->pronto()) << p->errori();
+  }
+  {
+    auto p = Programma::su(t / "dati");
+    ASSERT_TRUE(p->pronto()) << p->errori();
+    EXPECT_THAT(p->uscita(), Not(HasSubstr("Password")));
+    EXPECT_EQ(p->post("/api/accesso", {{"password", prima}}).status, 200);
+  }
+  EXPECT_THAT(testing::leggi_file(t / "dati/nvr.db"), Not(HasSubstr(prima)));
+  auto p = Programma::su(t / "dati", {"--nuova-password"});
+  const std::string nuova = p->password();
+  ASSERT_TRUE(p->pronto()) << p->errori();
+  EXPECT_NE(nuova, prima);
+  EXPECT_EQ(p->post("/api/accesso", {{"password", prima}}).status, 401);
+  EXPECT_EQ(p->post("/api/accesso", {{"password", nuova}}).status, 200);
 }
 
 // ---- Start-up errors: one Italian line on standard error, a non-zero exit, nothing served.
@@ -227,15 +254,23 @@ TEST(AvvioE2eTest, StartUpErrorsAreOneLineAndANonZeroExit) {
     std::string riga;
   };
   std::vector<Caso> casi = {
-      {"porta occupata", {"--porta", std::to_string(porta), "--dati", t / "a"}, 1,
+      {"porta occupata",
+       {"--porta", std::to_string(porta), "--dati", t / "a"},
+       1,
        "Porta " + std::to_string(porta) + " gia' in uso: scegli un'altra porta con --porta"},
-      {"fuso sconosciuto", {"--fuso", "Marte/Olimpo", "--dati", t / "b"}, 2,
+      {"fuso sconosciuto",
+       {"--fuso", "Marte/Olimpo", "--dati", t / "b"},
+       2,
        "Fuso orario sconosciuto: Marte/Olimpo (esempio: --fuso Europe/Rome)"},
-      {"file al posto della cartella", {"--dati", t / "file"}, 1,
+      {"file al posto della cartella",
+       {"--dati", t / "file"},
+       1,
        "Cartella dei dati " + (t / "file") + " non utilizzabile: "},
   };
   if (sola_lettura && sola_lettura->montato())
-    casi.push_back({"cartella in sola lettura", {"--dati", *sola_lettura / "dati"}, 1,
+    casi.push_back({"cartella in sola lettura",
+                    {"--dati", *sola_lettura / "dati"},
+                    1,
                     "Cartella dei dati " + (*sola_lettura / "dati") + " non utilizzabile: "});
   for (const Caso& c : casi) {
     Programma p(c.argomenti);

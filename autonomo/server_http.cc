@@ -102,8 +102,8 @@ bool porta_occupata(const std::string& indirizzo, int porta) {
   ind.sin_port = htons(static_cast<std::uint16_t>(porta));
   bool occupata = false;
   if (::inet_pton(AF_INET, indirizzo.c_str(), &ind.sin_addr) == 1)
-    occupata = ::bind(fd, reinterpret_cast<sockaddr*>(&ind), sizeof(ind)) != 0 &&
-               errno == EADDRINUSE;
+    occupata =
+        ::bind(fd, reinterpret_cast<sockaddr*>(&ind), sizeof(ind)) != 0 && errno == EADDRINUSE;
   ::close(fd);
   return occupata;
 }
@@ -115,7 +115,8 @@ ServerHttp::ServerHttp(std::shared_ptr<const Instradatore> rotte) : d_(std::make
   auto gestisci = [d = d_.get()](const httplib::Request& req, httplib::Response& res) {
     Richiesta r = richiesta_da(req);
     if (req.path == "/api" || req.path.starts_with("/api/")) {
-      invia(req, res, r, d->rotte->instrada(req.path, std::move(r)));
+      Risposta risposta = d->rotte->instrada(req.path, r);  // r stays: file answers read it
+      invia(req, res, r, risposta);
       return;
     }
     auto pagina = pagina_per(req.path);

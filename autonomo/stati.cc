@@ -8,8 +8,8 @@ namespace nvr::autonomo {
 
 Json normalize_state(const Json& stato) {
   static constexpr std::array<std::string_view, 20> attivi = {
-      "on",       "open",     "opened",  "aperto",   "aperta",  "true",   "1",
-      "yes",      "si",       "sì",      "detected", "motion",  "home",   "occupied",
+      "on",       "open",     "opened",  "aperto",   "aperta",    "true",    "1",
+      "yes",      "si",       "sì",      "detected", "motion",    "home",    "occupied",
       "presente", "presenza", "playing", "unlocked", "movimento", "rilevato"};
   if (stato.is_boolean()) return stato.get<bool>() ? "on" : "off";
   if (stato.is_number()) return stato.get<double>() != 0.0 ? "on" : "off";

@@ -1,10 +1,17 @@
 #!/usr/bin/env bash
-# Installs what the recorder needs and builds it.
-# The standalone recorder program is not there yet: for now this builds the library and its
-# tests' dependencies and says so.
+# Installs what the recorder needs, builds the standalone program nvr and runs it from the
+# caller's folder with the arguments given (for instance: bash scripts/run.sh --demo).
+# The build folder is ${NVR_BUILD:-build-run} in the repository; an existing one is only
+# brought up to date, so a second run starts at once.
 set -euo pipefail
-cd "$(dirname "$0")/.."
-bash scripts/deps.sh run
-cmake -S . -B build -DNVR_TESTS=OFF
-cmake --build build -j "$(nproc)"
-echo "libnvr compilata in build/. Il programma nvr autonomo non esiste ancora: per ora c'e' solo la libreria."
+chiamante=$PWD
+sorgenti=$(cd "$(dirname "$0")/.." && pwd)
+bash "$sorgenti/scripts/deps.sh" run >&2
+build=${NVR_BUILD:-build-run}
+case $build in /*) ;; *) build=$sorgenti/$build ;; esac
+if [ ! -f "$build/CMakeCache.txt" ]; then
+  cmake -S "$sorgenti" -B "$build" -DNVR_TESTS=OFF >&2
+fi
+cmake --build "$build" -j "$(nproc)" --target nvr_autonomo >&2
+cd "$chiamante"
+exec "$build/autonomo/nvr" "$@"
