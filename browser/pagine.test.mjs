@@ -42,6 +42,10 @@ async function fino_a(descrizione, prova, ms, passo = 1000) {
   }
 }
 
+async function nodo_pausa() {
+  await pagina.evaluate(() => document.getElementById('video').pause());
+}
+
 async function video() {
   return pagina.evaluate(() => {
     const v = document.getElementById('video');
@@ -223,6 +227,18 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     assert.ok(Math.abs(v.t - atteso) < 1.5, `salto a ${v.t} s invece di circa ${atteso} s`);
     assert.ok(risposte_video.includes(206), `nessuna risposta parziale (206) al video: ${risposte_video}`);
     await schermata('09-registrazioni-riproduzione');
+
+    // The timeline is a slider for the keyboard too: Home goes to midnight, Enter plays from
+    // there, that is from the day's first segment.
+    await nodo_pausa();
+    await pagina.focus('#linea-tempo');
+    await pagina.keyboard.press('Home');
+    assert.equal(await pagina.getAttribute('#linea-tempo', 'aria-valuenow'), '0');
+    await pagina.keyboard.press('Enter');
+    await fino_a('riparte dal primo segmento', async () => {
+      const x = await video();
+      return x.url === segs[0].url && !x.pausa;
+    }, 15000, 100);
     await fine('09-registrazioni-riproduzione');
   });
 
