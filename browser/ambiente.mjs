@@ -92,9 +92,11 @@ export async function avvia_camera() {
   return p;
 }
 
-export async function avvia_programma(dati) {
+// ambiente: extra environment variables for the program (e.g. a PATH without ffmpeg).
+export async function avvia_programma(dati, ambiente = {}) {
   const porta = await porta_libera();
-  const p = new Processo('nvr', programma(), ['--dati', dati, '--porta', String(porta)]);
+  const p = new Processo('nvr', programma(), ['--dati', dati, '--porta', String(porta)],
+                         { env: { ...process.env, ...ambiente } });
   const m = await p.aspetta(/Password dell'amministratore: (\S+)/, 20000);
   p.password = m[1];
   p.base = `http://127.0.0.1:${porta}`;

@@ -313,8 +313,38 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     await fine('14-giorno-eliminato');
   });
 
+  test("stato: senza ffmpeg c'e' il bottone per installarlo, e il suo errore si vede com'e'", async () => {
+    // A second program whose search path holds neither ffmpeg nor apt-get: the page offers the
+    // installation and shows the server's refusal word for word.
+    const dati2 = fs.mkdtempSync(path.join(os.tmpdir(), 'nvr-browser-senza-ffmpeg-'));
+    const vuota = fs.mkdtempSync(path.join(os.tmpdir(), 'nvr-browser-path-'));
+    const nvr2 = await avvia_programma(dati2, { PATH: vuota });
+    try {
+      await pagina.goto(`${nvr2.base}/`);
+      await pagina.fill('#password-accesso', nvr2.password);
+      await pagina.click('#modulo-accesso button[type=submit]');
+      const scheda = pagina.locator('#stato-ffmpeg');
+      await scheda.getByRole('button', { name: 'Installa ffmpeg' }).waitFor();
+      console_.atteso(400, '/api/nvr/installa_ffmpeg');
+      await scheda.getByRole('button', { name: 'Installa ffmpeg' }).click();
+      await scheda.locator('.testo-errore', { hasText: 'Installazione automatica non disponibile su questo sistema' }).waitFor();
+      await fine('15-stato-senza-ffmpeg');
+    } finally {
+      await nvr2.ferma();
+      for (const d of [dati2, vuota]) fs.rmSync(d, { recursive: true, force: true });
+    }
+  });
+
   test('schermo di un telefono: nessuna pagina piu\' larga dello schermo', async () => {
     await pagina.setViewportSize({ width: 390, height: 844 });
+    await pagina.goto(`${nvr.base}/`);
+    // Cookies do not tell ports apart: the second program's session may have replaced ours.
+    await pagina.locator('#menu:visible, #password-accesso:visible').first().waitFor();
+    if (await pagina.locator('#password-accesso').isVisible()) {
+      await pagina.fill('#password-accesso', nvr.password);
+      await pagina.click('#modulo-accesso button[type=submit]');
+      await pagina.locator('#menu').waitFor();
+    }
     for (const p of ['stato', 'telecamere', 'archiviazione', 'registrazioni', 'archivio']) {
       await pagina.goto(`${nvr.base}/#${p}`);
       await pagina.locator(`#${p} h2`).waitFor();
