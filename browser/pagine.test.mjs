@@ -127,6 +127,27 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     let c = cfg.telecamere.find((t) => t.id === cam_id);
     assert.deepEqual([c.modo, c.orari], ['orari', [{ da: '22:00', a: '06:00' }]]);
 
+    // Event mode: an empty entity row and an out-of-range post-roll are refused beside their
+    // fields; the entity the host knows is offered and stored.
+    const stati = await pagina.request.post(`${nvr.base}/api/stati`, { data: { 'binary_sensor.porta': 'off' } });
+    assert.equal(stati.status(), 200);
+    await pagina.reload();
+    await scheda.getByLabel('Quando registrare').selectOption('eventi');
+    await scheda.getByRole('button', { name: 'Aggiungi entità' }).click();
+    await scheda.getByLabel('Post-roll').fill('5000');
+    await scheda.getByRole('button', { name: 'Salva impostazioni' }).click();
+    await scheda.locator('.errore-campo', { hasText: "Scrivi l'entità o togli la riga." }).waitFor();
+    await scheda.locator('.errore-campo', { hasText: 'Un numero intero di secondi fra 0 e 3600.' }).waitFor();
+    assert.deepEqual(await pagina.locator('#entita-note option').evaluateAll((o) => o.map((x) => x.value)),
+                     ['binary_sensor.porta']);
+    await scheda.locator('input.entita').fill('binary_sensor.porta');
+    await scheda.getByLabel('Post-roll').fill('45');
+    await scheda.getByRole('button', { name: 'Salva impostazioni' }).click();
+    await scheda.locator('.avviso.ok', { hasText: 'Impostazioni salvate.' }).waitFor();
+    cfg = await json('/api/nvr/config');
+    c = cfg.telecamere.find((t) => t.id === cam_id);
+    assert.deepEqual([c.modo, c.eventi, c.post_roll], ['eventi', ['binary_sensor.porta'], 45]);
+
     await scheda.getByLabel('Quando registrare').selectOption('sempre');
     await scheda.getByRole('button', { name: 'Salva impostazioni' }).click();
     await scheda.locator('.avviso.ok', { hasText: 'Impostazioni salvate.' }).waitFor();
@@ -167,6 +188,15 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     assert.equal(st.cartella, cartella);
     assert.ok(fs.statSync(cartella).isDirectory());
     await pagina.locator('#archivio-attuale', { hasText: cartella }).waitFor();
+
+    // The recorder would quietly clamp a 10-second segment to 60: the page says so first.
+    await pagina.fill('#segmento-sec', '10');
+    await pagina.locator('#modulo-numeri').getByRole('button', { name: 'Salva' }).click();
+    await pagina.locator('#modulo-numeri .errore-campo', { hasText: 'Un numero intero fra 60 e 1800.' }).waitFor();
+    await pagina.fill('#segmento-sec', '120');
+    await pagina.locator('#modulo-numeri').getByRole('button', { name: 'Salva' }).click();
+    await pagina.locator('#modulo-numeri .avviso.ok', { hasText: 'Salvato.' }).waitFor();
+    assert.equal((await json('/api/nvr/config')).config.segmento_sec, 120);
     await fine('06-archiviazione-scelta');
   });
 

@@ -71,7 +71,7 @@ function costruisci(sezione) {
   };
   nodi.nota_password = el('span', { class: 'tenue', id: 'rete-password-nota' });
   const collega = el('button', { type: 'submit' }, COLLEGA);
-  const modulo_rete = el('form', { class: 'griglia-campi', id: 'modulo-rete' },
+  const modulo_rete = el('form', { class: 'griglia-campi', id: 'modulo-rete', novalidate: true },
     campo('Protocollo', nodi.rete.proto),
     campo('Server', nodi.rete.server),
     campo('Cartella condivisa', nodi.rete.share),
@@ -123,7 +123,7 @@ function costruisci(sezione) {
     spazio_min_gb: el('input', { id: 'spazio-min', type: 'number', min: '0.5', max: '500', step: '0.1' }),
   };
   nodi.esito_numeri = el('div', { hidden: true });
-  const modulo_numeri = el('form', { class: 'scheda griglia-campi', id: 'modulo-numeri' },
+  const modulo_numeri = el('form', { class: 'scheda griglia-campi', id: 'modulo-numeri', novalidate: true },
     el('h3', {}, 'Segmenti e conservazione'),
     campo('Durata di un segmento (secondi, 60–1800)', nodi.numeri.segmento_sec),
     campo('Giorni da conservare (1–365)', nodi.numeri.giorni),
@@ -271,7 +271,7 @@ async function sfoglia(base) {
   });
   const nome = el('input', { id: 'nuova-cartella', type: 'text', autocomplete: 'off' });
   const esito = el('div', { hidden: true });
-  const crea = el('form', { class: 'riga-crea' },
+  const crea = el('form', { class: 'riga-crea', novalidate: true },
     el('label', { for: 'nuova-cartella' }, 'Nuova cartella qui'), nome,
     el('button', { type: 'submit', class: 'secondario' }, 'Crea'));
   crea.addEventListener('submit', async (ev) => {

@@ -29,7 +29,7 @@ function costruisci(sezione) {
     autocomplete: 'off', inputmode: 'url',
   }));
   const esito = el('div', { hidden: true });
-  const modulo = el('form', { class: 'scheda', id: 'nuova-telecamera' },
+  const modulo = el('form', { class: 'scheda', id: 'nuova-telecamera', novalidate: true },
     el('h3', {}, 'Aggiungi una telecamera'), nome.blocco, url.blocco, esito,
     el('button', { type: 'submit' }, 'Aggiungi'));
   modulo.addEventListener('submit', async (ev) => {
@@ -164,7 +164,7 @@ function scheda(c) {
   mostra_modo();
 
   const salva_reg = el('button', { type: 'submit' }, 'Salva impostazioni');
-  const modulo = el('form', { class: 'impostazioni' },
+  const modulo = el('form', { class: 'impostazioni', novalidate: true },
     el('h4', {}, 'Registrazione'),
     el('div', { class: 'campo' }, el('label', { for: attiva.id, class: 'spunta' }, attiva, 'Registra questa telecamera')),
     modo.blocco, blocco_orari, blocco_eventi, esito_reg, salva_reg);
