@@ -1,0 +1,49 @@
+// How pushed entity states read as active: the recorder starts an event camera on "on" only.
+#include "autonomo/stati.h"
+
+#include <gtest/gtest.h>
+
+namespace nvr::autonomo {
+namespace {
+
+TEST(StatiTest, NormalizeStateTurnsActiveWordsIntoOn) {
+  struct Caso {
+    Json stato;
+    Json atteso;
+  };
+  for (const Caso& c : std::vector<Caso>{{"on", "on"},
+                                         {"OPEN", "on"},
+                                         {" Aperto ", "on"},
+                                         {"detected", "on"},
+                                         {"Home", "on"},
+                                         {"presente", "on"},
+                                         {"si", "on"},
+                                         {true, "on"},
+                                         {1, "on"},
+                                         {-0.5, "on"},
+                                         {"off", "off"},
+                                         {"Chiuso", "chiuso"},
+                                         {"unavailable", "unavailable"},
+                                         {false, "off"},
+                                         {0, "off"},
+                                         {nullptr, "off"},
+                                         {"", ""}}) {
+    EXPECT_EQ(normalize_state(c.stato), c.atteso) << c.stato;
+  }
+}
+
+TEST(StatiTest, MergeReplacesRemovesAndRefusesNonObjects) {
+  StatiEntita s;
+  ASSERT_TRUE(s.unisci({{"a", "on"}, {"b", 1}}).ok());
+  auto dopo = s.unisci({{"a", nullptr}, {"b", "off"}, {"c", true}});
+  ASSERT_TRUE(dopo.ok());
+  EXPECT_EQ(dopo.valore(), (Json{{"b", "off"}, {"c", true}}));
+  auto rifiuto = s.unisci(Json::array({1}));
+  ASSERT_FALSE(rifiuto.ok());
+  EXPECT_EQ(rifiuto.errore().codice, 400);
+  EXPECT_EQ(rifiuto.errore().messaggio, "Stati non validi");
+  EXPECT_EQ(s.tutti(), (Json{{"b", "off"}, {"c", true}}));
+}
+
+}  // namespace
+}  // namespace nvr::autonomo
