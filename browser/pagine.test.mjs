@@ -358,6 +358,14 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
       console_.atteso(400, '/api/nvr/installa_ffmpeg');
       await scheda.getByRole('button', { name: 'Installa ffmpeg' }).click();
       await scheda.locator('.testo-errore', { hasText: 'Installazione automatica non disponibile su questo sistema' }).waitFor();
+      // Switched on without ffmpeg, the engine reports a problem: the banner shows the status
+      // API's text as it is.
+      await pagina.locator('label[for="stato-attivo"]').click();
+      const banner = pagina.locator('#stato-problema');
+      await banner.waitFor({ timeout: 40000 });
+      const problema = (await (await pagina.request.get(`${nvr2.base}/api/nvr/stato`)).json()).problema;
+      assert.ok(problema);
+      await pagina.locator('#stato-problema', { hasText: problema }).waitFor();
       await fine('15-stato-senza-ffmpeg');
     } finally {
       await nvr2.ferma();
