@@ -7,7 +7,7 @@ import os from 'node:os';
 import path from 'node:path';
 import { after, before, describe, test } from 'node:test';
 import {
-  Console, avvia_browser, avvia_camera, avvia_programma, sql, uscita,
+  Console, avvia_browser, avvia_camera, avvia_programma, porta_libera, sql, uscita,
 } from './ambiente.mjs';
 
 const NON_AMMESSA = "Cartella non ammessa: scegli un'unita' USB, una cartella di rete o una sotto /media, /mnt, /srv, /home";
@@ -175,6 +175,11 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     assert.equal(await esito.textContent(), NON_AMMESSA);
     await schermata('05-archiviazione-errore');
 
+    console_.atteso(400, '/api/nvr/cartelle');
+    await pagina.fill('#cartella-locale', '/etc');
+    await pagina.getByRole('button', { name: 'Sfoglia', exact: true }).click();
+    await pagina.locator('#sfoglia [role=alert]', { hasText: 'Cartella non leggibile o non ammessa' }).waitFor();
+
     await pagina.getByRole('button', { name: '/srv', exact: true }).click();
     await pagina.locator('#sfoglia').getByRole('button', { name: path.basename(archivio) }).click();
     await pagina.locator('#cartella-aperta', { hasText: archivio }).waitFor();
@@ -216,6 +221,37 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     await fine('07-stato-in-registrazione');
   });
 
+  test('telecamere: una telecamera guasta mostra il suo errore, si rinomina e si rimuove', async () => {
+    // Nothing listens on this port: ffmpeg fails at once and the recorder reports why.
+    const url = `rtsp://127.0.0.1:${await porta_libera()}/nessuna`;
+    const nuova = await pagina.request.post(`${nvr.base}/api/telecamere`, { data: { nome: 'Guasta', url } });
+    const id = (await nuova.json()).id;
+    const imp = await pagina.request.post(`${nvr.base}/api/nvr/camera`, { data: { id, attiva: true, modo: 'sempre' } });
+    assert.equal(imp.status(), 200);
+    await pagina.goto(`${nvr.base}/#stato`);
+    const errore = pagina.locator(`#stato-camere article[data-id="${id}"] .testo-errore`);
+    await errore.waitFor({ timeout: 40000 });
+    const st = await json('/api/nvr/stato');
+    const testo = st.telecamere.find((t) => t.id === id).errore;
+    assert.ok(testo);
+    assert.equal(await errore.textContent(), testo);
+    await schermata('08-stato-telecamera-guasta');
+
+    await pagina.goto(`${nvr.base}/#telecamere`);
+    const scheda = pagina.locator(`article.telecamera[data-id="${id}"]`);
+    await scheda.getByLabel('Nome').fill('Guasta davvero');
+    await scheda.getByRole('button', { name: 'Salva nome e indirizzo' }).click();
+    await scheda.locator('h3', { hasText: 'Guasta davvero' }).waitFor();
+    await scheda.getByRole('button', { name: 'Rimuovi' }).click();
+    const dialogo = pagina.locator('#dialogo-conferma');
+    await dialogo.locator('#dialogo-testo', { hasText: 'Rimuovere la telecamera "Guasta davvero"?' }).waitFor();
+    await dialogo.getByRole('button', { name: 'Rimuovi' }).click();
+    await scheda.waitFor({ state: 'detached' });
+    const cams = (await json('/api/telecamere')).telecamere;
+    assert.deepEqual(cams.map((c) => c.nome), ['Ingresso']);
+    await fine('08-telecamera-rimossa');
+  });
+
   test('registrazioni: la linea del giorno, riproduzione dal punto cliccato, segmento successivo, salto', async () => {
     const giorno = await fino_a('tre segmenti in archivio', async () => {
       const g = await json(`/api/nvr/giorni?cam=${cam_id}`);
@@ -226,7 +262,7 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     await pagina.goto(`${nvr.base}/#registrazioni`);
     await pagina.locator(`#calendario button.con-registrazioni[data-giorno="${giorno}"][aria-pressed="true"]`).waitFor();
     await pagina.locator('#linea-tempo .segmento').first().waitFor();
-    await schermata('08-registrazioni-giorno');
+    await schermata('09-registrazioni-giorno');
 
     await pagina.selectOption('#reg-zoom', { label: '1 minuto' });
     const segs = (await json(`/api/nvr/registrazioni?cam=${cam_id}&giorno=${giorno}`)).registrazioni;

@@ -182,7 +182,8 @@ function scheda(c) {
     if (r.ok) radice.querySelector('h3').textContent = nome.input.value.trim();
   });
   rimuovi.addEventListener('click', async () => {
-    const si = await conferma(`Rimuovere la telecamera "${c.nome}"? Non verrà più registrata; ` +
+    const nome_ora = radice.querySelector('h3').textContent;  // it may have been renamed since
+    const si = await conferma(`Rimuovere la telecamera "${nome_ora}"? Non verrà più registrata; ` +
       'le registrazioni già fatte restano in archivio.', 'Rimuovi');
     if (!si) return;
     const r = await api('DELETE', `/api/telecamere/${c.id}`);
