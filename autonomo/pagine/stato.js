@@ -5,7 +5,8 @@ import { api, avviso, data_ora, el, numero, ora, testo } from './comune.js';
 
 const PERIODO_MS = 3000;
 const MOTIVI = { continua: 'registrazione continua', orario: 'fascia oraria', evento: 'evento' };
-const MODI = { sempre: 'sempre', orari: 'a orari', eventi: 'a eventi' };
+// Why an enabled camera without errors is not recording, by mode.
+const ATTESE = { sempre: 'in avvio', orari: 'fuori dalle fasce orarie', eventi: 'nessun evento attivo' };
 const IN_CORSO = 'Installazione in corso...';
 
 let nodi = null;
@@ -104,6 +105,8 @@ function aggiorna_camera(s, c) {
     stato_testo = 'disattivata'; classe = 'pastiglia spenta';
   } else if (c.registrando) {
     stato_testo = 'in registrazione'; classe = 'pastiglia registra';
+  } else if (c.errore) {
+    stato_testo = 'errore'; classe = 'pastiglia guasta';
   } else {
     stato_testo = 'ferma'; classe = 'pastiglia ferma';
   }
@@ -113,7 +116,8 @@ function aggiorna_camera(s, c) {
   let perche;
   if (c.registrando) perche = MOTIVI[c.motivo] || c.motivo || '—';
   else if (!c.attiva) perche = 'telecamera non attiva';
-  else perche = `in attesa (modo ${MODI[c.modo] || c.modo})`;
+  else if (c.errore) perche = 'non riesce a registrare';
+  else perche = ATTESE[c.modo] || `in attesa (modo ${c.modo})`;
   testo(p.perche, perche);
   testo(p.da, c.registrando && c.da ? data_ora(c.da) : '—');
   testo(p.file, c.file);
