@@ -16,10 +16,17 @@ test_pkgs=(
   python3-gi gir1.2-gst-rtsp-server-1.0 gstreamer1.0-plugins-base
   gstreamer1.0-plugins-good gstreamer1.0-plugins-ugly
   e2fsprogs dosfstools
+  chromium
 )
 
 pkgs=("${run_pkgs[@]}")
 [ "$what" = test ] && pkgs+=("${test_pkgs[@]}")
+# The browser tests run on Node. A machine that already has node and npm from elsewhere keeps
+# them: Debian's npm conflicts with a nodejs that ships its own npm.
+if [ "$what" = test ]; then
+  command -v node >/dev/null || pkgs+=(nodejs)
+  command -v npm >/dev/null || pkgs+=(npm)
+fi
 
 missing=()
 for p in "${pkgs[@]}"; do
