@@ -239,7 +239,7 @@ void _motore() {
   fermare = false;  // a later engine thread (in the next test) starts afresh
 }
 
-void ferma_motore_per_test() {
+void arresta_motore() {
   fermare = true;
   _sveglia.set();
 }

@@ -11,7 +11,7 @@ namespace nvr {
 
 // The engine thread's body: waits up to 10 s (or a wake-up), stops recorders left by an earlier
 // run, then runs a pass, waits up to 3 s on _sveglia, and so on. Never returns (see
-// ferma_motore_per_test); a pass that throws is logged as "giro del motore: ..." and the loop
+// arresta_motore); a pass that throws is logged as "giro del motore: ..." and the loop
 // goes on.
 void _motore();
 
@@ -33,7 +33,8 @@ void _ferma_orfani();
 // The command line pattern of this system's recorders and nothing else.
 inline constexpr const char* kModelloOrfani = "ffmpeg .*(in_corso|cam_[0-9]+)/%Y%m%d_%H%M%S\\.mp4";
 
-// Makes a running _motore return after its current pass or wait. Tests only.
-void ferma_motore_per_test();
+// Makes a running _motore return after its current pass or wait. For a process that is ending
+// (the engine's state is about to be destroyed under it) and for tests. Never blocks.
+void arresta_motore();
 
 }  // namespace nvr

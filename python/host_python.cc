@@ -28,14 +28,13 @@ constexpr auto kAttesaGiro = 15s;
 // the recorder's static state (the engine's wake-up event, the recorder table) while a daemon
 // thread still waiting on it would block the exit or crash it; and a pass after the recorders
 // stopped would start a recorder that the ending process leaves behind. A pass that hangs (a
-// dead share) is not waited for beyond `attesa`. The engine's only way to end is the one its
-// tests use, which is exactly what an ending process needs: return after the current pass.
+// dead share) is not waited for beyond `attesa`.
 void ferma_motore(std::chrono::milliseconds attesa) {
-  ferma_motore_per_test();
+  arresta_motore();
   auto finito = std::make_shared<std::promise<void>>();
   std::future<void> atteso = finito->get_future();
   std::thread([finito] {
-    attendi_motore_per_test();
+    attendi_fine_motore();
     finito->set_value();
   }).detach();
   atteso.wait_for(attesa);

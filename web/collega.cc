@@ -93,7 +93,7 @@ bool collega(std::shared_ptr<Host> host) {
   return true;
 }
 
-void attendi_motore_per_test() {
+void attendi_fine_motore() {
   std::unique_lock l(motore_m);
   motore_cv.wait(l, [] { return !motore_vivo; });
 }

@@ -33,7 +33,8 @@ bool collega(std::shared_ptr<Host> host);
 // stops every recorder with the reason "arresto del server".
 void _su_sigterm();
 
-// The engine thread started by collega, joined after ferma_motore_per_test. Tests only.
-void attendi_motore_per_test();
+// Waits until the engine thread started by collega has returned (after arresta_motore); returns
+// at once when none was started. Blocks as long as the current pass lasts.
+void attendi_fine_motore();
 
 }  // namespace nvr

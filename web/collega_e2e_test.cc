@@ -27,8 +27,8 @@ using testing::HostWeb;
 class CollegaTest : public ::testing::Test {
  protected:
   void TearDown() override {
-    ferma_motore_per_test();
-    attendi_motore_per_test();
+    arresta_motore();
+    attendi_fine_motore();
   }
   HostWeb h;
 };

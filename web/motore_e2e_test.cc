@@ -72,8 +72,8 @@ class MotoreE2eTest : public ::testing::Test {
     if (!camera) GTEST_SKIP() << "telecamera di prova non disponibile: " << motivo;
   }
   void TearDown() override {
-    ferma_motore_per_test();
-    attendi_motore_per_test();
+    arresta_motore();
+    attendi_fine_motore();
     _ferma_tutto("fine prova");
     if (catturo) log = ::testing::internal::GetCapturedStdout();
   }
