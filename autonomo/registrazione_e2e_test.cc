@@ -141,7 +141,9 @@ TEST_F(RegistrazioneE2eTest, RecordPlayWithRangesAndDelete) {
   EXPECT_EQ(r.status, 200) << r.corpo;
   EXPECT_FALSE(fs::exists(file));
   EXPECT_EQ(p->get(video).status, 404);
-  for (const Json& reg : p->get(elenco).json["registrazioni"]) EXPECT_NE(reg["id"], rid);
+  const auto dopo = p->get(elenco);  // kept alive: the loop below reads into it
+  ASSERT_EQ(dopo.status, 200) << dopo.corpo;
+  for (const Json& reg : dopo.json["registrazioni"]) EXPECT_NE(reg["id"], rid);
 }
 
 TEST_F(RegistrazioneE2eTest, EventCameraFollowsPushedStates) {
