@@ -7,25 +7,6 @@
 
 namespace nvr::autonomo {
 
-bool corrisponde(const std::string& regola, const std::string& percorso,
-                 std::optional<std::int64_t>& rid) {
-  const auto segnaposto = regola.find("<int:rid>");
-  if (segnaposto == std::string::npos) return regola == percorso;
-  if (percorso.compare(0, segnaposto, regola, 0, segnaposto) != 0) return false;
-  const std::string resto = percorso.substr(std::min(segnaposto, percorso.size()));
-  // 18 digits always fit an int64, so the conversion below cannot throw.
-  if (resto.empty() || resto.size() > 18) return false;
-  for (char c : resto)
-    if (c < '0' || c > '9') return false;
-  rid = std::stoll(resto);
-  return true;
-}
-
-Json corpo_lenient(const std::string& testo) {
-  auto letto = leggi_json(testo);
-  return letto && letto->is_object() ? *letto : Json::object();
-}
-
 std::string valore_cookie(const std::string& intestazione, const std::string& nome) {
   std::size_t i = 0;
   while (i < intestazione.size()) {
@@ -59,7 +40,7 @@ Risposta Instradatore::instrada(const std::string& percorso, Richiesta r) const 
     std::lock_guard l(m_);
     for (const auto& regola : regole_) {
       std::optional<std::int64_t> rid;
-      if (!corrisponde(regola.percorso, percorso, rid)) continue;
+      if (!corrisponde_rotta(regola.percorso, percorso, rid)) continue;
       percorso_noto = true;
       for (const auto& m : regola.metodi)
         if (m == metodo) {

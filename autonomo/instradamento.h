@@ -39,15 +39,6 @@ class Instradatore : public AppWeb {
   std::vector<Regola> regole_;
 };
 
-// Whether `percorso` matches the rule `regola`; fills `rid` from a "<int:rid>" segment, which
-// takes a non-negative integer of at most 18 digits and nothing else.
-bool corrisponde(const std::string& regola, const std::string& percorso,
-                 std::optional<std::int64_t>& rid);
-
-// The request's body read leniently: a JSON object, or an empty object when it is missing,
-// malformed or not an object.
-Json corpo_lenient(const std::string& testo);
-
 // The value of cookie `nome` in a Cookie header ("a=1; b=2"), "" when absent.
 std::string valore_cookie(const std::string& intestazione, const std::string& nome);
 

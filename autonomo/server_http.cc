@@ -27,17 +27,12 @@ struct ServerHttp::Dentro {
 
 namespace {
 
-std::string minuscolo(std::string s) {
-  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return s;
-}
-
 Richiesta richiesta_da(const httplib::Request& req) {
   Richiesta r;
   r.metodo = req.method;
   for (const auto& [k, v] : req.params) r.query.emplace(k, v);  // the first value stays
-  r.corpo = corpo_lenient(req.body);
-  for (const auto& [k, v] : req.headers) r.intestazioni.emplace(minuscolo(k), v);
+  r.corpo = corpo_da_testo(req.body);
+  for (const auto& [k, v] : req.headers) r.intestazioni.emplace(nome_intestazione(k), v);
   r.intestazioni[kCorpoGrezzo] = req.body;
   return r;
 }

@@ -1,6 +1,32 @@
 #include "core/richiesta.h"
 
+#include <cctype>
+
 namespace nvr {
+
+bool corrisponde_rotta(const std::string& regola, const std::string& percorso,
+                       std::optional<std::int64_t>& rid) {
+  const auto segnaposto = regola.find("<int:rid>");
+  if (segnaposto == std::string::npos) return regola == percorso;
+  if (percorso.compare(0, segnaposto, regola, 0, segnaposto) != 0) return false;
+  const std::string resto = percorso.substr(std::min(segnaposto, percorso.size()));
+  // 18 digits always fit an int64, so the conversion below cannot throw.
+  if (resto.empty() || resto.size() > 18) return false;
+  for (char c : resto)
+    if (c < '0' || c > '9') return false;
+  rid = std::stoll(resto);
+  return true;
+}
+
+Json corpo_da_testo(const std::string& testo) {
+  auto letto = leggi_json(testo);
+  return letto && letto->is_object() ? *letto : Json::object();
+}
+
+std::string nome_intestazione(std::string nome) {
+  for (char& c : nome) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return nome;
+}
 
 std::string Richiesta::parametro(const std::string& nome) const {
   auto it = query.find(nome);

@@ -40,6 +40,20 @@ struct Risposta {
   std::vector<std::pair<std::string, std::string>> intestazioni;  // extra headers
 };
 
+// How every host turns its raw request into a Richiesta.
+
+// Whether `percorso` matches the route `regola`; a "<int:rid>" segment of the route takes a
+// non-negative integer of at most 18 digits and nothing else, and fills `rid`.
+bool corrisponde_rotta(const std::string& regola, const std::string& percorso,
+                       std::optional<std::int64_t>& rid);
+
+// A request body read leniently: the JSON object it holds, or an empty object when it is
+// missing, malformed or not an object.
+Json corpo_da_testo(const std::string& testo);
+
+// A header name as the handlers look it up: in lower case.
+std::string nome_intestazione(std::string nome);
+
 // The one place where a handler's JSON answer is built.
 Risposta _json(Json corpo, int status = 200);
 

@@ -23,11 +23,6 @@ py::object flask() {
 
 std::string testo(py::handle v) { return da_python(py::str(v)).get<std::string>(); }
 
-std::string minuscolo(std::string s) {
-  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return s;
-}
-
 Richiesta richiesta_da_flask(const py::kwargs& argomenti) {
   py::object req = flask().attr("request");
   Richiesta r;
@@ -44,11 +39,10 @@ Richiesta richiesta_da_flask(const py::kwargs& argomenti) {
   // Read the body ourselves rather than with get_json: a missing, mistyped or malformed body is
   // an empty object for every handler, never a 400 from the framework.
   std::string corpo = py::bytes(req.attr("get_data")());
-  auto letto = leggi_json(corpo);
-  r.corpo = letto && letto->is_object() ? *letto : Json::object();
+  r.corpo = corpo_da_testo(corpo);
   for (py::handle coppia : req.attr("headers").attr("items")()) {
     auto t = py::reinterpret_borrow<py::tuple>(coppia);
-    r.intestazioni.emplace(minuscolo(testo(t[0])), testo(t[1]));
+    r.intestazioni.emplace(nome_intestazione(testo(t[0])), testo(t[1]));
   }
   return r;
 }

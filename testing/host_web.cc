@@ -28,21 +28,6 @@ std::string decodifica(const std::string& s) {
   return fuori;
 }
 
-// Matches `percorso` against a rule; fills `rid` for "<int:rid>".
-bool corrisponde(const std::string& regola, const std::string& percorso,
-                 std::optional<std::int64_t>& rid) {
-  auto segnaposto = regola.find("<int:rid>");
-  if (segnaposto == std::string::npos) return regola == percorso;
-  std::string prima = regola.substr(0, segnaposto);
-  if (percorso.compare(0, prima.size(), prima) != 0) return false;
-  std::string resto = percorso.substr(prima.size());
-  if (resto.empty() || resto.size() > 18) return false;
-  for (char c : resto)
-    if (c < '0' || c > '9') return false;
-  rid = std::stoll(resto);
-  return true;
-}
-
 RispostaHttp da_json(int status, const Json& j) {
   RispostaHttp r;
   r.status = status;
@@ -89,19 +74,14 @@ RispostaHttp AppDiProva::chiama(const std::string& metodo, const std::string& in
       i = j + 1;
     }
   }
-  auto letto = leggi_json(corpo);
-  req.corpo = letto && letto->is_object() ? *letto : Json::object();
-  for (auto& [k, v] : intestazioni) {
-    std::string minuscolo;
-    for (char c : k) minuscolo += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    req.intestazioni[minuscolo] = v;
-  }
+  req.corpo = corpo_da_testo(corpo);
+  for (auto& [k, v] : intestazioni) req.intestazioni[nome_intestazione(k)] = v;
 
   Vista vista;
   bool percorso_noto = false;
   for (const auto& r : rotte()) {
     std::optional<std::int64_t> rid;
-    if (!corrisponde(r.percorso, percorso, rid)) continue;
+    if (!corrisponde_rotta(r.percorso, percorso, rid)) continue;
     percorso_noto = true;
     for (const auto& m : r.metodi)
       if (m == metodo) {
