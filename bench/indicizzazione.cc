@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "archive/indice.h"
+#include "bench/tabella.h"
 #include "core/db.h"
 #include "core/tempo.h"
 #include "testing/ambiente.h"
@@ -165,14 +166,12 @@ int main(int argc, char** argv) {
   }
 
   const int totale = per_camera * kCamere;
-  std::printf("indicizzazione: %d segmenti su %d telecamere\n", totale, kCamere);
-  std::printf("%-34s %12s %12s %8s\n", "misura", "nvr", "base", "rapporto");
-  std::printf("%-34s %12.3f %12.3f %8.2f\n", "secondi per archiviare tutto", t_nvr, t_base,
-              t_nvr / t_base);
-  std::printf("%-34s %12.0f %12.0f %8.2f\n", "segmenti al secondo", totale / t_nvr,
-              totale / t_base, (totale / t_nvr) / (totale / t_base));
-  std::printf("%-34s %12lld %12lld\n", "righe nell'indice", static_cast<long long>(righe_nvr),
-              static_cast<long long>(righe_base));
-  std::printf("%-34s %12d\n", "giri dell'indice", giri);
+  const std::string n = "indicizzazione";
+  nvr::bench::riga(n, std::to_string(totale) + " segmenti: secondi per archiviarli", t_nvr, t_base,
+                   "s");
+  nvr::bench::riga(n, "segmenti archiviati al secondo", totale / t_nvr, totale / t_base, "1/s");
+  nvr::bench::riga(n, "righe nell'indice", static_cast<double>(righe_nvr),
+                   static_cast<double>(righe_base), "righe", std::to_string(totale));
+  nvr::bench::riga(n, "giri dell'indice", giri, nvr::bench::kNessuna, "giri");
   return righe_nvr == totale && righe_base == totale ? 0 : 1;
 }
