@@ -228,6 +228,10 @@ void _init_db() {
       "dimensione INTEGER DEFAULT 0, "
       "motivo TEXT DEFAULT '')");
   c.esegui("CREATE INDEX IF NOT EXISTS nvr_reg_cam_inizio ON nvr_registrazioni (cam_id, inizio)");
+  // A camera's longest segment bounds how far before a day a segment overlapping it can start;
+  // this index answers that length without reading the camera's rows.
+  c.esegui(
+      "CREATE INDEX IF NOT EXISTS nvr_reg_cam_durata ON nvr_registrazioni (cam_id, fine - inizio)");
   c.esegui(
       "CREATE TABLE IF NOT EXISTS nvr_eventi ("
       "id INTEGER PRIMARY KEY AUTOINCREMENT, "

@@ -43,7 +43,8 @@ TEST_F(DbTest, FreshDatabaseGetsSchemaAndSeedRow) {
   _init_db();
   EXPECT_EQ(nomi("table"), (std::vector<std::string>{"nvr_camere", "nvr_config", "nvr_eventi",
                                                      "nvr_registrazioni", "tapo_cameras"}));
-  EXPECT_EQ(nomi("index"), (std::vector<std::string>{"nvr_ev_cam_ts", "nvr_reg_cam_inizio"}));
+  EXPECT_EQ(nomi("index"), (std::vector<std::string>{"nvr_ev_cam_ts", "nvr_reg_cam_durata",
+                                                     "nvr_reg_cam_inizio"}));
 
   EXPECT_EQ(colonne("nvr_config"),
             (std::vector<std::string>{"id INTEGER - 1", "attivo INTEGER 0 0", "cartella TEXT '' 0",

@@ -58,10 +58,19 @@ Risposta api_registrazioni(const Richiesta& r) {
   std::vector<Riga> righe, eventi;
   {
     Connessione c = _db();
-    righe = c.righe(
-        "SELECT id, inizio, fine, dimensione, motivo, file FROM nvr_registrazioni WHERE cam_id=? "
-        "AND fine > ? AND inizio < ? ORDER BY inizio",
-        {*cam, inizio_giorno, fine_giorno});
+    // "fine > day start" alone gives the index no lower end, so every earlier segment of the
+    // camera would be read. No segment lasts longer than the camera's longest one, so none
+    // starting before the day minus that length can reach into the day (one second spare for
+    // rounding of the stored times). No length at all: no row has both times, none can overlap.
+    const Valore lunga =
+        c.righe("SELECT MAX(fine - inizio) FROM nvr_registrazioni WHERE cam_id=?", {*cam})
+            .at(0)
+            .at(0);
+    if (!nullo(lunga))
+      righe = c.righe(
+          "SELECT id, inizio, fine, dimensione, motivo, file FROM nvr_registrazioni WHERE "
+          "cam_id=? AND inizio >= ? AND inizio < ? AND fine > ? ORDER BY inizio",
+          {*cam, inizio_giorno - std::max(0.0, come_reale(lunga)) - 1, fine_giorno, inizio_giorno});
     eventi = c.righe(
         "SELECT ts, entity_id, stato FROM nvr_eventi WHERE cam_id=? AND ts >= ? AND ts < ? "
         "ORDER BY ts",

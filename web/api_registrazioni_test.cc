@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <time.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "core/config.h"
@@ -131,6 +132,49 @@ TEST_F(RegistrazioniTest, OneCamerasDay) {
   Risposta senza = chiama(api_registrazioni, {{"cam", "1"}, {"giorno", "2024-05-01"}});
   EXPECT_EQ(senza.corpo["archivio_ok"], false);
   EXPECT_EQ(senza.corpo["registrazioni"].size(), 3u);
+}
+
+// The day's listing must match "overlaps the day" exactly, whatever the segments' lengths: a
+// segment far longer than the others (a recorder that hung, a clock jump) still reaches in.
+TEST_F(RegistrazioniTest, DayListingFindsEveryOverlapWhateverTheLength) {
+  const double g = _intervallo_giorno("2024-05-01")->first;
+  const double fine_g = _intervallo_giorno("2024-05-01")->second;
+  struct Caso {
+    double inizio, fine;
+    bool nel_giorno;
+  };
+  const std::vector<Caso> casi = {
+      {g - 60, g + 60, true},                   // across midnight
+      {g - 3 * 86400, g + 10, true},            // three days long, started well before
+      {g - 2 * 86400, g - 86400, false},        // long, but over before the day
+      {g - 300, g, false},                      // ends exactly at the day's start
+      {fine_g, fine_g + 300, false},            // starts exactly at the day's end
+      {fine_g - 1, fine_g + 299, true},         // across the next midnight
+      {g + 500, g + 400, true},                 // end before start, inside the day
+      {g - 86400 - 300, g - 86400 - 1, false},  // a normal segment of the day before
+  };
+  std::vector<double> attesi;
+  for (std::size_t i = 0; i < casi.size(); ++i) {
+    riga(1, casi[i].inizio, casi[i].fine, "Garage/x/" + std::to_string(i) + ".mp4", 10);
+    if (casi[i].nel_giorno) attesi.push_back(casi[i].inizio);
+  }
+  riga(3, g - 30 * 86400, g + 30 * 86400, "Orto/lunghissimo.mp4", 10);  // another camera's
+  std::sort(attesi.begin(), attesi.end());
+  auto inizi = [&] {
+    std::vector<double> v;
+    Risposta r = chiama(api_registrazioni, {{"cam", "1"}, {"giorno", "2024-05-01"}});
+    for (const Json& x : r.corpo["registrazioni"]) v.push_back(x["inizio"].get<double>());
+    return v;
+  };
+  EXPECT_EQ(inizi(), attesi);
+
+  // Without its longest segment the camera's bound shrinks; the rest is still found.
+  h.sql("DELETE FROM nvr_registrazioni WHERE inizio = " + Json(g - 3 * 86400).dump());
+  attesi.erase(std::find(attesi.begin(), attesi.end(), g - 3 * 86400));
+  EXPECT_EQ(inizi(), attesi);
+  // A camera without rows lists nothing.
+  Risposta vuota = chiama(api_registrazioni, {{"cam", "7"}, {"giorno", "2024-05-01"}});
+  EXPECT_EQ(vuota.corpo["registrazioni"], Json::array());
 }
 
 TEST_F(RegistrazioniTest, BadQueriesAndToday) {
