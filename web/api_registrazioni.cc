@@ -3,7 +3,9 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cmath>
 #include <filesystem>
+#include <limits>
 #include <map>
 #include <set>
 
@@ -27,19 +29,74 @@ std::optional<std::pair<double, double>> _intervallo_giorno(const std::string& g
   return std::make_pair(epoch_di(*t, z), epoch_di(dopo, z));
 }
 
+namespace {
+
+std::string giorno_locale(const Valore& inizio) {
+  return formatta(scomponi(come_reale(inizio), nullptr), "%Y-%m-%d");
+}
+
+// Adds the machine-local day of every start among the rows that `filtro` (on cam_id) selects.
+// An archive holds thousands of segments a day: rather than reading them all, the (cam_id,
+// inizio) index is asked for the first start at or after each next local midnight, one seek
+// per day that has recordings.
+void giorni_di(Connessione& c, const std::string& filtro, const std::vector<Valore>& chiave,
+               std::set<std::string>& giorni) {
+  auto con = [&](Valore v) {
+    std::vector<Valore> p = chiave;
+    p.push_back(std::move(v));
+    return p;
+  };
+  // A start that is not there reads as 0, the epoch's day.
+  if (!c.righe("SELECT 1 FROM nvr_registrazioni WHERE " + filtro + " AND inizio IS NULL LIMIT 1",
+               chiave)
+           .empty())
+    giorni.insert(giorno_locale(Valore()));
+  const std::string primo = "SELECT inizio FROM nvr_registrazioni WHERE " + filtro +
+                            " AND inizio >= ? ORDER BY inizio "
+                            "LIMIT 1";
+  double da = -std::numeric_limits<double>::max();
+  for (;;) {
+    std::vector<Riga> r = c.righe(primo, con(da));
+    if (r.empty()) return;
+    if (std::holds_alternative<std::string>(r[0][0])) {
+      // Texts sort after every number: the rest are texts, read one by one.
+      c.scorri("SELECT inizio FROM nvr_registrazioni WHERE " + filtro +
+                   " AND typeof(inizio) IN ('text', 'blob')",
+               chiave, [&](const Riga& x) { giorni.insert(giorno_locale(x[0])); });
+      return;
+    }
+    const double t = come_reale(r[0][0]);
+    std::tm giorno = scomponi(t, nullptr);
+    giorni.insert(formatta(giorno, "%Y-%m-%d"));
+    std::tm dopo = giorno;
+    dopo.tm_mday += 1;
+    dopo.tm_hour = dopo.tm_min = dopo.tm_sec = 0;
+    const double mezzanotte = epoch_di(dopo, nullptr);
+    // Should the computed midnight ever fall past the next day's start, step row by row.
+    const bool esatta = mezzanotte > t && formatta(scomponi(mezzanotte - 1, nullptr), "%Y-%m-%d") ==
+                                              formatta(giorno, "%Y-%m-%d");
+    da = esatta ? mezzanotte : std::nextafter(t, std::numeric_limits<double>::infinity());
+  }
+}
+
+}  // namespace
+
 Risposta api_giorni(const Richiesta& r) {
   std::int64_t cam = intero(Json(r.parametro("cam"))).value_or(0);
   std::set<std::string> giorni;
   {
     Connessione c = _db();
-    auto aggiungi = [&](const Riga& riga) {
-      giorni.insert(formatta(scomponi(come_reale(riga[0]), nullptr), "%Y-%m-%d"));
-    };
-    if (cam)
-      c.scorri("SELECT inizio FROM nvr_registrazioni WHERE cam_id=? ORDER BY inizio", {cam},
-               aggiungi);
-    else
-      c.scorri("SELECT inizio FROM nvr_registrazioni ORDER BY inizio", {}, aggiungi);
+    if (cam) {
+      giorni_di(c, "cam_id=?", {cam}, giorni);
+    } else {
+      // Every camera id in turn (one index seek each), then the rows without one.
+      std::vector<Riga> id = c.righe("SELECT MIN(cam_id) FROM nvr_registrazioni");
+      while (!nullo(id.at(0).at(0))) {
+        giorni_di(c, "cam_id=?", {id[0][0]}, giorni);
+        id = c.righe("SELECT MIN(cam_id) FROM nvr_registrazioni WHERE cam_id > ?", {id[0][0]});
+      }
+      giorni_di(c, "cam_id IS NULL", {}, giorni);
+    }
   }
   return _json(Json{{"giorni", Json(std::vector<std::string>(giorni.begin(), giorni.end()))}});
 }

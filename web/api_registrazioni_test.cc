@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <set>
 
 #include "core/config.h"
 #include "core/db.h"
@@ -188,6 +189,41 @@ TEST_F(RegistrazioniTest, BadQueriesAndToday) {
   EXPECT_EQ(oggi.status, 200);
   EXPECT_EQ(oggi.corpo["giorno"], formatta(scomponi(_ora(), zona_di("Europe/Rome")), "%Y-%m-%d"));
   EXPECT_EQ(oggi.corpo["in_corso"], Json());
+}
+
+// The days list must name every local date that has a start, whatever the machine's zone does
+// at midnight: starts right before and after midnights, on days of 23 and 25 hours, and in a
+// zone whose clocks skip midnight itself.
+TEST_F(RegistrazioniTest, DaysListEveryLocalDateAroundMidnightsAndClockChanges) {
+  const double marzo = 1711843200;      // 2024-03-31 00:00 UTC, Europe clocks go forward
+  const double ottobre = 1729987200;    // 2024-10-27 00:00 UTC, and back
+  const double settembre = 1725753600;  // 2024-09-08 00:00 UTC, Santiago skips 00:00-01:00
+  std::vector<double> inizi;
+  for (double base : {marzo, ottobre, settembre})
+    for (double ore = -30; ore <= 30; ore += 0.5)
+      for (double scarto : {-0.001, 0.0, 0.001}) inizi.push_back(base + ore * 3600 + scarto);
+  for (std::size_t i = 0; i < inizi.size(); ++i)
+    riga(static_cast<CamId>(1 + i % 3), inizi[i], inizi[i] + 60, std::to_string(i) + ".mp4", 1,
+         false);
+  h.sql("INSERT INTO nvr_registrazioni (cam_id, inizio, fine, file) VALUES (NULL, " +
+        Json(marzo + 40 * 86400).dump() + ", 0, 'senza_camera')");
+  h.sql("INSERT INTO nvr_registrazioni (cam_id, inizio, fine, file) VALUES (2, NULL, 0, 'n')");
+
+  for (const char* zona : {"UTC", "Europe/Rome", "America/Santiago", "Pacific/Apia"}) {
+    ::setenv("TZ", zona, 1);
+    ::tzset();
+    auto giorno = [](double t) { return formatta(scomponi(t, nullptr), "%Y-%m-%d"); };
+    std::set<std::string> tutti = {giorno(0), giorno(marzo + 40 * 86400)}, di_2 = {giorno(0)};
+    for (std::size_t i = 0; i < inizi.size(); ++i) {
+      tutti.insert(giorno(inizi[i]));
+      if (i % 3 == 1) di_2.insert(giorno(inizi[i]));
+    }
+    auto elenco = [](const std::set<std::string>& s) {
+      return Json{{"giorni", std::vector<std::string>(s.begin(), s.end())}};
+    };
+    EXPECT_EQ(chiama(api_giorni, {}).corpo, elenco(tutti)) << zona;
+    EXPECT_EQ(chiama(api_giorni, {{"cam", "2"}}).corpo, elenco(di_2)) << zona;
+  }
 }
 
 TEST_F(RegistrazioniTest, DaysAreMachineLocalDates) {
