@@ -278,6 +278,11 @@ void _init_db() {
   c.esegui(
       "CREATE INDEX IF NOT EXISTS nvr_reg_cam_durata ON nvr_registrazioni (cam_id, fine - inizio)");
   crea_totali(c);
+  // The archive overview reads every row's times and size in camera and time order: from this
+  // index alone, without a lookup into the table per row.
+  c.esegui(
+      "CREATE INDEX IF NOT EXISTS nvr_reg_cam_inizio_fine ON nvr_registrazioni (cam_id, inizio, "
+      "fine, dimensione)");
   c.esegui(
       "CREATE TABLE IF NOT EXISTS nvr_eventi ("
       "id INTEGER PRIMARY KEY AUTOINCREMENT, "

@@ -46,7 +46,7 @@ TEST_F(DbTest, FreshDatabaseGetsSchemaAndSeedRow) {
                                       "nvr_registrazioni", "tapo_cameras"}));
   EXPECT_EQ(nomi("index"),
             (std::vector<std::string>{"nvr_ev_cam_ts", "nvr_reg_cam_durata", "nvr_reg_cam_fine",
-                                      "nvr_reg_cam_inizio"}));
+                                      "nvr_reg_cam_inizio", "nvr_reg_cam_inizio_fine"}));
   EXPECT_EQ(nomi("trigger"), (std::vector<std::string>{"nvr_reg_totali_del", "nvr_reg_totali_ins",
                                                        "nvr_reg_totali_upd"}));
 

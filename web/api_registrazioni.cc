@@ -242,7 +242,13 @@ Risposta api_archivio(const Richiesta&) {
 
   std::int64_t righe = 0;
   double byte_totali = 0;
-  Zona zona = _fuso();  // asked once: the host may be slow to answer, and rows are many
+  // The zone is asked once: the host may be slow to answer, and rows are many. Rows come
+  // camera by camera in time order, so the day and the camera's entry are looked up again only
+  // when they change.
+  GiornoLocale giorno_di(_fuso());
+  Riassunto* attuale = nullptr;
+  Somma* somma_giorno = nullptr;
+  std::string giorno_attuale;
   {
     Connessione c = _db();
     c.scorri(
@@ -251,10 +257,18 @@ Risposta api_archivio(const Richiesta&) {
         {}, [&](const Riga& riga) {
           double inizio = come_reale(riga[1]), fine = come_reale(riga[2]);
           double dimensione = static_cast<double>(come_intero(riga[3]));
-          Riassunto& r = riassunto_di(come_intero(riga[0]));
-          r.totale.aggiungi(dimensione, fine - inizio);
-          r.giorni[formatta(scomponi(inizio, zona), "%Y-%m-%d")].aggiungi(dimensione,
-                                                                          fine - inizio);
+          const CamId id = come_intero(riga[0]);
+          if (!attuale || attuale->id != id) {
+            attuale = &riassunto_di(id);
+            somma_giorno = nullptr;
+          }
+          attuale->totale.aggiungi(dimensione, fine - inizio);
+          const std::string& giorno = giorno_di.di(inizio);
+          if (!somma_giorno || giorno != giorno_attuale) {
+            giorno_attuale = giorno;
+            somma_giorno = &attuale->giorni[giorno];
+          }
+          somma_giorno->aggiungi(dimensione, fine - inizio);
           ++righe;
           byte_totali += dimensione;
         });
