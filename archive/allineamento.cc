@@ -2,10 +2,12 @@
 
 #include <dirent.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <map>
 #include <optional>
+#include <string_view>
 #include <utility>
 
 #include "core/db.h"
@@ -22,34 +24,74 @@ namespace {
 std::string testo_o_vuoto(const Json& v) { return vuoto(v) ? "" : testo_di(v); }
 
 // Folder and name of a path, split at its last "/" the way the shell's dirname and basename
-// do: "a.mp4" lies in "", "/a.mp4" in "/", and "a//b.mp4" in "a".
-std::pair<std::string, std::string> cartella_e_nome(const std::string& p) {
+// do: "a.mp4" lies in "", "/a.mp4" in "/", and "a//b.mp4" in "a". Views into `p`.
+std::pair<std::string_view, std::string_view> cartella_e_nome(std::string_view p) {
   auto i = p.rfind('/');
-  if (i == std::string::npos) return {"", p};
-  std::string cartella = p.substr(0, i + 1);
+  if (i == std::string_view::npos) return {"", p};
+  std::string_view cartella = p.substr(0, i + 1);
   auto fine = cartella.find_last_not_of('/');
-  cartella = fine == std::string::npos ? cartella : cartella.substr(0, fine + 1);
+  cartella = fine == std::string_view::npos ? cartella : cartella.substr(0, fine + 1);
   return {cartella, p.substr(i + 1)};
 }
 
-// The names in `cartella`: none when it does not exist, absent when it cannot be read.
-std::optional<std::set<std::string>> nomi_in(const std::string& cartella) {
+// The names in `cartella`, sorted: none when it does not exist, absent when it cannot be read.
+// A sorted list rather than a set: a day folder holds thousands of short names, looked up once
+// each.
+std::optional<std::vector<std::string>> nomi_in(const std::string& cartella) {
   DIR* d = ::opendir(cartella.c_str());
   if (!d) {
-    if (errno == ENOENT) return std::set<std::string>{};
+    if (errno == ENOENT) return std::vector<std::string>{};
     return std::nullopt;
   }
-  std::set<std::string> nomi;
+  std::vector<std::string> nomi;
   errno = 0;
   while (dirent* e = ::readdir(d)) {
-    nomi.insert(e->d_name);
+    nomi.emplace_back(e->d_name);
     errno = 0;
   }
   bool letta = errno == 0;
   ::closedir(d);
   if (!letta) return std::nullopt;
+  std::sort(nomi.begin(), nomi.end());
   return nomi;
 }
+
+}  // namespace
+
+// The paths of an index come folder by folder, so the previous path's folder is tried before
+// the map of folders.
+std::vector<bool> mancanti_per_posizione(const std::vector<std::string>& percorsi) {
+  std::vector<std::pair<std::string, std::vector<std::size_t>>> gruppi;
+  std::map<std::string, std::size_t, std::less<>> posizione;
+  std::size_t ultimo = 0;
+  for (std::size_t i = 0; i < percorsi.size(); ++i) {
+    const std::string_view cartella = cartella_e_nome(percorsi[i]).first;
+    if (gruppi.empty() || gruppi[ultimo].first != cartella) {
+      auto it = posizione.find(cartella);
+      if (it == posizione.end()) {
+        it = posizione.emplace(std::string(cartella), gruppi.size()).first;
+        gruppi.emplace_back(std::string(cartella), std::vector<std::size_t>{});
+      }
+      ultimo = it->second;
+    }
+    gruppi[ultimo].second.push_back(i);
+  }
+
+  std::vector<bool> manca(percorsi.size(), false);
+  for (const auto& [cartella, indici] : gruppi) {
+    auto elenco = _con_timeout([c = cartella] { return nomi_in(c); }, 5);
+    // A folder that cannot be read, or answers too slowly, says nothing about its files.
+    if (!elenco.ok() || !elenco.valore()) continue;
+    const std::vector<std::string>& nomi = *elenco.valore();
+    for (std::size_t i : indici) {
+      const std::string_view nome = cartella_e_nome(percorsi[i]).second;
+      manca[i] = !std::binary_search(nomi.begin(), nomi.end(), nome, std::less<>());
+    }
+  }
+  return manca;
+}
+
+namespace {
 
 bool presente_ora(const std::string& cartella, const Json& dest) {
   if (cartella.empty()) return false;
@@ -74,25 +116,11 @@ bool presente_ora(const std::string& cartella, const Json& dest) {
 }  // namespace
 
 std::set<std::string> _mancanti(const std::vector<std::string>& percorsi) {
-  std::vector<std::pair<std::string, std::vector<std::string>>> gruppi;
-  std::map<std::string, std::size_t> posizione;
-  for (const std::string& p : percorsi) {
-    auto [cartella, nome] = cartella_e_nome(p);
-    auto [it, nuova] = posizione.try_emplace(cartella, gruppi.size());
-    if (nuova) gruppi.emplace_back(cartella, std::vector<std::string>{});
-    gruppi[it->second].second.push_back(p);
-  }
-
-  std::set<std::string> manca;
-  for (const auto& [cartella, file] : gruppi) {
-    auto elenco = _con_timeout([cartella] { return nomi_in(cartella); }, 5);
-    // A folder that cannot be read, or answers too slowly, says nothing about its files.
-    if (!elenco.ok() || !elenco.valore()) continue;
-    const std::set<std::string>& nomi = *elenco.valore();
-    for (const std::string& p : file)
-      if (!nomi.count(cartella_e_nome(p).second)) manca.insert(p);
-  }
-  return manca;
+  std::vector<bool> manca = mancanti_per_posizione(percorsi);
+  std::set<std::string> fuori;
+  for (std::size_t i = 0; i < percorsi.size(); ++i)
+    if (manca[i]) fuori.insert(percorsi[i]);
+  return fuori;
 }
 
 bool _archivio_presente(const Config& cfg, double fresco) {
@@ -108,19 +136,19 @@ bool _archivio_presente(const Config& cfg, double fresco) {
 
 std::vector<std::int64_t> _righe_senza_file(const Config& cfg) {
   if (!_archivio_presente(cfg)) return {};
-  std::vector<std::pair<std::int64_t, std::string>> righe;
+  std::vector<std::int64_t> id;
+  std::vector<std::string> file;
   {
     Connessione c = _db();
-    c.scorri("SELECT id, file FROM nvr_registrazioni", {},
-             [&](const Riga& r) { righe.emplace_back(come_intero(r[0]), come_testo(r[1])); });
+    c.scorri("SELECT id, file FROM nvr_registrazioni", {}, [&](const Riga& r) {
+      id.push_back(come_intero(r[0]));
+      file.push_back(come_testo(r[1]));
+    });
   }
-  std::vector<std::string> file;
-  file.reserve(righe.size());
-  for (const auto& r : righe) file.push_back(r.second);
-  std::set<std::string> manca = _mancanti(file);
+  std::vector<bool> manca = mancanti_per_posizione(file);
   std::vector<std::int64_t> ids;
-  for (const auto& [id, f] : righe)
-    if (manca.count(f)) ids.push_back(id);
+  for (std::size_t i = 0; i < id.size(); ++i)
+    if (manca[i]) ids.push_back(id[i]);
   return ids;
 }
 

@@ -13,6 +13,9 @@ namespace nvr {
 // Of `percorsi`, those whose file is missing, with one listing per folder (5 s each): a missing
 // folder makes all its files missing; a folder that cannot be read or times out makes none.
 std::set<std::string> _mancanti(const std::vector<std::string>& percorsi);
+// The same answer by position: element i tells whether percorsi[i] is missing. For callers that
+// hold one row per path, so that millions of rows need no lookup of their path in a set.
+std::vector<bool> mancanti_per_posizione(const std::vector<std::string>& percorsi);
 
 // Whether the archive is present and reachable now: a non-empty folder that exists (3 s), on a
 // live mount for USB and network destinations. Cached `fresco` seconds per configuration

@@ -84,7 +84,7 @@ void _pulizia_prima_di(const Config& cfg, double limite) {
   std::vector<std::string> file;
   file.reserve(segmenti.size());
   for (const Segmento& s : segmenti) file.push_back(s.file);
-  std::set<std::string> manca = _mancanti(file);
+  const std::vector<bool> manca = mancanti_per_posizione(file);
 
   std::vector<std::int64_t> da_togliere;
   std::set<std::int64_t> tolti;
@@ -93,8 +93,9 @@ void _pulizia_prima_di(const Config& cfg, double limite) {
     tolti.insert(id);
   };
 
-  for (const Segmento& s : segmenti) {
-    if (manca.count(s.file)) {
+  for (std::size_t i = 0; i < segmenti.size(); ++i) {
+    const Segmento& s = segmenti[i];
+    if (manca[i]) {
       segna(s.id);
       continue;
     }

@@ -10,6 +10,7 @@
 #include <regex>
 
 #include "autonomo/programma_di_prova.h"
+#include "core/db.h"
 #include "testing/ambiente.h"
 #include "testing/processi.h"
 #include "testing/tmpfs_di_prova.h"
@@ -110,6 +111,47 @@ TEST_F(ServerE2eTest, EveryApiRouteWantsLoginAndTheRightPasswordOpensThem) {
   // Leaving forgets the session.
   EXPECT_EQ(programma->post("/api/uscita", Json::object()).status, 200);
   EXPECT_EQ(programma->get("/api/info").status, 401);
+}
+
+// A recording larger than the pieces the server sends a file in: every range, across piece
+// boundaries or not, must come back byte for byte.
+TEST_F(ServerE2eTest, LargeRecordingComesBackWholeAndInRanges) {
+  ASSERT_TRUE(programma->accedi());
+  const std::string file = *cartella / "dati/archivio/Grande/2024-05-01/10-00-00.mp4";
+  std::string dati(3 * 1048576 + 12345, '\0');
+  for (std::size_t i = 0; i < dati.size(); ++i) dati[i] = static_cast<char>((i * 7919) >> 5);
+  testing::scrivi_file(file, dati);
+  std::int64_t id = 0;
+  {
+    Connessione c(*cartella / "dati/nvr.db");
+    c.esegui(
+        "INSERT INTO nvr_registrazioni (cam_id, inizio, fine, file, dimensione) VALUES "
+        "(99, 1714550400, 1714550700, ?, ?)",
+        {file, static_cast<std::int64_t>(dati.size())});
+    c.commit();
+    id = come_intero(c.righe("SELECT MAX(id) FROM nvr_registrazioni")[0][0]);
+  }
+  const std::string video = "/api/nvr/video/" + std::to_string(id);
+  auto intera = programma->get(video);
+  EXPECT_EQ(intera.status, 200);
+  EXPECT_TRUE(intera.corpo == dati);
+
+  struct Caso {
+    std::size_t da, a;  // inclusive
+  };
+  const std::size_t n = dati.size();
+  for (Caso c : {Caso{0, 1048575}, Caso{1048575, 1048576}, Caso{1000000, 3000000},
+                 Caso{2097152, n - 1}, Caso{n - 1, n - 1}}) {
+    auto r = programma->get(
+        video, {{"Range", "bytes=" + std::to_string(c.da) + "-" + std::to_string(c.a)}});
+    EXPECT_EQ(r.status, 206) << c.da;
+    EXPECT_EQ(r.intestazione("Content-Range"), "bytes " + std::to_string(c.da) + "-" +
+                                                   std::to_string(c.a) + "/" + std::to_string(n));
+    EXPECT_TRUE(r.corpo == dati.substr(c.da, c.a - c.da + 1)) << c.da << "-" << c.a;
+  }
+  Connessione c(*cartella / "dati/nvr.db");
+  c.esegui("DELETE FROM nvr_registrazioni WHERE id=?", {id});
+  c.commit();
 }
 
 TEST_F(ServerE2eTest, PagesAreServedWithoutLogin) {

@@ -199,6 +199,51 @@ Connessione _db() {
   return Connessione(host->DB_FILE);
 }
 
+namespace {
+
+// The status page needs each camera's count and total size; over millions of rows an aggregate
+// would read them all at every poll. The totals live in their own table, kept in step by
+// triggers, so that every writer (the index, reconciliation, retention, deletion, and the host
+// itself) keeps them exact without knowing of them. Only integer camera ids are counted: they
+// are the only ones the status query can match. The newest end comes from an index instead, as
+// a deletion cannot lower a maximum kept in step.
+void crea_totali(Connessione& c) {
+  const bool nuova =
+      c.righe("SELECT 1 FROM sqlite_master WHERE type='table' AND name='nvr_reg_totali'").empty();
+  c.esegui(
+      "CREATE TABLE IF NOT EXISTS nvr_reg_totali (cam_id INTEGER PRIMARY KEY, n INTEGER NOT NULL, "
+      "byte INTEGER NOT NULL)");
+  c.esegui(
+      "CREATE TRIGGER IF NOT EXISTS nvr_reg_totali_ins AFTER INSERT ON nvr_registrazioni "
+      "WHEN typeof(NEW.cam_id) = 'integer' BEGIN "
+      "INSERT OR IGNORE INTO nvr_reg_totali (cam_id, n, byte) VALUES (NEW.cam_id, 0, 0); "
+      "UPDATE nvr_reg_totali SET n = n + 1, byte = byte + COALESCE(NEW.dimensione, 0) "
+      "WHERE cam_id = NEW.cam_id; END");
+  c.esegui(
+      "CREATE TRIGGER IF NOT EXISTS nvr_reg_totali_del AFTER DELETE ON nvr_registrazioni "
+      "WHEN typeof(OLD.cam_id) = 'integer' BEGIN "
+      "UPDATE nvr_reg_totali SET n = n - 1, byte = byte - COALESCE(OLD.dimensione, 0) "
+      "WHERE cam_id = OLD.cam_id; END");
+  c.esegui(
+      "CREATE TRIGGER IF NOT EXISTS nvr_reg_totali_upd AFTER UPDATE OF cam_id, dimensione ON "
+      "nvr_registrazioni BEGIN "
+      "UPDATE nvr_reg_totali SET n = n - 1, byte = byte - COALESCE(OLD.dimensione, 0) "
+      "WHERE cam_id = OLD.cam_id AND typeof(OLD.cam_id) = 'integer'; "
+      "INSERT OR IGNORE INTO nvr_reg_totali (cam_id, n, byte) SELECT NEW.cam_id, 0, 0 "
+      "WHERE typeof(NEW.cam_id) = 'integer'; "
+      "UPDATE nvr_reg_totali SET n = n + 1, byte = byte + COALESCE(NEW.dimensione, 0) "
+      "WHERE cam_id = NEW.cam_id AND typeof(NEW.cam_id) = 'integer'; END");
+  // Rows indexed before the totals existed are counted once, in the same transaction.
+  if (nuova)
+    c.esegui(
+        "INSERT INTO nvr_reg_totali (cam_id, n, byte) SELECT cam_id, COUNT(*), "
+        "COALESCE(SUM(dimensione), 0) FROM nvr_registrazioni WHERE typeof(cam_id) = 'integer' "
+        "GROUP BY cam_id");
+  c.esegui("CREATE INDEX IF NOT EXISTS nvr_reg_cam_fine ON nvr_registrazioni (cam_id, fine)");
+}
+
+}  // namespace
+
 void _init_db() {
   Connessione c = _db();
   c.esegui(
@@ -228,6 +273,16 @@ void _init_db() {
       "dimensione INTEGER DEFAULT 0, "
       "motivo TEXT DEFAULT '')");
   c.esegui("CREATE INDEX IF NOT EXISTS nvr_reg_cam_inizio ON nvr_registrazioni (cam_id, inizio)");
+  // A camera's longest segment bounds how far before a day a segment overlapping it can start;
+  // this index answers that length without reading the camera's rows.
+  c.esegui(
+      "CREATE INDEX IF NOT EXISTS nvr_reg_cam_durata ON nvr_registrazioni (cam_id, fine - inizio)");
+  crea_totali(c);
+  // The archive overview reads every row's times and size in camera and time order: from this
+  // index alone, without a lookup into the table per row.
+  c.esegui(
+      "CREATE INDEX IF NOT EXISTS nvr_reg_cam_inizio_fine ON nvr_registrazioni (cam_id, inizio, "
+      "fine, dimensione)");
   c.esegui(
       "CREATE TABLE IF NOT EXISTS nvr_eventi ("
       "id INTEGER PRIMARY KEY AUTOINCREMENT, "

@@ -132,4 +132,28 @@ std::optional<std::tm> leggi_giorno(const std::string& testo) {
   return t;
 }
 
+const std::string& GiornoLocale::di(double ts) {
+  if (!z_) {
+    testo_ = formatta(scomponi(ts, nullptr), "%Y-%m-%d");
+    return testo_;
+  }
+  const auto secondi = static_cast<long long>(std::floor(ts));
+  if (secondi < periodo_da_ || secondi >= periodo_a_) {
+    const date::sys_info info = z_->get_info(sys_seconds{seconds{secondi}});
+    periodo_da_ = info.begin.time_since_epoch().count();
+    periodo_a_ = info.end.time_since_epoch().count();
+    scarto_ = info.offset.count();
+    valido_ = false;
+  }
+  // Local seconds = UTC seconds + offset all through the period, so the day number follows.
+  const long long locale = secondi + scarto_;
+  const long long numero = locale / 86400 - (locale % 86400 < 0 ? 1 : 0);
+  if (!valido_ || numero != numero_) {
+    testo_ = formatta(scomponi(ts, z_), "%Y-%m-%d");
+    numero_ = numero;
+    valido_ = true;
+  }
+  return testo_;
+}
+
 }  // namespace nvr

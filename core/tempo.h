@@ -44,6 +44,25 @@ double epoch_di(const std::tm& locale, Zona z);
 // strftime of `t`; "" on an empty result.
 std::string formatta(const std::tm& t, const char* formato);
 
+// The local date "%Y-%m-%d" of many times in `z` (machine local time for nullptr), always equal
+// to formatta(scomponi(ts, z), "%Y-%m-%d"), for loops over many rows: in a zone, the date is
+// worked out once per day and offset period, and only arithmetic is done in between. Not for
+// sharing between threads.
+class GiornoLocale {
+ public:
+  explicit GiornoLocale(Zona z) : z_(z) {}
+  // The reference stays valid until the next call.
+  const std::string& di(double ts);
+
+ private:
+  Zona z_;
+  long long periodo_da_ = 1, periodo_a_ = 0;  // [da, a) seconds with offset `scarto_`; empty
+  long long scarto_ = 0;
+  long long numero_ = 0;  // local day number of `testo_`
+  bool valido_ = false;
+  std::string testo_;
+};
+
 // Weekday with Monday = 0 ... Sunday = 6.
 int giorno_settimana(const std::tm& t);
 

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages needed to build, test and run the recorder.
-# Usage: scripts/deps.sh [run|test]   (default: test, which is a superset of run)
+# Usage: scripts/deps.sh [run|test|bench]   (default: test, a superset of run; bench adds the
+# baselines the benchmarks measure against to test)
 set -euo pipefail
 what=${1:-test}
 
@@ -19,11 +20,17 @@ test_pkgs=(
   chromium
 )
 
+# The playback benchmark serves the same file with nginx as its baseline.
+bench_pkgs=(nginx)
+
 pkgs=("${run_pkgs[@]}")
-[ "$what" = test ] && pkgs+=("${test_pkgs[@]}")
+case "$what" in
+  test) pkgs+=("${test_pkgs[@]}") ;;
+  bench) pkgs+=("${test_pkgs[@]}" "${bench_pkgs[@]}") ;;
+esac
 # The browser tests run on Node. A machine that already has node and npm from elsewhere keeps
 # them: Debian's npm conflicts with a nodejs that ships its own npm.
-if [ "$what" = test ]; then
+if [ "$what" = test ] || [ "$what" = bench ]; then
   command -v node >/dev/null || pkgs+=(nodejs)
   command -v npm >/dev/null || pkgs+=(npm)
 fi

@@ -3,7 +3,9 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cmath>
 #include <filesystem>
+#include <limits>
 #include <map>
 #include <set>
 
@@ -27,19 +29,74 @@ std::optional<std::pair<double, double>> _intervallo_giorno(const std::string& g
   return std::make_pair(epoch_di(*t, z), epoch_di(dopo, z));
 }
 
+namespace {
+
+std::string giorno_locale(const Valore& inizio) {
+  return formatta(scomponi(come_reale(inizio), nullptr), "%Y-%m-%d");
+}
+
+// Adds the machine-local day of every start among the rows that `filtro` (on cam_id) selects.
+// An archive holds thousands of segments a day: rather than reading them all, the (cam_id,
+// inizio) index is asked for the first start at or after each next local midnight, one seek
+// per day that has recordings.
+void giorni_di(Connessione& c, const std::string& filtro, const std::vector<Valore>& chiave,
+               std::set<std::string>& giorni) {
+  auto con = [&](Valore v) {
+    std::vector<Valore> p = chiave;
+    p.push_back(std::move(v));
+    return p;
+  };
+  // A start that is not there reads as 0, the epoch's day.
+  if (!c.righe("SELECT 1 FROM nvr_registrazioni WHERE " + filtro + " AND inizio IS NULL LIMIT 1",
+               chiave)
+           .empty())
+    giorni.insert(giorno_locale(Valore()));
+  const std::string primo = "SELECT inizio FROM nvr_registrazioni WHERE " + filtro +
+                            " AND inizio >= ? ORDER BY inizio "
+                            "LIMIT 1";
+  double da = -std::numeric_limits<double>::max();
+  for (;;) {
+    std::vector<Riga> r = c.righe(primo, con(da));
+    if (r.empty()) return;
+    if (std::holds_alternative<std::string>(r[0][0])) {
+      // Texts sort after every number: the rest are texts, read one by one.
+      c.scorri("SELECT inizio FROM nvr_registrazioni WHERE " + filtro +
+                   " AND typeof(inizio) IN ('text', 'blob')",
+               chiave, [&](const Riga& x) { giorni.insert(giorno_locale(x[0])); });
+      return;
+    }
+    const double t = come_reale(r[0][0]);
+    std::tm giorno = scomponi(t, nullptr);
+    giorni.insert(formatta(giorno, "%Y-%m-%d"));
+    std::tm dopo = giorno;
+    dopo.tm_mday += 1;
+    dopo.tm_hour = dopo.tm_min = dopo.tm_sec = 0;
+    const double mezzanotte = epoch_di(dopo, nullptr);
+    // Should the computed midnight ever fall past the next day's start, step row by row.
+    const bool esatta = mezzanotte > t && formatta(scomponi(mezzanotte - 1, nullptr), "%Y-%m-%d") ==
+                                              formatta(giorno, "%Y-%m-%d");
+    da = esatta ? mezzanotte : std::nextafter(t, std::numeric_limits<double>::infinity());
+  }
+}
+
+}  // namespace
+
 Risposta api_giorni(const Richiesta& r) {
   std::int64_t cam = intero(Json(r.parametro("cam"))).value_or(0);
   std::set<std::string> giorni;
   {
     Connessione c = _db();
-    auto aggiungi = [&](const Riga& riga) {
-      giorni.insert(formatta(scomponi(come_reale(riga[0]), nullptr), "%Y-%m-%d"));
-    };
-    if (cam)
-      c.scorri("SELECT inizio FROM nvr_registrazioni WHERE cam_id=? ORDER BY inizio", {cam},
-               aggiungi);
-    else
-      c.scorri("SELECT inizio FROM nvr_registrazioni ORDER BY inizio", {}, aggiungi);
+    if (cam) {
+      giorni_di(c, "cam_id=?", {cam}, giorni);
+    } else {
+      // Every camera id in turn (one index seek each), then the rows without one.
+      std::vector<Riga> id = c.righe("SELECT MIN(cam_id) FROM nvr_registrazioni");
+      while (!nullo(id.at(0).at(0))) {
+        giorni_di(c, "cam_id=?", {id[0][0]}, giorni);
+        id = c.righe("SELECT MIN(cam_id) FROM nvr_registrazioni WHERE cam_id > ?", {id[0][0]});
+      }
+      giorni_di(c, "cam_id IS NULL", {}, giorni);
+    }
   }
   return _json(Json{{"giorni", Json(std::vector<std::string>(giorni.begin(), giorni.end()))}});
 }
@@ -58,10 +115,19 @@ Risposta api_registrazioni(const Richiesta& r) {
   std::vector<Riga> righe, eventi;
   {
     Connessione c = _db();
-    righe = c.righe(
-        "SELECT id, inizio, fine, dimensione, motivo, file FROM nvr_registrazioni WHERE cam_id=? "
-        "AND fine > ? AND inizio < ? ORDER BY inizio",
-        {*cam, inizio_giorno, fine_giorno});
+    // "fine > day start" alone gives the index no lower end, so every earlier segment of the
+    // camera would be read. No segment lasts longer than the camera's longest one, so none
+    // starting before the day minus that length can reach into the day (one second spare for
+    // rounding of the stored times). No length at all: no row has both times, none can overlap.
+    const Valore lunga =
+        c.righe("SELECT MAX(fine - inizio) FROM nvr_registrazioni WHERE cam_id=?", {*cam})
+            .at(0)
+            .at(0);
+    if (!nullo(lunga))
+      righe = c.righe(
+          "SELECT id, inizio, fine, dimensione, motivo, file FROM nvr_registrazioni WHERE "
+          "cam_id=? AND inizio >= ? AND inizio < ? AND fine > ? ORDER BY inizio",
+          {*cam, inizio_giorno - std::max(0.0, come_reale(lunga)) - 1, fine_giorno, inizio_giorno});
     eventi = c.righe(
         "SELECT ts, entity_id, stato FROM nvr_eventi WHERE cam_id=? AND ts >= ? AND ts < ? "
         "ORDER BY ts",
@@ -176,7 +242,13 @@ Risposta api_archivio(const Richiesta&) {
 
   std::int64_t righe = 0;
   double byte_totali = 0;
-  Zona zona = _fuso();  // asked once: the host may be slow to answer, and rows are many
+  // The zone is asked once: the host may be slow to answer, and rows are many. Rows come
+  // camera by camera in time order, so the day and the camera's entry are looked up again only
+  // when they change.
+  GiornoLocale giorno_di(_fuso());
+  Riassunto* attuale = nullptr;
+  Somma* somma_giorno = nullptr;
+  std::string giorno_attuale;
   {
     Connessione c = _db();
     c.scorri(
@@ -185,10 +257,18 @@ Risposta api_archivio(const Richiesta&) {
         {}, [&](const Riga& riga) {
           double inizio = come_reale(riga[1]), fine = come_reale(riga[2]);
           double dimensione = static_cast<double>(come_intero(riga[3]));
-          Riassunto& r = riassunto_di(come_intero(riga[0]));
-          r.totale.aggiungi(dimensione, fine - inizio);
-          r.giorni[formatta(scomponi(inizio, zona), "%Y-%m-%d")].aggiungi(dimensione,
-                                                                          fine - inizio);
+          const CamId id = come_intero(riga[0]);
+          if (!attuale || attuale->id != id) {
+            attuale = &riassunto_di(id);
+            somma_giorno = nullptr;
+          }
+          attuale->totale.aggiungi(dimensione, fine - inizio);
+          const std::string& giorno = giorno_di.di(inizio);
+          if (!somma_giorno || giorno != giorno_attuale) {
+            giorno_attuale = giorno;
+            somma_giorno = &attuale->giorni[giorno];
+          }
+          somma_giorno->aggiungi(dimensione, fine - inizio);
           ++righe;
           byte_totali += dimensione;
         });

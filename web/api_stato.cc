@@ -61,11 +61,14 @@ Json stato_generale() {
     Connessione c = _db();
     double ora = _ora();
     for (const Camera& cam : cams) {
-      auto righe = c.righe(
-          "SELECT COUNT(*), COALESCE(SUM(dimensione),0), MAX(fine) FROM nvr_registrazioni WHERE "
-          "cam_id=?",
-          {std::int64_t{cam.id}});
-      const Riga& r = righe.at(0);
+      // Count and size from the totals kept in step with the index (core/db.cc), the newest
+      // end from the (cam_id, fine) index: neither reads the camera's rows.
+      auto totali =
+          c.righe("SELECT n, byte FROM nvr_reg_totali WHERE cam_id=?", {std::int64_t{cam.id}});
+      auto ultimo =
+          c.righe("SELECT MAX(fine) FROM nvr_registrazioni WHERE cam_id=?", {std::int64_t{cam.id}});
+      const Riga r = {totali.empty() ? Valore(std::int64_t{0}) : totali[0][0],
+                      totali.empty() ? Valore(std::int64_t{0}) : totali[0][1], ultimo.at(0).at(0)};
       auto p = processi.find(cam.id);
       auto e = errori.find(cam.id);
       bool registrando = p != processi.end();
