@@ -136,7 +136,9 @@ std::string testo_richiesta(const std::string& metodo, const std::string& bersag
   std::string t =
       metodo + " " + bersaglio + " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n";
   t += altre;
-  if (!corpo.empty()) t += "Content-Length: " + std::to_string(corpo.size()) + "\r\n";
+  // The server refuses a request with a body method and no length, as a browser never sends.
+  if (!corpo.empty() || (metodo != "GET" && metodo != "HEAD"))
+    t += "Content-Length: " + std::to_string(corpo.size()) + "\r\n";
   t += "\r\n";
   t += corpo;
   return t;

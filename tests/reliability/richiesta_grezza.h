@@ -23,7 +23,7 @@ struct RispostaGrezza {
 RispostaGrezza invia_grezza(int porta, const std::string& richiesta, double secondi);
 
 // A request text: the request line, Host, Connection: close, `altre` header lines (each ending
-// in "\r\n"), Content-Length when `corpo` is not empty, and the body.
+// in "\r\n"), Content-Length unless a GET or HEAD has no body, and the body.
 std::string testo_richiesta(const std::string& metodo, const std::string& bersaglio,
                             const std::string& altre = "", const std::string& corpo = "");
 
