@@ -54,6 +54,9 @@ bool _dentro(const std::string& p, const std::string& radice) {
 }
 
 bool _dentro_radici_permesse(const std::string& p) {
+  // The system calls read a path up to its first NUL byte: such a text would be judged, listed
+  // and answered as a folder other than the one it names.
+  if (p.find('\0') != std::string::npos) return false;
   std::string vero = reale(p);
   if (vero.empty()) return false;
   for (const std::string& r : {radice_montaggi(), std::string("/media"), std::string("/mnt"),

@@ -54,6 +54,7 @@ TEST_F(ArchivioTest, AllowedRootsAreJudgedOnRealPathsAndWholeNames) {
       {"/home/mario/video", true},
       {"/mediafoo", false},
       {"/media/../etc", false},
+      {std::string("/media\0/../etc", 14), false},  // the system would read "/media"
       {"/etc", false},
       {"/", false},
       {"", false},

@@ -1,7 +1,10 @@
 #include "testing/processi.h"
 
+#include <fcntl.h>
 #include <stdlib.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <fstream>
 #include <iterator>
@@ -11,10 +14,22 @@ namespace nvr::testing {
 
 namespace {
 
+// With plain read(2): a process that ends while its file is read makes the read fail with
+// ESRCH, which a file stream turns into an exception (and a watching thread into a crash).
 std::optional<std::string> leggi_proc(pid_t pid, const char* voce) {
-  std::ifstream f("/proc/" + std::to_string(pid) + "/" + voce, std::ios::binary);
-  if (!f) return std::nullopt;
-  return std::string(std::istreambuf_iterator<char>(f), {});
+  const std::string nome = "/proc/" + std::to_string(pid) + "/" + voce;
+  const int fd = ::open(nome.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  std::string testo;
+  char blocco[4096];
+  for (;;) {
+    const ssize_t n = ::read(fd, blocco, sizeof(blocco));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    testo.append(blocco, static_cast<std::size_t>(n));
+  }
+  ::close(fd);
+  return testo;
 }
 
 }  // namespace
