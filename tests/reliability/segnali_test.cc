@@ -1,6 +1,7 @@
 // SIGTERM in the middle of the long operations: a bulk deletion of thousands of segments, the
-// indexing of a backlog of finished files. Each time the program must end with status 0 within
-// the stop time-out, and the next start must find the archive consistent.
+// indexing of a backlog of finished files, a network share mount that does not answer. Each time
+// the program must end with status 0 within the stop time-out, and the next start must find the
+// archive consistent.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -12,8 +13,12 @@
 #include <thread>
 
 #include "core/db.h"
+#include "core/nomi.h"
 #include "core/processo.h"
+#include "core/stato.h"
+#include "storage/montaggi.h"
 #include "testing/processi.h"
+#include "testing/stand_in.h"
 #include "tests/reliability/impianto.h"
 
 namespace nvr::affidabilita {
@@ -213,6 +218,73 @@ TEST(SegnaliTest, SigtermDuringIndexing) {
       "[affidabilita] SIGTERM in indicizzazione: %d file in attesa, %d indicizzati prima del "
       "segnale, uscita %d in %.1f s, dopo il riavvio %d file e %d righe coerenti\n",
       n, indicizzati, *codice, durata, esito.file, esito.righe);
+}
+
+TEST(SegnaliTest, SigtermDuringNetworkMount) {
+  testing::CartellaTemporanea temporanei;
+  testing::VariabileDiProva tmpdir("TMPDIR", temporanei.percorso());
+  testing::Controfigure controfigure;
+  // A server that does not answer: mount hangs until the test lets it go.
+  const std::string d = controfigure.cartella();
+  controfigure.programma("mount", "#!/bin/sh\ntouch '" + d + "/iniziato'\nn=0\nwhile [ ! -f '" + d +
+                                      "/basta' ] && [ $n -lt 600 ]; do sleep 0.2; "
+                                      "n=$((n+1)); done\necho 'mount error(110): timed out' >&2\n"
+                                      "exit 32\n");
+  controfigure.programma("mount.cifs", "#!/bin/sh\nexit 1\n");
+  struct Libera {
+    std::string d;
+    ~Libera() { std::fclose(std::fopen((d + "/basta").c_str(), "w")); }
+  } libera{d};
+
+  Impianto imp;
+  std::string perche;
+  ASSERT_TRUE(imp.avvia({}, &perche)) << perche;
+  const auto stato_prima = imp.programma().get("/api/nvr/stato").json;
+
+  auto montaggio = std::async(std::launch::async, [&] {
+    return imp.programma()
+        .post("/api/nvr/storage/monta", {{"tipo", "rete"},
+                                         {"proto", "smb"},
+                                         {"server", "nas-prova"},
+                                         {"share", "video"},
+                                         {"utente", "UFFICIO\\mario"},
+                                         {"password", "segreta"}})
+        .status;
+  });
+  ASSERT_TRUE(attendi([&] { return fs::exists(d + "/iniziato"); }, 30)) << imp.tutto_il_log();
+  int credenziali_durante = 0;
+  for (const auto& e : fs::directory_iterator(temporanei.percorso()))
+    if (e.path().extension() == ".cred") ++credenziali_durante;
+  EXPECT_EQ(credenziali_durante, 1);
+
+  auto [codice, durata] = termina(imp);
+  ASSERT_EQ(codice, 0) << imp.tutto_il_log();
+  EXPECT_LT(durata, kTempoDiArresto);
+  montaggio.wait();
+  // The password must not stay on disk because the program was stopped mid-mount.
+  std::vector<std::string> rimaste;
+  for (const auto& e : fs::directory_iterator(temporanei.percorso()))
+    if (e.path().extension() == ".cred") rimaste.push_back(e.path());
+  EXPECT_TRUE(rimaste.empty()) << rimaste.size() << " file di credenziali rimasti, il primo "
+                               << rimaste.front();
+  const std::string punto =
+      std::string(RADICE_MONTAGGI) + "/rete_" + _nome_sicuro("nas-prova_video");
+  EXPECT_FALSE(_ismount(punto));
+
+  ASSERT_TRUE(imp.avvia({}, &perche)) << perche;
+  const auto stato_dopo = imp.programma().get("/api/nvr/stato").json;
+  EXPECT_EQ(stato_dopo.value("cartella", ""), stato_prima.value("cartella", ""));
+  EXPECT_EQ(stato_dopo["destinazione"], stato_prima["destinazione"]);
+  EXPECT_EQ(stato_dopo.value("problema", "x"), "");
+  ASSERT_EQ(imp.ferma(), 0);
+  auto esito = imp.integrita();
+  EXPECT_TRUE(esito.coerente()) << esito.descrizione();
+  std::error_code ec;
+  fs::remove(punto, ec);
+  std::printf(
+      "[affidabilita] SIGTERM in montaggio: mount appeso, uscita %d in %.1f s, %zu file di "
+      "credenziali rimasti, punto di montaggio %s\n",
+      *codice, durata, rimaste.size(), _ismount(punto) ? "montato" : "libero");
 }
 
 }  // namespace
