@@ -1,20 +1,37 @@
 #include "testing/processi.h"
 
+#include <fcntl.h>
 #include <stdlib.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
-#include <fstream>
-#include <iterator>
 #include <thread>
 
 namespace nvr::testing {
 
 namespace {
 
+// Plain read(2): a process that ends between open and read makes the read fail with ESRCH,
+// which a std::ifstream turns into an exception out of its buffer.
 std::optional<std::string> leggi_proc(pid_t pid, const char* voce) {
-  std::ifstream f("/proc/" + std::to_string(pid) + "/" + voce, std::ios::binary);
-  if (!f) return std::nullopt;
-  return std::string(std::istreambuf_iterator<char>(f), {});
+  const std::string percorso = "/proc/" + std::to_string(pid) + "/" + voce;
+  const int fd = ::open(percorso.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) return std::nullopt;
+  std::string testo;
+  char b[4096];
+  for (;;) {
+    const ssize_t n = ::read(fd, b, sizeof(b));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      ::close(fd);
+      return std::nullopt;
+    }
+    if (n == 0) break;
+    testo.append(b, static_cast<std::size_t>(n));
+  }
+  ::close(fd);
+  return testo;
 }
 
 }  // namespace
