@@ -105,6 +105,13 @@ TEST_P(TelecameraTest, RecorderGivesUpBacksOffAndResumes) {
   ASSERT_TRUE(attendi([&] { return !registratori_in(imp.archivio()).empty(); }, 30));
   const auto prima = registratori_in(imp.archivio());
 
+  // Two starts so far (the first, then the one with 3 s segments); more mean something else
+  // interrupted the recorder before the fault.
+  const std::string log_prima = imp.programma().uscita() + imp.programma().errori();
+  int avvii_prima = 0;
+  for (auto i = log_prima.find("registrazione avviata"); i != std::string::npos;
+       i = log_prima.find("registrazione avviata", i + 1))
+    ++avvii_prima;
   const double guasto = adesso();
   if (st.uccisa)
     camera->ferma();
@@ -121,9 +128,9 @@ TEST_P(TelecameraTest, RecorderGivesUpBacksOffAndResumes) {
       << imp.tutto_il_log();
   const double uscita = adesso() - guasto;
   // A frozen camera costs two time-outs: ffmpeg gives up on the read after one, then waits one
-  // more on the way out (about 10 s measured with the same command line run by hand). 3 s of
+  // more on the way out (about 10 s measured with the same command line run by hand). 5 s of
   // slack for a loaded machine.
-  EXPECT_LE(uscita, 2 * kTimeoutSocket + 3) << "il registratore resta appeso";
+  EXPECT_LE(uscita, 2 * kTimeoutSocket + 5) << "il registratore resta appeso";
 
   // The failure is shown while the camera is away.
   std::string errore;
@@ -176,8 +183,9 @@ TEST_P(TelecameraTest, RecorderGivesUpBacksOffAndResumes) {
   // went away holds no frame and is dropped as a fragment: nothing recorded is lost with it.
   // Another program starting on the machine interrupts every recorder (its sweep of leftovers):
   // a recorder that ended before the fault says so, and then there is no cut segment to find.
-  const bool disturbato = std::any_of(vite.begin(), vite.end(),
-                                      [&](const Osservatore::Vita& v) { return v.a < guasto - 1; });
+  const bool disturbato =
+      avvii_prima > 2 || std::any_of(vite.begin(), vite.end(),
+                                     [&](const Osservatore::Vita& v) { return v.a < guasto - 1; });
   if (!disturbato) {
     ASSERT_TRUE(attendi(
         [&] {
@@ -197,16 +205,19 @@ TEST_P(TelecameraTest, RecorderGivesUpBacksOffAndResumes) {
   // The one hole is the stall itself: the time without the camera, the time-outs before the
   // recorder gives up, the longest back-off it can be waiting out when the camera returns,
   // and 15 s to open the stream again on a loaded machine.
-  const double limite = st.fermo + 2 * kTimeoutSocket + attesa_massima(st.fermo) + 15;
+  // The camera stays away longer than planned when the recorder is slow to give up: the
+  // bound takes the real time away.
+  const double via = ritorno - guasto;
+  const double limite = via + 2 * kTimeoutSocket + attesa_massima(via) + 15;
   EXPECT_TRUE(esito.buchi_oltre(limite).empty()) << esito.descrizione();
   EXPECT_LE(esito.buchi_oltre(5).size(), 2u) << esito.descrizione();
   double buco = 0;
   for (const auto& b : esito.buchi) buco = std::max(buco, b.secondi());
   std::printf(
-      "[affidabilita] telecamera %s: fermo %.0f s, registratore uscito dopo %.1f s, errore "
+      "[affidabilita] telecamera %s: fermo %.1f s, registratore uscito dopo %.1f s, errore "
       "\"%s\", ripresa %.1f s dopo il ritorno, %zu avvii osservati%s, %d spezzoni verificati, "
       "%lld byte, buco max %.1f s\n",
-      st.nome, st.fermo, uscita, errore.c_str(), ripresa() - ritorno, vite.size(),
+      st.nome, via, uscita, errore.c_str(), ripresa() - ritorno, vite.size(),
       disturbato ? " (disturbato da un altro programma)" : "", esito.file,
       static_cast<long long>(esito.byte), buco);
 }
