@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <mutex>
+#include <set>
 
 #include "core/nomi.h"
 #include "core/processo.h"
@@ -54,13 +56,21 @@ bool helper_presente(const std::string& nome) {
   return programma_presente(nome) || fs::exists("/sbin/" + nome, ec);
 }
 
+// The credentials files that exist right now, so the exit path can remove them too.
+std::mutex credenziali_m;
+// Never destroyed: the exit path may run after static destructors.
+std::set<std::string>* credenziali_aperte = new std::set<std::string>;  // credenziali_m
+
 // The SMB credentials file: created exclusively with a name nobody else can have chosen,
 // readable by its owner only, and removed when the object goes, whatever happened meanwhile.
 class FileCredenziali {
  public:
   FileCredenziali() = default;
   ~FileCredenziali() {
-    if (!percorso_.empty()) ::unlink(percorso_.c_str());
+    if (percorso_.empty()) return;
+    ::unlink(percorso_.c_str());
+    std::lock_guard l(credenziali_m);
+    credenziali_aperte->erase(percorso_);
   }
   FileCredenziali(const FileCredenziali&) = delete;
   FileCredenziali& operator=(const FileCredenziali&) = delete;
@@ -75,6 +85,10 @@ class FileCredenziali {
     int fd = ::mkstemps(modello.data(), 5);
     if (fd < 0) return std::strerror(errno);
     percorso_ = modello;
+    {
+      std::lock_guard l(credenziali_m);
+      credenziali_aperte->insert(percorso_);
+    }
     std::string errore;
     if (::fchmod(fd, 0600) != 0) errore = std::strerror(errno);
     for (std::size_t fatto = 0; errore.empty() && fatto < testo.size();) {
@@ -105,6 +119,15 @@ bool inutile_riprovare(const std::string& e) {
 }
 
 }  // namespace
+
+void togli_credenziali_in_sospeso() {
+  std::set<std::string> da_togliere;
+  {
+    std::lock_guard l(credenziali_m);
+    da_togliere.swap(*credenziali_aperte);
+  }
+  for (const auto& p : da_togliere) ::unlink(p.c_str());
+}
 
 std::tuple<bool, std::string, std::string> monta_rete(const Json& dest) {
   std::string proto = minuscolo(testo(dest, "proto"));

@@ -95,7 +95,7 @@ int porta_libera() {
   return porta;
 }
 
-std::unique_ptr<CameraRtsp> CameraRtsp::avvia(std::string* motivo, double attesa) {
+std::unique_ptr<CameraRtsp> CameraRtsp::avvia(std::string* motivo, double attesa, int porta) {
   std::string scarto;
   if (motivo == nullptr) motivo = &scarto;
   const std::string script = percorso_script();
@@ -113,7 +113,7 @@ std::unique_ptr<CameraRtsp> CameraRtsp::avvia(std::string* motivo, double attesa
   // it before the camera binds, the camera says so and we try another one.
   for (int tentativo = 0; tentativo < kTentativiPorta; ++tentativo) {
     std::unique_ptr<CameraRtsp> cam(new CameraRtsp);
-    cam->porta_ = porta_libera();
+    cam->porta_ = porta > 0 ? porta : porta_libera();
     if (cam->porta_ < 0) {
       *motivo = std::string("no free port on 127.0.0.1: ") + std::strerror(errno);
       return nullptr;

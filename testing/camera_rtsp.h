@@ -14,7 +14,9 @@ class CameraRtsp {
   // Starts the camera on a free loopback port; waits up to `attesa` seconds for its ready line.
   // Returns nullptr (with the reason in `motivo`) when python3-gi/GStreamer are missing
   // or the camera does not come up, so the caller can GTEST_SKIP() with that reason.
-  static std::unique_ptr<CameraRtsp> avvia(std::string* motivo, double attesa = 15.0);
+  // With `porta` > 0 it listens on that port (a camera that comes back where it was).
+  static std::unique_ptr<CameraRtsp> avvia(std::string* motivo, double attesa = 15.0,
+                                           int porta = 0);
 
   ~CameraRtsp();  // SIGTERM, up to 5 s, then SIGKILL; always reaped
   CameraRtsp(const CameraRtsp&) = delete;

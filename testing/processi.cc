@@ -6,27 +6,29 @@
 
 #include <cerrno>
 #include <chrono>
-#include <fstream>
-#include <iterator>
 #include <thread>
 
 namespace nvr::testing {
 
 namespace {
 
-// With plain read(2): a process that ends while its file is read makes the read fail with
-// ESRCH, which a file stream turns into an exception (and a watching thread into a crash).
+// Plain read(2): a process that ends between open and read makes the read fail with ESRCH,
+// which a std::ifstream turns into an exception out of its buffer.
 std::optional<std::string> leggi_proc(pid_t pid, const char* voce) {
-  const std::string nome = "/proc/" + std::to_string(pid) + "/" + voce;
-  const int fd = ::open(nome.c_str(), O_RDONLY | O_CLOEXEC);
+  const std::string percorso = "/proc/" + std::to_string(pid) + "/" + voce;
+  const int fd = ::open(percorso.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return std::nullopt;
   std::string testo;
-  char blocco[4096];
+  char b[4096];
   for (;;) {
-    const ssize_t n = ::read(fd, blocco, sizeof(blocco));
+    const ssize_t n = ::read(fd, b, sizeof(b));
     if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    testo.append(blocco, static_cast<std::size_t>(n));
+    if (n < 0) {
+      ::close(fd);
+      return std::nullopt;
+    }
+    if (n == 0) break;
+    testo.append(b, static_cast<std::size_t>(n));
   }
   ::close(fd);
   return testo;

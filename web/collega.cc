@@ -10,6 +10,7 @@
 #include "core/stato.h"
 #include "engine/motore.h"
 #include "engine/registratori.h"
+#include "storage/rete.h"
 #include "web/api_config.h"
 #include "web/api_elimina.h"
 #include "web/api_registrazioni.h"
@@ -69,7 +70,11 @@ bool collega(std::shared_ptr<Host> host) {
   for (const Rotta& r : rotte())
     host->app->add_url_rule(r.percorso, r.endpoint, _admin(r.gestore), r.metodi);
 
-  if (host->registra_uscita) host->registra_uscita([] { _ferma_tutto("arresto del server"); });
+  if (host->registra_uscita)
+    host->registra_uscita([] {
+      _ferma_tutto("arresto del server");
+      togli_credenziali_in_sospeso();
+    });
   if (host->installa_sigterm) {
     try {
       host->installa_sigterm(_su_sigterm);

@@ -22,7 +22,8 @@ const std::vector<Rotta>& rotte();
 
 // Attaches the recorder to `host` once: records it as A, creates the tables, registers every
 // route as login_required(admin_required(handler)), arranges for the recorders to stop at exit
-// and at SIGTERM, starts the engine thread "zn-nvr" and logs "modulo avviato (ffmpeg: ...)".
+// and at SIGTERM (and for the SMB credentials files of mounts cut short to go), starts the
+// engine thread "zn-nvr" and logs "modulo avviato (ffmpeg: ...)".
 // Answers false, doing nothing, when already attached. Throws std::runtime_error
 // "collega(): il modulo passato non ha un oggetto app Flask" when the host has no app (it then
 // stays attached, so later calls answer false), and whatever table creation or route
