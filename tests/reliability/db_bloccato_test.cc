@@ -143,8 +143,10 @@ TEST(DbBloccatoTest, AnotherWriterHoldingTheDatabaseDelaysButLosesNothing) {
   EXPECT_TRUE(esito.coerente()) << esito.descrizione();
   // The lock stops no recorder; only the segment-length changes restart it (to 60 s and back),
   // each costing what the baseline's restart costs.
-  EXPECT_TRUE(esito.buchi_oltre(10).empty()) << esito.descrizione();
-  EXPECT_LE(esito.buchi.size(), 2u * giri * std::size(kBlocchi)) << esito.descrizione();
+  // (Another program's start on this machine stops every recorder it finds: its holes show in
+  // the log as recorders ended from outside.)
+  EXPECT_TRUE(esito.buchi_oltre(10).empty()) << esito.descrizione() << log;
+  EXPECT_LE(esito.buchi.size(), 2u * giri * std::size(kBlocchi)) << esito.descrizione() << log;
   double peggiore = 0;
   for (const Buco& b : esito.buchi) peggiore = std::max(peggiore, b.secondi());
   std::printf(
