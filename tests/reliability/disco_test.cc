@@ -48,8 +48,10 @@ bool vuota(const std::string& cartella) {
 
 // What the test saw while the drive was away, for the checks and the summary line.
 struct Assenza {
-  double da = 0, a = 0;  // pulled; a recorder seen writing on the drive again
-  int letture = 0;       // looks at the empty mount-point folder and at the index meanwhile
+  double da = 0, a = 0;   // pulled; a recorder seen writing on the drive again
+  int letture = 0;        // looks at the empty mount-point folder and at the index meanwhile
+  bool staccato = false;  // a running recorder was stopped as "archivio staccato"
+                          // (else the pulled drive's write errors had ended it first)
 };
 
 class DiscoTest : public ::testing::Test {
@@ -100,6 +102,8 @@ class DiscoTest : public ::testing::Test {
     const std::string vecchio = disco_->dev();
     const std::string smontato = "archivio " + mp_ + " non risponde piu': smontato, si riprova";
     const std::size_t visti = conta(imp_->tutto_il_log(), smontato);
+    const std::size_t fermati = conta(imp_->tutto_il_log(), "(archivio staccato)");
+    const std::size_t finiti = conta(imp_->tutto_il_log(), "ffmpeg terminato");
     a.da = adesso();
     disco_->stacca();
     // Noticed within a pass: the dead mount is detached lazily, and any recorder still running
@@ -109,6 +113,10 @@ class DiscoTest : public ::testing::Test {
           return conta(imp_->tutto_il_log(), smontato) > visti && registratori_in(mp_).empty();
         },
         30))
+        << imp_->tutto_il_log();
+    a.staccato = conta(imp_->tutto_il_log(), "(archivio staccato)") > fermati;
+    EXPECT_TRUE(a.staccato || conta(imp_->tutto_il_log(), "ffmpeg terminato") > finiti)
+        << "registratore ne' fermato ne' finito\n"
         << imp_->tutto_il_log();
     // The pulled drive's loop device goes once nothing holds its filesystem any more. Until
     // then the image must not be plugged in again: two devices would write one filesystem.
@@ -225,7 +233,8 @@ TEST_F(DiscoTest, PulledDriveStopsRecordingWritesNothingElsewhereAndIsFollowedBa
   EXPECT_EQ(cfg["destinazione"]["uuid"], kUuid);
   EXPECT_TRUE(attendi([&] { return righe_sotto(*imp_, altrove) >= 2; }, 60));
   EXPECT_TRUE(vuota(mp_));
-  EXPECT_NE(imp_->tutto_il_log().find("(archivio staccato)"), std::string::npos);
+  EXPECT_EQ(imp_->tutto_il_log().find("voci senza file tolte"), std::string::npos)
+      << imp_->tutto_il_log();
   // The program found the drive through the stand-in each time, asking for the full listing.
   const auto chiamate = finte_.chiamate_lsblk();
   ASSERT_FALSE(chiamate.empty());
@@ -262,13 +271,18 @@ TEST_F(DiscoTest, PulledDriveStopsRecordingWritesNothingElsewhereAndIsFollowedBa
                           << " fuori da ogni distacco\n"
                           << quando << esito.descrizione();
   }
-  int letture = 0;
-  for (const Assenza& a : assenze) letture += a.letture;
+  int letture = 0, fermati = 0;
+  for (const Assenza& a : assenze) {
+    letture += a.letture;
+    fermati += a.staccato;
+  }
   std::printf(
-      "[affidabilita] disco staccato: %zu distacchi (1 rimontato altrove), assenza massima %.0f s, "
+      "[affidabilita] disco staccato: %zu distacchi (1 rimontato altrove; %d registratori fermati "
+      "come \"archivio staccato\", gli altri gia' finiti), assenza massima %.0f s, "
       "%d controlli della cartella vuota e dell'indice, 0 byte sul disco di sistema, %d segmenti "
       "verificati (%lld byte), buco massimo %.1f s\n",
-      assenze.size(), assente, letture, esito.file, static_cast<long long>(esito.byte), peggiore);
+      assenze.size(), fermati, assente, letture, esito.file, static_cast<long long>(esito.byte),
+      peggiore);
 }
 
 }  // namespace
