@@ -16,6 +16,7 @@ on stdout; the test harness waits for that line instead of sleeping.
 """
 
 import argparse
+import base64
 import os
 import signal
 import subprocess
@@ -186,11 +187,24 @@ class LoopedFile:
         return True
 
 
-def file_launch_line():
+def parameter_sets(unit):
+    """The SPS and PPS (NAL types 7, 8) of an access unit, base64, as SDP wants them."""
+    sets = []
+    for nal in unit.split(b"\x00\x00\x01")[1:]:
+        nal = nal.rstrip(b"\x00")  # a four-byte start code leaves its zero behind
+        if nal and nal[0] & 0x1F in (7, 8):
+            sets.append(base64.b64encode(nal).decode())
+    return ",".join(sets)
+
+
+def file_launch_line(sprop):
     caps = (f"video/x-h264,stream-format=byte-stream,alignment=au,"
             f"framerate={FILE_FPS}/1")
+    # The parameter sets go into the SDP from the start: otherwise the payloader learns them
+    # from the first frame, and a client whose DESCRIBE comes before that frame gets none and
+    # cannot tell the picture size until the next keyframe.
     return (f"( appsrc name=src is-live=true format=time do-timestamp=false caps={caps} ! "
-            "rtph264pay name=pay0 pt=96 )")
+            f'rtph264pay name=pay0 pt=96 sprop-parameter-sets="{sprop}" )')
 
 
 # --- main --------------------------------------------------------------------
@@ -213,7 +227,7 @@ def main():
                   file=sys.stderr)
             return 2
         looped = LoopedFile(units, FILE_FPS)
-        launch = file_launch_line()
+        launch = file_launch_line(parameter_sets(units[0][0]))
     else:
         try:
             launch = launch_line(a)
