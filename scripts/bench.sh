@@ -6,7 +6,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/deps.sh test
 build=${NVR_BUILD:-build-bench}
-programmi=(bench_indicizzazione)
+programmi=(bench_indicizzazione bench_registrazione)
 cmake -S . -B "$build" -DNVR_BENCH=ON -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build "$build" -j "$(nproc)" --target "${programmi[@]}" >/dev/null
 # The same columns as bench/tabella.h.
