@@ -38,12 +38,16 @@ TEST(CameraFileInLoopE2eTest, RecorderSeesOneContinuousStreamAcrossTwoLoops) {
   auto camera = CameraRtsp::avvia(&motivo, 15, Sorgente::kFileInLoop);
   if (!camera) GTEST_SKIP() << "telecamera di prova non disponibile: " << motivo;
 
-  // The recorder's own command line; 15 s segments cut at the 16 s keyframe, so the loop seams
-  // (every 20 s) fall inside segments, where a timestamp jump would show.
+  // The recorder's own command line; ffmpeg cuts 15 s segments at the first keyframe past each
+  // multiple of 15 s (16, 30, 46 s), so the loop seams (every 20 s) fall inside segments, where a
+  // timestamp jump would show.
   CartellaTemporanea t;
   auto rec = avvia_processo({argomenti_ffmpeg(camera->url(), 15, t.percorso(), _ffmpeg_major())});
   ASSERT_TRUE(rec) << rec.errore().messaggio;
-  std::this_thread::sleep_for(std::chrono::seconds(46));  // two seams and a bit
+  // Three closed segments end at 46 s, past two seams, however long the connection took.
+  const auto limite = std::chrono::steady_clock::now() + std::chrono::seconds(150);
+  while (segmenti(t.percorso()).size() < 4 && std::chrono::steady_clock::now() < limite)
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
   rec.valore()->segnala(SIGINT);
   ASSERT_TRUE(rec.valore()->attendi(20));
 
