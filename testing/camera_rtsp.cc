@@ -13,6 +13,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -78,6 +79,12 @@ bool attendi_uscita(pid_t pid, double secondi, int* stato) {
 
 }  // namespace
 
+std::string file_in_loop() {
+  const char* cartella = std::getenv("NVR_CACHE_BENCH");
+  const std::string c = cartella != nullptr && *cartella != '\0' ? cartella : "/var/tmp/nvr-bench";
+  return c + "/testsrc2_1080p30_4M_gop60_20s.h264";
+}
+
 int porta_libera() {
   const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return -1;
@@ -95,7 +102,8 @@ int porta_libera() {
   return porta;
 }
 
-std::unique_ptr<CameraRtsp> CameraRtsp::avvia(std::string* motivo, double attesa, int porta) {
+std::unique_ptr<CameraRtsp> CameraRtsp::avvia(std::string* motivo, double attesa, int porta,
+                                              Sorgente sorgente) {
   std::string scarto;
   if (motivo == nullptr) motivo = &scarto;
   const std::string script = percorso_script();
@@ -108,6 +116,8 @@ std::unique_ptr<CameraRtsp> CameraRtsp::avvia(std::string* motivo, double attesa
     return nullptr;
   }
 
+  const std::string file = file_in_loop();
+  if (sorgente == Sorgente::kFileInLoop && access(file.c_str(), R_OK) != 0) attesa += 300;
   const auto limite = Orologio::now() + std::chrono::duration<double>(attesa);
   // porta_libera() only says the port was free a moment ago; if someone grabs
   // it before the camera binds, the camera says so and we try another one.
@@ -155,9 +165,14 @@ std::unique_ptr<CameraRtsp> CameraRtsp::avvia(std::string* motivo, double attesa
     posix_spawnattr_setsigdefault(&attr, &predefiniti);
     posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
 
-    const std::string porta = std::to_string(cam->porta_);
+    const std::string porta_testo = std::to_string(cam->porta_);
     // -E: ignore PYTHONPATH/PYTHONHOME that may point at another interpreter's tree.
-    std::vector<std::string> args = {kPython, "-E", script, "--port", porta, "--path", kPercorso};
+    std::vector<std::string> args = {kPython,     "-E",     script,   "--port",
+                                     porta_testo, "--path", kPercorso};
+    if (sorgente == Sorgente::kFileInLoop) {
+      args.push_back("--loop-file");
+      args.push_back(file);
+    }
     std::vector<char*> argv;
     for (auto& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
