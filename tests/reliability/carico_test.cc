@@ -181,7 +181,7 @@ TEST(CaricoTest, ConcurrentClientsWhileRecording) {
   if (!programma_presente("ffmpeg")) GTEST_SKIP() << "ffmpeg non installato";
   const int clienti = kProveLunghe ? 50 : 10;
   const int telecamere = kProveLunghe ? 8 : 2;
-  const int secondi = kProveLunghe ? 300 : 60;
+  const int secondi = kProveLunghe ? 300 : 25;
   const int segmento = 3;
 
   Impianto imp;

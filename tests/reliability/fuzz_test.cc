@@ -111,7 +111,7 @@ TEST(FuzzTest, MalformedRequestsNeverCrashLeakOrLose) {
   std::printf("[affidabilita] fuzz: seme %llu (NVR_SEME=%llu per ripetere)\n",
               static_cast<unsigned long long>(seme), static_cast<unsigned long long>(seme));
   std::fflush(stdout);  // the seed must survive a crash of the test
-  const int totale = kProveLunghe ? 50000 : 2000;
+  const int totale = kProveLunghe ? 50000 : 800;
   // The long run sends over several connections at once, to stay within its time limit.
   const int connessioni = kProveLunghe ? 4 : 1;
 

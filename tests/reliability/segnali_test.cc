@@ -180,7 +180,7 @@ TEST(SegnaliTest, SigtermDuringIndexing) {
 
   // A backlog of finished files, as after a long outage of the program: several index runs'
   // worth (300 files per camera and run), older than the 15 s every file must age.
-  const int n = kProveLunghe ? 6000 : 1500;
+  const int n = kProveLunghe ? 6000 : 700;
   const std::string in_corso = cartella_della_camera(imp, id) + "/in_corso";
   fs::create_directories(in_corso);
   const int lasciati = mp4_sotto(in_corso);  // the last segments of the recording just stopped

@@ -96,7 +96,7 @@ TEST(SpazioTest, RetentionMakesRoomWhileItCanAndTheStatusSaysWhenItCannot) {
   const long long segmento = all_inizio.byte / all_inizio.quante;
   const long long soglia = 50'000'000;
   lascia_liberi(riempitivo, disco.percorso(), soglia - std::min(segmento / 4, 100'000LL));
-  const double osserva = kProveLunghe ? 300 : 40;
+  const double osserva = kProveLunghe ? 300 : 25;
   ASSERT_TRUE(attendi([&] { return righe(imp).prima > all_inizio.prima; }, 30))
       << "nessun segmento tolto per fare spazio\n"
       << imp.tutto_il_log();
