@@ -61,6 +61,20 @@ std::int64_t Impianto::aggiungi_camera(const std::string& nome, const std::strin
   return c.status == 200 ? id : 0;
 }
 
+::testing::AssertionResult Impianto::registra_fino_a(const std::string& nome, int righe,
+                                                     std::int64_t* cam, int segmento) {
+  std::string perche;
+  if (!avvia({}, &perche)) return ::testing::AssertionFailure() << "non parte: " << perche;
+  *cam = aggiungi_camera(nome);
+  if (*cam == 0) return ::testing::AssertionFailure() << "telecamera non aggiunta";
+  if (registra(true) != 200) return ::testing::AssertionFailure() << "registrazione non accesa";
+  segmenti_di(segmento);
+  if (!prova::attendi([&] { return righe_indicizzate() >= righe; }, 90))
+    return ::testing::AssertionFailure() << "meno di " << righe << " righe indicizzate\n"
+                                         << tutto_il_log();
+  return ::testing::AssertionSuccess();
+}
+
 void Impianto::segmenti_di(int secondi) {
   Connessione c(db_file());
   c.esegui("UPDATE nvr_config SET segmento_sec=?", {std::int64_t{secondi}});

@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "autonomo/programma_di_prova.h"
 #include "testing/ambiente.h"
 #include "testing/camera_rtsp.h"
@@ -35,6 +37,11 @@ class Impianto {
   // Starts the program on the data folder with `altro` arguments, waits until it listens and
   // logs in. False (with the program's output in `perche`) when it does not come up.
   bool avvia(std::vector<std::string> altro = {}, std::string* perche = nullptr);
+  // The usual opening of a test: starts the program, adds camera `nome` on the test camera,
+  // switches recording on with segments of `segmento` s and waits up to 90 s for `righe` indexed
+  // rows. Fails with the program's output; `cam` receives the camera's id.
+  ::testing::AssertionResult registra_fino_a(const std::string& nome, int righe, std::int64_t* cam,
+                                             int segmento = 3);
   // Adds a camera recording always from `url` (the test camera when empty); its id, 0 on failure.
   std::int64_t aggiungi_camera(const std::string& nome, const std::string& url = "");
   // Segment length in seconds, written into the database (the API keeps it ≥ 60 s, and every

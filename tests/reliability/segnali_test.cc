@@ -85,13 +85,9 @@ TEST(SegnaliTest, SigtermDuringBulkDeletion) {
   const std::string campione = spezzone_campione(tmp.percorso());
   ASSERT_FALSE(campione.empty()) << "ffmpeg non crea lo spezzone campione";
 
+  std::int64_t id = 0;
+  ASSERT_TRUE(imp.registra_fino_a("Magazzino", 1, &id));
   std::string perche;
-  ASSERT_TRUE(imp.avvia({}, &perche)) << perche;
-  const auto id = imp.aggiungi_camera("Magazzino");
-  ASSERT_NE(id, 0);
-  ASSERT_EQ(imp.registra(true), 200);
-  imp.segmenti_di(3);
-  ASSERT_TRUE(attendi([&] { return imp.righe_indicizzate() >= 1; }, 90)) << imp.tutto_il_log();
   ASSERT_EQ(imp.ferma(), 0);
 
   // Months of a busy archive in a few seconds: thousands of links to one real segment, each
@@ -166,13 +162,9 @@ TEST(SegnaliTest, SigtermDuringIndexing) {
   const std::string campione = spezzone_campione(tmp.percorso());
   ASSERT_FALSE(campione.empty()) << "ffmpeg non crea lo spezzone campione";
 
+  std::int64_t id = 0;
+  ASSERT_TRUE(imp.registra_fino_a("Scale", 1, &id));
   std::string perche;
-  ASSERT_TRUE(imp.avvia({}, &perche)) << perche;
-  const auto id = imp.aggiungi_camera("Scale");
-  ASSERT_NE(id, 0);
-  ASSERT_EQ(imp.registra(true), 200);
-  imp.segmenti_di(3);
-  ASSERT_TRUE(attendi([&] { return imp.righe_indicizzate() >= 1; }, 90)) << imp.tutto_il_log();
   // Recording off: the index still drains the in-progress folder, and nothing else moves.
   ASSERT_EQ(imp.registra(false), 200);
   ASSERT_TRUE(attendi([&] { return registratori_in(imp.archivio()).empty(); }, 30));

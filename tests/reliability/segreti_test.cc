@@ -128,13 +128,8 @@ TEST(SegretiTest, PasswordsNeverLeakAndEveryRouteWantsASession) {
   } ripristino{tmp_salvato, tmp_prima != nullptr};
 
   if (auto perche = imp.avvia_telecamera(); !perche.empty()) GTEST_SKIP() << perche;
-  std::string perche;
-  ASSERT_TRUE(imp.avvia({}, &perche)) << perche;
-  const std::int64_t cam = imp.aggiungi_camera("Ingresso");
-  ASSERT_NE(cam, 0);
-  ASSERT_EQ(imp.registra(true), 200);
-  imp.segmenti_di(3);
-  ASSERT_TRUE(attendi([&] { return imp.righe_indicizzate() >= 2; }, 90)) << imp.tutto_il_log();
+  std::int64_t cam = 0;
+  ASSERT_TRUE(imp.registra_fino_a("Ingresso", 2, &cam));
 
   std::mt19937_64 rng(std::random_device{}());
   const std::string condivisa = "Cond-" + std::to_string(rng() % 1000000000) + "-Parola";
