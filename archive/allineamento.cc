@@ -1,11 +1,13 @@
 #include "archive/allineamento.h"
 
 #include <dirent.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string_view>
 #include <utility>
@@ -150,6 +152,121 @@ std::vector<std::int64_t> _righe_senza_file(const Config& cfg) {
   for (std::size_t i = 0; i < id.size(); ++i)
     if (manca[i]) ids.push_back(id[i]);
   return ids;
+}
+
+namespace {
+
+// One name's share of a folder's signature of indexed names. The shares are added up, so that
+// the order in which rows come does not matter.
+std::uint64_t impronta(std::string_view s) {
+  std::uint64_t h = 0xcbf29ce484222325ULL;
+  for (unsigned char ch : s) {
+    h ^= ch;
+    h *= 0x100000001b3ULL;
+  }
+  h ^= h >> 33;
+  h *= 0xff51afd7ed558ccdULL;
+  h ^= h >> 33;
+  return h;
+}
+
+// The names indexed in one folder, packed: over millions of rows one string per name would
+// weigh more than the index itself.
+struct NomiIndicizzati {
+  std::string cartella;
+  std::string nomi;                 // one after the other
+  std::vector<std::uint32_t> fine;  // where each name ends in `nomi`
+  std::uint64_t firma = 0;
+
+  void aggiungi(std::string_view nome) {
+    nomi.append(nome);
+    fine.push_back(static_cast<std::uint32_t>(nomi.size()));
+    firma += impronta(nome);
+  }
+  std::string_view nome(std::size_t i) const {
+    const std::uint32_t da = i == 0 ? 0 : fine[i - 1];
+    return std::string_view(nomi).substr(da, fine[i] - da);
+  }
+};
+
+// What one look at a folder concluded.
+struct Sguardo {
+  bool leggibile = false;  // false: nothing is concluded about its files
+  std::int64_t mancanti = 0;
+  std::optional<MancantiCartella> da_ricordare;
+};
+
+double in_secondi(const timespec& t) { return static_cast<double>(t.tv_sec) + t.tv_nsec / 1e9; }
+
+// A folder's times change with every name added, removed or renamed in it.
+std::string firma_di(const struct stat& st) {
+  return std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino) + ":" +
+         std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec) + ":" +
+         std::to_string(st.st_ctim.tv_sec) + "." + std::to_string(st.st_ctim.tv_nsec);
+}
+
+Sguardo guarda(const NomiIndicizzati& g, const std::optional<MancantiCartella>& prima,
+               double margine) {
+  struct stat st;
+  if (::stat(g.cartella.c_str(), &st) != 0) {
+    if (errno == ENOENT) return {true, static_cast<std::int64_t>(g.fine.size()), std::nullopt};
+    return {};
+  }
+  std::string firma = firma_di(st);
+  if (prima && prima->firma_cartella == firma && prima->firma_righe == g.firma)
+    return {true, prima->mancanti, prima};
+  // Its times are read before its names: a change in between makes the next count look again.
+  std::optional<std::vector<std::string>> elenco = nomi_in(g.cartella);
+  if (!elenco) return {};
+  Sguardo s{true, 0, std::nullopt};
+  for (std::size_t i = 0; i < g.fine.size(); ++i)
+    if (!std::binary_search(elenco->begin(), elenco->end(), g.nome(i), std::less<>()))
+      ++s.mancanti;
+  const double cambiata = std::max(in_secondi(st.st_mtim), in_secondi(st.st_ctim));
+  if (_ora() - cambiata >= margine) s.da_ricordare = MancantiCartella{firma, g.firma, s.mancanti};
+  return s;
+}
+
+}  // namespace
+
+std::int64_t conta_righe_senza_file(const Config& cfg, double margine) {
+  if (!_archivio_presente(cfg)) return 0;
+  std::vector<std::shared_ptr<NomiIndicizzati>> gruppi;
+  {
+    std::map<std::string, std::size_t, std::less<>> posizione;
+    std::size_t ultimo = 0;
+    Connessione c = _db();
+    c.scorri("SELECT id, file FROM nvr_registrazioni", {}, [&](const Riga& r) {
+      const std::string* testo = std::get_if<std::string>(&r[1]);
+      const std::string altro = testo ? std::string() : come_testo(r[1]);
+      const auto [cartella, nome] = cartella_e_nome(testo ? *testo : altro);
+      if (gruppi.empty() || gruppi[ultimo]->cartella != cartella) {
+        auto it = posizione.find(cartella);
+        if (it == posizione.end()) {
+          it = posizione.emplace(std::string(cartella), gruppi.size()).first;
+          gruppi.push_back(std::make_shared<NomiIndicizzati>());
+          gruppi.back()->cartella = std::string(cartella);
+        }
+        ultimo = it->second;
+      }
+      gruppi[ultimo]->aggiungi(nome);
+    });
+  }
+
+  const std::map<std::string, MancantiCartella> ricordo = _mancanti_per_cartella.get();
+  std::map<std::string, MancantiCartella> nuovo;
+  std::int64_t totale = 0;
+  for (const auto& g : gruppi) {
+    std::optional<MancantiCartella> prima;
+    if (auto it = ricordo.find(g->cartella); it != ricordo.end()) prima = it->second;
+    auto sguardo = _con_timeout([g, prima, margine] { return guarda(*g, prima, margine); }, 5);
+    // A folder that cannot be read, or answers too slowly, says nothing about its files.
+    if (!sguardo.ok() || !sguardo.valore().leggibile) continue;
+    totale += sguardo.valore().mancanti;
+    if (sguardo.valore().da_ricordare) nuovo[g->cartella] = *sguardo.valore().da_ricordare;
+  }
+  _mancanti_per_cartella.set(std::move(nuovo));
+  return totale;
 }
 
 int _allinea(const Config& cfg) {

@@ -25,6 +25,13 @@ bool _archivio_presente(const Config& cfg, double fresco = 5);
 // Ids of index rows whose file is missing; empty while the archive is not present.
 std::vector<std::int64_t> _righe_senza_file(const Config& cfg);
 
+// How many rows _righe_senza_file(cfg) would answer, for the archive overview, which asks at
+// every request over indexes of millions of rows. A folder is listed again only when it changed
+// since the last count (its times or identity) or the names indexed in it did; an answer is
+// kept only for folders unchanged for `margine` seconds before they were listed, since a change
+// within the granularity of the folder's times would leave them as they were.
+std::int64_t conta_righe_senza_file(const Config& cfg, double margine = 3);
+
 // Deletes those rows in one transaction; answers how many. Throws ErroreDb on database failure.
 int _allinea(const Config& cfg);
 

@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <filesystem>
+#include <thread>
 
 #include "core/db.h"
 #include "core/stato.h"
@@ -150,6 +152,49 @@ TEST_F(AllineamentoTest, CleanArchiveWritesNothing) {
   EXPECT_EQ(_allinea(cfg_), 0);
   EXPECT_EQ(versione(), prima) << "un'altra connessione ha scritto nel database";
   EXPECT_EQ(file_indicizzati().size(), 1u);
+}
+
+// The overview's count remembers folders between requests; whatever changes, on disk or in the
+// index, it must give the answer a full look gives.
+TEST_F(AllineamentoTest, CountOfRowsWithoutFilesFollowsEveryChange) {
+  using namespace std::chrono_literals;
+  const std::string vecchia = archivio_ / "cam/2024-05-01";
+  scrivi_file(vecchia + "/10-00-00.mp4", "x");
+  scrivi_file(vecchia + "/10-05-00.mp4", "x");
+  scrivi_file(archivio_ / "file", "x");
+  aggiungi_registrazione(1, 100, vecchia + "/10-00-00.mp4");
+  aggiungi_registrazione(1, 400, vecchia + "/10-05-00.mp4");
+  const std::int64_t senza = aggiungi_registrazione(1, 700, vecchia + "/10-10-00.mp4");
+  aggiungi_registrazione(2, 100, archivio_ / "tolta/2024-05-01/10-00-00.mp4");
+  aggiungi_registrazione(2, 100, archivio_ / "file/10-00-00.mp4");  // not a folder: says nothing
+  auto conta = [&] {
+    // Timestamps of folders move in clock ticks: a change right after a look could hide.
+    std::this_thread::sleep_for(30ms);
+    const std::int64_t n = conta_righe_senza_file(cfg_, 0);
+    EXPECT_EQ(n, static_cast<std::int64_t>(_righe_senza_file(cfg_).size()));
+    return n;
+  };
+  EXPECT_EQ(conta(), 2);
+  EXPECT_EQ(conta(), 2) << "dal ricordo";
+  fs::remove(vecchia + "/10-00-00.mp4");
+  EXPECT_EQ(conta(), 3);
+  {
+    Connessione c = _db();
+    c.esegui("DELETE FROM nvr_registrazioni WHERE id=?", {senza});
+    c.commit();
+  }
+  EXPECT_EQ(conta(), 2) << "la cartella e' la stessa, le righe no";
+  scrivi_file(vecchia + "/10-00-00.mp4", "x");
+  EXPECT_EQ(conta(), 1);
+  fs::remove_all(archivio_ / "cam");
+  EXPECT_EQ(conta(), 3);
+  EXPECT_EQ(conta_righe_senza_file(senza_unita(), 0), 0);
+
+  // A folder changed within the margin is looked at again next time, not remembered.
+  scrivi_file(archivio_ / "nuova/1.mp4", "x");
+  aggiungi_registrazione(3, 100, archivio_ / "nuova/1.mp4");
+  EXPECT_EQ(conta_righe_senza_file(cfg_), 3);
+  EXPECT_EQ(_mancanti_per_cartella.get().count(archivio_ / "nuova"), 0u);
 }
 
 }  // namespace

@@ -78,6 +78,7 @@ Condiviso<StatoSudo> _sudo;
 Condiviso<CacheSpazio> _cache_spazio;
 Condiviso<MountFallito> _ultimo_mount_fallito;
 Condiviso<CachePresente> _cache_presente;
+Condiviso<std::map<std::string, MancantiCartella>> _mancanti_per_cartella;
 
 double _ultimo_indice = 0.0;
 double _ultima_pulizia = 0.0;
@@ -103,6 +104,7 @@ void azzera_stato_per_test() {
   _cache_spazio.set({});
   _ultimo_mount_fallito.set({});
   _cache_presente.set({});
+  _mancanti_per_cartella.set({});
   _ultimo_indice = _ultima_pulizia = _ultimo_allineamento = _ultimo_profondo = 0.0;
   imposta_radice_montaggi_per_test("");
 }

@@ -172,6 +172,14 @@ struct CachePresente {
   bool val = false;
   std::string firma;
 };
+// What the archive overview last learned of one folder: how many of the rows indexed in it had
+// no file. It holds while the folder looks the same from outside (`firma_cartella`: identity,
+// modification and change times) and the names indexed in it are the same (`firma_righe`).
+struct MancantiCartella {
+  std::string firma_cartella;
+  std::uint64_t firma_righe = 0;
+  std::int64_t mancanti = 0;
+};
 
 extern Condiviso<Problema> _problema;
 extern Condiviso<Installazione> _installazione;
@@ -180,6 +188,7 @@ extern Condiviso<StatoSudo> _sudo;
 extern Condiviso<CacheSpazio> _cache_spazio;
 extern Condiviso<MountFallito> _ultimo_mount_fallito;
 extern Condiviso<CachePresente> _cache_presente;
+extern Condiviso<std::map<std::string, MancantiCartella>> _mancanti_per_cartella;
 
 // ---- Engine job time stamps (engine thread only; 0.0 so that every job runs at the first pass)
 

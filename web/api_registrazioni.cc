@@ -310,7 +310,7 @@ Risposta api_archivio(const Richiesta&) {
       {"giorni_conservazione", cfg.giorni},
       {"totale", Json{{"n", righe}, {"gb", arrotonda(byte_totali / 1e9, 2)}}},
       {"senza_file",
-       archivio_ok ? static_cast<std::int64_t>(_righe_senza_file(cfg).size()) : std::int64_t{0}},
+       archivio_ok ? conta_righe_senza_file(cfg) : std::int64_t{0}},
       {"telecamere", telecamere},
   });
 }
