@@ -199,7 +199,8 @@ TEST(SegnaliTest, SigtermDuringIndexing) {
   EXPECT_TRUE(dopo.doppi.empty()) << dopo.descrizione();
 
   ASSERT_TRUE(imp.avvia({}, &perche)) << perche;
-  ASSERT_TRUE(attendi([&] { return imp.integrita(false).in_corso.empty(); }, 120))
+  // One index run every 10 s or so, 300 files each: the backlog drains in n / 300 runs.
+  ASSERT_TRUE(attendi([&] { return imp.integrita(false).in_corso.empty(); }, 120 + n / 300 * 15))
       << imp.tutto_il_log();
   ASSERT_EQ(imp.ferma(), 0);
   auto esito = imp.integrita(false);
