@@ -101,8 +101,6 @@ TEST_F(ApiStorageTest, BrowsingAFolderOfTheSystemDisk) {
   std::vector<std::string> chiavi;
   for (const auto& [k, v] : r.corpo.items()) chiavi.push_back(k);
   EXPECT_EQ(chiavi, (std::vector<std::string>{"status", "base", "cartelle", "spazio", "radice"}));
-  EXPECT_EQ(r.corpo["status"], "success");
-  EXPECT_EQ(r.corpo["base"], srv.percorso());
   EXPECT_EQ(r.corpo["cartelle"], (Json::array({Json{{"nome", "a"}, {"percorso", srv / "a"}},
                                                Json{{"nome", "b"}, {"percorso", srv / "b"}}})));
   ASSERT_TRUE(r.corpo["spazio"].is_object());
