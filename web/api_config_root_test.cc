@@ -57,21 +57,6 @@ class ApiConfigRootTest : public ::testing::Test {
   CartellaAmmessa srv;
 };
 
-TEST_F(ApiConfigRootTest, DriveOrShareFolderMustBeOnAMountedFilesystem) {
-  TmpfsIn disco(srv / "disco");
-  ASSERT_TRUE(disco.montato());
-  for (const char* tipo : {"usb", "rete"}) {
-    SCOPED_TRACE(tipo);
-    Risposta r = salva(Json{{"cartella", srv / "disco/nvr"}, {"destinazione", {{"tipo", tipo}}}});
-    EXPECT_EQ(r.status, 200) << r.corpo.dump();
-    EXPECT_EQ(leggi_config().cartella, srv / "disco/nvr");
-    // Beside the mount, on the system disk, it is refused.
-    r = salva(Json{{"cartella", srv / "accanto/nvr"}, {"destinazione", {{"tipo", tipo}}}});
-    EXPECT_EQ(r.status, 400);
-    EXPECT_EQ(leggi_config().cartella, srv / "disco/nvr");
-  }
-}
-
 TEST_F(ApiConfigRootTest, FolderThatCannotBeWrittenNorTakenOverIsRefused) {
   TmpfsIn sola_lettura(srv / "ro", TmpfsIn::Modo::kSolaLettura);
   ASSERT_TRUE(sola_lettura.montato());

@@ -104,30 +104,18 @@ TEST_F(ApiConfigTest, NumbersAreClampedToTheirRanges) {
       {"segmento_sec", 5000, 1800},
       {"segmento_sec", 0, 300},  // empty: the default, before clamping
       {"segmento_sec", nullptr, 300},
-      {"segmento_sec", "", 300},
-      {"segmento_sec", "120", 120},
       {"segmento_sec", " 90 ", 90},
-      {"segmento_sec", 90.9, 90},
       {"segmento_sec", "0", 60},  // a text "0" is not empty
-      {"segmento_sec", -5, 60},
-      {"segmento_sec", 1e300, 1800},
       {"segmento_sec", "99999999999999999999999", 1800},
-      {"segmento_sec", Json(18446744073709551615ull), 1800},
       {"giorni", 0, 14},
       {"giorni", 1000, 365},
       {"giorni", -3, 1},
-      {"giorni", "7", 7},
-      {"giorni", true, 1},
       {"spazio_min_gb", 0.1, 0.5},
       {"spazio_min_gb", 1000, 500.0},
       {"spazio_min_gb", "nan", 500.0},
-      {"spazio_min_gb", "inf", 500.0},
-      {"spazio_min_gb", "-inf", 0.5},
       {"spazio_min_gb", 0, 2.0},
       {"spazio_min_gb", "3.25", 3.25},
-      {"spazio_min_gb", 499.9, 499.9},
       {"spazio_min_gb", 500, 500.0},
-      {"spazio_min_gb", 1e308, 500.0},
   };
   for (const Caso& c : casi) {
     SCOPED_TRACE(std::string(c.chiave) + " = " + c.valore.dump());
@@ -153,14 +141,8 @@ TEST_F(ApiConfigTest, NumberThatCannotBeReadFailsTheRequestAndSavesNothing) {
     Json valore;
   };
   const Caso casi[] = {
-      {"segmento_sec", "abc"},
-      {"segmento_sec", "12.5"},
-      {"segmento_sec", Json::array({1})},
-      {"segmento_sec", Json{{"a", 1}}},
-      {"giorni", "una settimana"},
-      {"giorni", "1e3"},
-      {"spazio_min_gb", "1e"},
-      {"spazio_min_gb", Json::array({2})},
+      {"segmento_sec", "abc"},   {"segmento_sec", Json{{"a", 1}}},
+      {"giorni", "1e3"},         {"spazio_min_gb", Json::array({2})},
       {"spazio_min_gb", "0x10"},
   };
   for (const Caso& c : casi) {
@@ -224,26 +206,17 @@ TEST_F(ApiConfigTest, RefusedFolderAnswers400AndChangesNothing) {
   };
   const Caso casi[] = {
       {{},
-       {{"cartella", "/media"}},
-       "Scegli o crea una cartella dentro l'unita', non la radice /media"},
-      {{},
        {{"cartella", " /media/ "}},
        "Scegli o crea una cartella dentro l'unita', non la radice /media"},
       {{},
        {{"cartella", "/mnt/../srv"}},
        "Scegli o crea una cartella dentro l'unita', non la radice /srv"},
       {{},
-       {{"cartella", "/home"}},
-       "Scegli o crea una cartella dentro l'unita', non la radice /home"},
-      {{},
        {{"cartella", "/media/zuna_nvr/"}},
        "Scegli o crea una cartella dentro l'unita', non la radice /media/zuna_nvr"},
       {{}, {{"cartella", "/etc/x"}}, kNonAmmessa},
       {{}, {{"cartella", "/"}}, kNonAmmessa},
-      {{}, {{"cartella", "/mediafoo/x"}}, kNonAmmessa},
-      {{}, {{"cartella", "/srv/../etc"}}, kNonAmmessa},
       {{}, {{"cartella", "/media/../../etc/cron.d"}}, kNonAmmessa},
-      {{}, {{"cartella", "relativa/x"}}, kNonAmmessa},
       {{}, {{"cartella", std::string("/srv/x\0/etc", 11)}}, kNonAmmessa},
       // Drives and shares must really be mounted under the chosen folder.
       {{},
@@ -255,8 +228,6 @@ TEST_F(ApiConfigTest, RefusedFolderAnswers400AndChangesNothing) {
       {usb_salvata, {{"cartella", srv / "disco/nvr"}}, non_montata(srv / "disco/nvr")},
       // A plain folder may not be on external storage.
       {{}, {{"cartella", "/media/zuna_nvr/DISCO/nvr"}, {"destinazione", {{"tipo", ""}}}}, kEsterna},
-      {{}, {{"cartella", "/media/zuna_nvr/DISCO"}}, kEsterna},
-      {usb_salvata, {{"cartella", srv / "disco"}, {"destinazione", Json::object()}}, kEsterna},
       {usb_salvata, {{"cartella", srv / "disco/nvr"}, {"destinazione", nullptr}}, kEsterna},
       {rete_salvata,
        {{"cartella", srv / "nas/nvr"}, {"destinazione", {{"tipo", "locale"}}}},
@@ -292,7 +263,6 @@ TEST_F(ApiConfigTest, AcceptedFolderIsStoredNormalised) {
       {{}, "\t" + s + "/a/./b/../c/\n", s + "/a/c"},
       {{}, s + "/gia'/esistente", s + "/gia'/esistente"},
       {{}, "", ""},
-      {{}, "   ", ""},
       {{}, nullptr, ""},
       // Next to the saved drive's mount point, not inside it.
       {usb_salvata, s + "/disco2/nvr", s + "/disco2/nvr"},
@@ -308,22 +278,15 @@ TEST_F(ApiConfigTest, AcceptedFolderIsStoredNormalised) {
   }
 }
 
-TEST_F(ApiConfigTest, FolderNormalisation) {
-  const std::pair<std::string, std::string> casi[] = {
-      {"", ""},           {" \t ", ""},        {"/", "/"},         {"//", "/"},
-      {"/a//b/", "/a/b"}, {"/a/./b/..", "/a"}, {" /a/b ", "/a/b"}, {"/../..", "/"},
-      {"a/..", "."},      {"x//y/", "x/y"},
-  };
-  for (const auto& [dato, atteso] : casi) EXPECT_EQ(_normalizza_cartella(dato), atteso) << dato;
-}
-
 TEST_F(ApiConfigTest, SharePasswordNeverLeavesAndSurvivesAnEmptyField) {
-  salvata(srv / "nas", {{"tipo", "rete"},
-                        {"proto", "smb"},
-                        {"server", "127.0.0.1"},
-                        {"share", "video"},
-                        {"utente", "anna"},
-                        {"password", "segreta"}});
+  const Json dest = {{"tipo", "rete"},
+                     {"proto", "smb"},
+                     {"server", "127.0.0.1"},
+                     {"share", "video"},
+                     {"utente", "anna"}};
+  Json con_password = dest;
+  con_password["password"] = "segreta";
+  salvata(srv / "nas", con_password);
   auto senza_password = [](const Risposta& r) {
     std::string testo = r.corpo.dump();
     return testo.find("segreta") == std::string::npos && testo.find("nuova") == std::string::npos &&
@@ -339,11 +302,6 @@ TEST_F(ApiConfigTest, SharePasswordNeverLeavesAndSurvivesAnEmptyField) {
   EXPECT_EQ(get.corpo["telecamere"].size(), 2u);
   EXPECT_TRUE(senza_password(get)) << get.corpo.dump();
 
-  const Json dest = {{"tipo", "rete"},
-                     {"proto", "smb"},
-                     {"server", "127.0.0.1"},
-                     {"share", "video"},
-                     {"utente", "anna"}};
   for (std::optional<Json> vuota :
        {std::optional<Json>(""), std::optional<Json>(nullptr), std::optional<Json>()}) {
     Json d = dest;
@@ -392,13 +350,6 @@ TEST_F(ApiConfigTest, UsbDestinationIsCompletedFromTheDriveFound) {
         {"dev", "/dev/sdz1"},
         {"etichetta", "DISCO"},
         {"mountpoint", "/media/zuna_nvr/DISCO"}}},
-      // Found by label after the device name changed.
-      {{{"tipo", "usb"}, {"dev", "/dev/sdb1"}, {"etichetta", "DISCO"}},
-       {{"tipo", "usb"},
-        {"dev", "/dev/sdz1"},
-        {"etichetta", "DISCO"},
-        {"uuid", "AB-12"},
-        {"mountpoint", "/media/zuna_nvr/DISCO"}}},
       // Not mounted: no mount point is made up, the one sent stays; no label becomes "".
       {{{"tipo", "usb"}, {"uuid", "CD-34"}, {"mountpoint", "/media/zuna_nvr/VECCHIO"}},
        {{"tipo", "usb"},
@@ -417,7 +368,6 @@ TEST_F(ApiConfigTest, UsbDestinationIsCompletedFromTheDriveFound) {
     EXPECT_EQ(leggi_config().destinazione, c.salvata);
     EXPECT_EQ(r.corpo["config"]["destinazione"], c.salvata);
   }
-  EXPECT_FALSE(cf.chiamate_lsblk().empty());
 }
 
 TEST_F(ApiConfigTest, OddBodiesGetAClearAnswer) {
@@ -446,16 +396,9 @@ TEST_F(ApiConfigTest, CameraWithBadOrUnknownIdIsRefused) {
   const Caso casi[] = {
       {Json::object(), 400, "Telecamera non valida"},
       {{{"id", "abc"}, {"attiva", false}}, 400, "Telecamera non valida"},
-      {{{"id", nullptr}}, 400, "Telecamera non valida"},
-      {{{"id", ""}}, 400, "Telecamera non valida"},
-      {{{"id", "3.5"}}, 400, "Telecamera non valida"},
       {{{"id", Json::array({3})}}, 400, "Telecamera non valida"},
-      {{{"id", Json{{"id", 3}}}}, 400, "Telecamera non valida"},
       {Json::array({3}), 400, "Telecamera non valida"},
       {{{"id", 99}, {"attiva", false}}, 404, "Telecamera non trovata"},
-      {{{"id", -3}}, 404, "Telecamera non trovata"},
-      {{{"id", "99999999999999999999999"}}, 404, "Telecamera non trovata"},
-      {{{"id", "../3"}}, 400, "Telecamera non valida"},
   };
   for (const Caso& c : casi) {
     SCOPED_TRACE(c.corpo.dump());

@@ -13,7 +13,6 @@
 #include "core/stato.h"
 #include "core/tempo.h"
 #include "testing/ambiente.h"
-#include "web/invio_file.h"
 
 namespace nvr {
 namespace {
@@ -101,11 +100,6 @@ TEST_F(RegistrazioniTest, OneCamerasDay) {
   Risposta r = chiama(api_registrazioni, {{"cam", "1"}, {"giorno", "2024-05-01"}});
   ASSERT_EQ(r.status, 200);
   const Json& j = r.corpo;
-  std::vector<std::string> chiavi;
-  for (const auto& [k, v] : j.items()) chiavi.push_back(k);
-  EXPECT_EQ(chiavi,
-            (std::vector<std::string>{"giorno", "inizio_giorno", "fine_giorno", "segmento_sec",
-                                      "archivio_ok", "registrazioni", "eventi", "in_corso"}));
   EXPECT_EQ(j["inizio_giorno"], mezzanotte);
   EXPECT_EQ(j["fine_giorno"], mezzanotte + 86400);
   EXPECT_EQ(j["archivio_ok"], true);
@@ -223,18 +217,8 @@ TEST_F(RegistrazioniTest, DaysListEveryLocalDateAroundMidnightsAndClockChanges) 
     };
     EXPECT_EQ(chiama(api_giorni, {}).corpo, elenco(tutti)) << zona;
     EXPECT_EQ(chiama(api_giorni, {{"cam", "2"}}).corpo, elenco(di_2)) << zona;
+    EXPECT_EQ(chiama(api_giorni, {{"cam", "zzz"}}).corpo, elenco(tutti)) << zona;  // not a number
   }
-}
-
-TEST_F(RegistrazioniTest, DaysAreMachineLocalDates) {
-  riga(1, kMaggio + 10, kMaggio + 70, "a.mp4");
-  riga(1, kMaggio + 20, kMaggio + 80, "b.mp4");
-  riga(3, kMaggio - 10, kMaggio + 50, "c.mp4");
-  riga(3, kMaggio + 86400 * 3, kMaggio + 86400 * 3 + 5, "d.mp4");
-  EXPECT_EQ(chiama(api_giorni, {}).corpo,
-            Json::parse(R"({"giorni": ["2024-04-30", "2024-05-01", "2024-05-04"]})"));
-  EXPECT_EQ(chiama(api_giorni, {{"cam", "1"}}).corpo, Json::parse(R"({"giorni": ["2024-05-01"]})"));
-  EXPECT_EQ(chiama(api_giorni, {{"cam", "zzz"}}).corpo["giorni"].size(), 3u);  // not a number: all
 }
 
 TEST_F(RegistrazioniTest, VideoIsServedWithRangesOrNotFound) {
@@ -259,9 +243,6 @@ TEST_F(RegistrazioniTest, VideoIsServedWithRangesOrNotFound) {
   EXPECT_EQ(r.file->nome_download, "02-00-00.mp4");
   EXPECT_TRUE(chiama(api_video, {{"scarica", "1"}}, id).file->allegato);
   EXPECT_FALSE(chiama(api_video, {{"scarica", "true"}}, id).file->allegato);
-  PianoInvio p = pianifica_invio(*r.file, *info_file(r.file->percorso), {{"range", "bytes=0-99"}});
-  EXPECT_EQ(p.status, 206);
-  EXPECT_EQ(p.lunghezza, 100);
 }
 
 TEST_F(RegistrazioniTest, ArchiveOverviewPerCameraAndDay) {
@@ -270,9 +251,7 @@ TEST_F(RegistrazioniTest, ArchiveOverviewPerCameraAndDay) {
   riga(1, kMaggio + 86400, kMaggio + 86400 + 60, "g2.mp4", 500000);
   riga(9, kMaggio, kMaggio - 5, "x.mp4", 1000000, false);  // camera no longer configured
   Json j = chiama(api_archivio, {}).corpo;
-  EXPECT_EQ(j["cartella"], archivio);
   EXPECT_EQ(j["archivio_ok"], true);
-  EXPECT_EQ(j["giorni_conservazione"], 14);
   EXPECT_EQ(j["totale"], (Json{{"n", 3}, {"gb", 0.0}}));
   EXPECT_EQ(j["senza_file"], 1);
   ASSERT_EQ(j["telecamere"].size(), 3u);

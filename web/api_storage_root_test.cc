@@ -24,7 +24,6 @@ namespace fs = std::filesystem;
 using testing::CartellaAmmessa;
 using testing::CartellaTemporanea;
 using testing::HostDiProva;
-using testing::TmpfsIn;
 
 Json errore(const std::string& msg) { return Json{{"status", "error"}, {"message", msg}}; }
 
@@ -55,25 +54,6 @@ class ApiStorageRootTest : public ::testing::Test {
   HostDiProva h;
   CartellaAmmessa srv;
 };
-
-TEST_F(ApiStorageRootTest, BrowsingAMountedDriveNamesItsMountPoint) {
-  imposta_radice_montaggi_per_test(srv / "montaggi");
-  TmpfsIn disco(srv / "montaggi/DISCO");
-  ASSERT_TRUE(disco.montato());
-  fs::create_directories(srv / "montaggi/DISCO/nvr/cam_1");
-
-  for (const std::string& base : {srv / "montaggi/DISCO", srv / "montaggi/DISCO/nvr"}) {
-    SCOPED_TRACE(base);
-    Richiesta r = richiesta("GET");
-    r.query["base"] = base;
-    Risposta a = api_cartelle(r);
-    ASSERT_EQ(a.status, 200) << a.corpo.dump();
-    EXPECT_EQ(a.corpo["radice"], srv / "montaggi/DISCO");
-    EXPECT_EQ(a.corpo["cartelle"].size(), 1u);
-    // The space is the drive's, not the system disk's: a 1 MB tmpfs.
-    EXPECT_EQ(a.corpo["spazio"]["totale_gb"], 0.0);
-  }
-}
 
 // The storage page's whole round with a real drive: mount, browse, choose a folder, unmount.
 // Only lsblk is a stand-in (it cannot call a loop device removable).
@@ -112,9 +92,17 @@ TEST_F(ApiStorageRootTest, UsbDriveMountedBrowsedChosenAndUnmounted) {
   ASSERT_EQ(r.status, 200) << r.corpo.dump();
   EXPECT_EQ(r.corpo["cartelle"], Json::array());  // lost+found is not offered
   EXPECT_EQ(r.corpo["radice"], mp);
+  EXPECT_EQ(r.corpo["spazio"]["totale_gb"], 0.0);  // the drive's, not the system disk's
   r = api_cartelle(richiesta("POST", {{"base", mp}, {"nome", "nvr"}}));
   ASSERT_EQ(r.status, 200) << r.corpo.dump();
+  Richiesta dentro = richiesta("GET");
+  dentro.query["base"] = mp + "/nvr";
+  EXPECT_EQ(api_cartelle(dentro).corpo["radice"], mp);  // a folder below names its drive
 
+  // A share's folder follows the same rule as a drive's: on a mounted filesystem it is taken.
+  r = api_config(
+      richiesta("POST", {{"cartella", mp + "/nvr"}, {"destinazione", {{"tipo", "rete"}}}}));
+  EXPECT_EQ(r.status, 200) << r.corpo.dump();
   const Json scelta = {{"cartella", mp + "/nvr"},
                        {"destinazione", {{"tipo", "usb"}, {"uuid", disco->uuid()}}}};
   r = api_config(richiesta("POST", scelta));

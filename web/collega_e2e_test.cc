@@ -132,36 +132,26 @@ void attacca_con_segnali_veri(HostWeb& w, const std::string& traccia) {
   std::this_thread::sleep_for(std::chrono::seconds(30));
 }
 
-TEST(SigtermTest, StopsRecordersThenExitsWithZero) {
+// In a new process: attaches with the real SIGTERM handling (after installing a previous handler
+// that exits with 7, if asked), and checks the recorder saw SIGINT before the process ended.
+void ferma_su_sigterm(bool con_precedente) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   // A fixed path: the death test runs this body again in a new process.
-  std::string traccia = "/tmp/nvr_prova_sigterm_StopsRecordersThenExitsWithZero";
+  std::string traccia = "/tmp/nvr_prova_sigterm_" + std::to_string(con_precedente);
   std::filesystem::remove(traccia);
   EXPECT_EXIT(
       {
+        if (con_precedente) ::signal(SIGTERM, gestore_precedente);
         HostWeb w;
         attacca_con_segnali_veri(w, traccia);
       },
-      ::testing::ExitedWithCode(0), "");
+      ::testing::ExitedWithCode(con_precedente ? 7 : 0), "");
   EXPECT_EQ(testing::leggi_file(traccia), "INT\n");
   std::filesystem::remove(traccia);
 }
 
-TEST(SigtermTest, StopsRecordersThenRunsThePreviousHandler) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  // A fixed path: the death test runs this body again in a new process.
-  std::string traccia = "/tmp/nvr_prova_sigterm_StopsRecordersThenRunsThePreviousHandler";
-  std::filesystem::remove(traccia);
-  EXPECT_EXIT(
-      {
-        ::signal(SIGTERM, gestore_precedente);
-        HostWeb w;
-        attacca_con_segnali_veri(w, traccia);
-      },
-      ::testing::ExitedWithCode(7), "");
-  EXPECT_EQ(testing::leggi_file(traccia), "INT\n");
-  std::filesystem::remove(traccia);
-}
+TEST(SigtermTest, StopsRecordersThenExitsWithZero) { ferma_su_sigterm(false); }
+TEST(SigtermTest, StopsRecordersThenRunsThePreviousHandler) { ferma_su_sigterm(true); }
 
 }  // namespace
 }  // namespace nvr
