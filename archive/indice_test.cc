@@ -226,17 +226,26 @@ TEST_F(IndiceTest, InProgressNamesUseTheMachineClockDayFoldersTheHostZone) {
   nessun_lavoro_rimasto();
 }
 
-TEST_F(IndiceTest, DeepRunLeavesUnfinishedDayFolderFilesAlone) {
+TEST_F(IndiceTest, DeepRunAdoptsFinishedDayFolderFilesOfTheCameraAndLegacyFolders) {
   segmento(giorno("12-00-00.mp4"), 2048, Moov::nessuno);
   segmento(giorno("12-00-01.mp4"), 1000);
   segmento(giorno("12-00-02.mp4"), 2048, Moov::inizio, 5);
   segmento(giorno("appunti.mp4"), 2048);
   segmento(giorno("12-00-03.mp4"), 2048);
+  const std::string legacy = radice / "cam_1/2024-05-01/12-00-00.mp4";
+  segmento(legacy, 2048);
+  segmento(radice / "cam_1/20240501_130000.mp4", 2048);  // flat legacy files are not adopted
   _indicizza(cfg, cams, true);
-  ASSERT_EQ(righe().size(), 1u);
-  EXPECT_EQ(righe()[0].file, giorno("12-00-03.mp4"));
+
+  std::vector<std::pair<std::string, CamId>> adottati;
+  for (const RigaIndice& r : righe()) adottati.emplace_back(r.file, r.cam_id);
+  EXPECT_EQ(adottati, (std::vector<std::pair<std::string, CamId>>{{giorno("12-00-03.mp4"), 1},
+                                                                  {legacy, 1}}));
+  EXPECT_DOUBLE_EQ(riga(legacy)->inizio, 1714557600);
   for (const char* n : {"12-00-00.mp4", "12-00-01.mp4", "12-00-02.mp4", "appunti.mp4"})
-    EXPECT_TRUE(fs::exists(giorno(n))) << n;
+    EXPECT_TRUE(fs::exists(giorno(n))) << n;  // unfinished day-folder files are left alone
+  EXPECT_TRUE(fs::exists(radice / "cam_1/20240501_130000.mp4"));
+  nessun_lavoro_rimasto();
 }
 
 TEST_F(IndiceTest, OrphanCameraFolderIsAdopted) {
@@ -255,18 +264,6 @@ TEST_F(IndiceTest, OrphanCameraFolderIsAdopted) {
   EXPECT_EQ(righe()[0].cam_id, 7);
   EXPECT_EQ(righe()[0].file, radice / "cam_7/2024-05-01/12-00-00.mp4");
   EXPECT_FALSE(fs::exists(radice / "cam_1"));  // an empty legacy folder goes
-  nessun_lavoro_rimasto();
-}
-
-TEST_F(IndiceTest, LegacyFolderDayFilesAreAdoptedFlatFilesAreNot) {
-  segmento(radice / "cam_1/2024-05-01/12-00-00.mp4", 2048);
-  segmento(radice / "cam_1/20240501_130000.mp4", 2048);
-  _indicizza(cfg, cams, true);
-  ASSERT_EQ(righe().size(), 1u);
-  EXPECT_EQ(righe()[0].cam_id, 1);
-  EXPECT_EQ(righe()[0].file, radice / "cam_1/2024-05-01/12-00-00.mp4");
-  EXPECT_DOUBLE_EQ(righe()[0].inizio, 1714557600);
-  EXPECT_TRUE(fs::exists(radice / "cam_1/20240501_130000.mp4"));
   nessun_lavoro_rimasto();
 }
 
