@@ -4,8 +4,6 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <sstream>
 
@@ -15,6 +13,7 @@
 #include "storage/comando.h"
 #include "testing/ambiente.h"
 #include "testing/righe_di_prova.h"
+#include "testing/sonda.h"
 #include "testing/tmpfs_di_prova.h"
 
 namespace nvr {
@@ -26,18 +25,15 @@ using testing::CartellaTemporanea;
 using testing::file_indicizzati;
 using testing::scrivi_file;
 
-// When this binary is started again as another user with NVR_SONDA_MANCANTI set (paths, one a
-// line), it only prints what _mancanti answers there, one a line, and leaves.
-const bool kSonda = [] {
-  const char* elenco = std::getenv("NVR_SONDA_MANCANTI");
-  if (!elenco) return false;
+// What _mancanti answers to an unprivileged server for these paths (one a line), one a line.
+const bool kSonda = testing::registra_sonda("NVR_SONDA_MANCANTI", [](const std::string& elenco) {
   std::vector<std::string> percorsi;
   std::istringstream righe(elenco);
   for (std::string r; std::getline(righe, r);) percorsi.push_back(r);
-  for (const std::string& p : _mancanti(percorsi)) std::printf("%s\n", p.c_str());
-  std::fflush(stdout);
-  std::_Exit(0);
-}();
+  std::string fuori;
+  for (const std::string& p : _mancanti(percorsi)) fuori += p + "\n";
+  return fuori;
+});
 
 class AllineamentoRootTest : public ::testing::Test {
  protected:
@@ -85,12 +81,8 @@ TEST_F(AllineamentoRootTest, FolderTheUserMayNotListMakesNoneMissing) {
        {"chiusa/1.mp4", "chiusa/2.mp4", "aperta/1.mp4", "aperta/2.mp4", "tolta/1.mp4"})
     percorsi += t / p + "\n";
 
-  std::string self = fs::read_symlink("/proc/self/exe").string();
-  RisultatoComando r = _comando({"setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups",
-                                 "env", "-i", "NVR_SONDA_MANCANTI=" + percorsi, self},
-                                60);
-  ASSERT_EQ(r.codice, 0) << r.err;
-  EXPECT_EQ(r.out, t / "aperta/2.mp4" + "\n" + t / "tolta/1.mp4" + "\n");
+  EXPECT_EQ(testing::sonda_come_nobody({"NVR_SONDA_MANCANTI=" + percorsi}),
+            t / "aperta/2.mp4" + "\n" + t / "tolta/1.mp4" + "\n");
 }
 
 }  // namespace

@@ -7,9 +7,9 @@
 #include <chrono>
 #include <thread>
 
-#include "core/stato.h"
 #include "storage/con_timeout.h"
 #include "testing/ambiente.h"
+#include "testing/processi.h"
 
 namespace nvr {
 namespace {
@@ -102,42 +102,13 @@ TEST(ConTimeoutTest, AHungCallIsCutOffAndLeftToFinishSafely) {
   std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // let the abandoned call end
 }
 
-class UtenteTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    for (const char* v : {"USER", "LOGNAME"}) {
-      const char* x = std::getenv(v);
-      salvati_.emplace_back(v, x ? std::optional<std::string>(x) : std::nullopt);
-    }
-  }
-  void TearDown() override {
-    for (auto& [v, x] : salvati_) x ? ::setenv(v, x->c_str(), 1) : ::unsetenv(v);
-  }
-  std::vector<std::pair<const char*, std::optional<std::string>>> salvati_;
-};
-
-TEST_F(UtenteTest, NameComesFromTheEnvironmentThenThePasswordDatabase) {
-  ::setenv("USER", "mario", 1);
-  ::setenv("LOGNAME", "luigi", 1);
+// Without either variable the name comes from the password database: the root tests' probe,
+// started with an empty environment, is told its name is "nobody".
+TEST(UtenteTest, NameComesFromUserThenLogname) {
+  testing::VariabileDiProva user("USER", "mario"), logname("LOGNAME", "luigi");
   EXPECT_EQ(_utente_app().nome, "mario");
   ::setenv("USER", "", 1);
   EXPECT_EQ(_utente_app().nome, "luigi");
-  ::unsetenv("USER");
-  ::unsetenv("LOGNAME");
-  UtenteApp u = _utente_app();
-  EXPECT_EQ(u.uid, ::getuid());
-  EXPECT_EQ(u.gid, ::getgid());
-  EXPECT_EQ(u.nome, ::getuid() == 0 ? "root" : u.nome);
-  EXPECT_FALSE(u.nome.empty());
-}
-
-TEST(RadiceTest, RootRunsCommandsDirectly) {
-  if (!_sono_root()) GTEST_SKIP() << "serve l'utente root";
-  azzera_stato_per_test();
-  RisultatoComando r = _radice({"id", "-u"}, 10);
-  EXPECT_EQ(r.codice, 0);
-  EXPECT_EQ(r.out, "0\n");
-  EXPECT_FALSE(_sudo.get().ok.has_value());  // sudo was never probed
 }
 
 }  // namespace

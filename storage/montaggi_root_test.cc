@@ -4,14 +4,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 
 #include "core/stato.h"
 #include "storage/comando.h"
 #include "storage/montaggi.h"
 #include "testing/ambiente.h"
+#include "testing/sonda.h"
 #include "testing/tmpfs_di_prova.h"
 
 namespace nvr {
@@ -22,16 +21,10 @@ using testing::CartellaTemporanea;
 using testing::scrivi_byte;
 using testing::TmpfsDiProva;
 
-// When this binary is started again as another user with NVR_SONDA_DOPO_MOUNT set, it only
-// answers what _dopo_mount says there, and leaves before any test runs.
-const bool kSonda = [] {
-  const char* punto = std::getenv("NVR_SONDA_DOPO_MOUNT");
-  if (!punto) return false;
+const bool kSonda = testing::registra_sonda("NVR_SONDA_DOPO_MOUNT", [](const std::string& punto) {
   auto [ok, msg] = _dopo_mount(punto, "Cartella di rete");
-  std::printf("%d|%s\n", ok ? 1 : 0, msg.c_str());
-  std::fflush(stdout);
-  std::_Exit(0);
-}();
+  return std::to_string(ok) + "|" + msg;
+});
 
 const char kSolaLettura[] =
     " montata in sola lettura: se e' una chiavetta NTFS non e' stata espulsa bene da Windows "
@@ -66,49 +59,34 @@ TEST_F(MontaggiTest, MountPointsAndTheMountHoldingAPath) {
   EXPECT_EQ(_radice_montaggio(altrove.percorso()), _radice_montaggio("/tmp"));
 }
 
-TEST_F(MontaggiTest, SpaceFiguresAreRoundedToOneDecimalOfGigabyte) {
-  // 305176 pages of 4096 bytes: 1.250000896 GB, just above a half, so it reads 1.3.
-  MONTA(t, "size=1250000896");
-  auto sp = _spazio(t.percorso());
-  ASSERT_TRUE(sp.has_value());
-  EXPECT_EQ(sp->totale_gb, 1.3);
-  EXPECT_EQ(sp->libero_gb, 1.3);
-  EXPECT_EQ(sp->usato_pct, 0);
-
-  scrivi_byte(t / "f", 60000000);  // 14649 pages: 1.189998592 GB left, 4.8% used
-  sp = _spazio(t / "f");           // any path on the filesystem will do
-  ASSERT_TRUE(sp.has_value());
-  EXPECT_EQ(sp->totale_gb, 1.3);
-  EXPECT_EQ(sp->libero_gb, 1.2);
-  EXPECT_EQ(sp->usato_pct, 5);
-}
-
-TEST_F(MontaggiTest, UsedShareRoundsAnExactHalfToEven) {
-  MONTA(t, "size=819200");  // 200 pages
+// A tmpfs counts whole pages of 4096 bytes: the figures below are worked out in pages.
+TEST_F(MontaggiTest, SpaceFiguresRoundToOneDecimalOfGigabyteAndTheShareHalfToEven) {
   struct Caso {
-    long long byte;
-    int atteso;
+    const char* opzioni;
+    long long byte;  // written into one file
+    double totale_gb, libero_gb;
+    int usato_pct;
+  } casi[] = {
+      // 305176 pages: 1.250000896 GB, just above a half; then 1.189998592 GB left, 4.8% used.
+      {"size=1250000896", 0, 1.3, 1.3, 0},
+      {"size=1250000896", 60000000, 1.3, 1.2, 5},
+      // 200 pages: 25 used are 12.5%, 27 are 13.5%, 26 are 13%.
+      {"size=819200", 102400, 0.0, 0.0, 12},
+      {"size=819200", 110592, 0.0, 0.0, 14},
+      {"size=819200", 106496, 0.0, 0.0, 13},
+      {"size=819200", 819200, 0.0, 0.0, 100},
+      {"size=0", 4096, 0.0, 0.0, 0},  // without a limit tmpfs reports no blocks at all
   };
-  const Caso casi[] = {{102400, 12},  // 25 pages: 12.5
-                       {110592, 14},  // 27 pages: 13.5
-                       {106496, 13},  // 26 pages: 13.0
-                       {819200, 100}};
   for (const Caso& c : casi) {
-    scrivi_byte(t / "f", c.byte);
-    auto sp = _spazio(t.percorso());
+    SCOPED_TRACE(std::string(c.opzioni) + ", " + std::to_string(c.byte) + " byte");
+    MONTA(t, c.opzioni);
+    if (c.byte) scrivi_byte(t / "f", c.byte);
+    auto sp = _spazio(c.byte ? t / "f" : t.percorso());  // any path on the filesystem will do
     ASSERT_TRUE(sp.has_value());
-    EXPECT_EQ(sp->usato_pct, c.atteso) << c.byte << " byte";
-    EXPECT_EQ(sp->totale_gb, 0.0);
+    EXPECT_EQ(sp->totale_gb, c.totale_gb);
+    EXPECT_EQ(sp->libero_gb, c.libero_gb);
+    EXPECT_EQ(sp->usato_pct, c.usato_pct);
   }
-}
-
-TEST_F(MontaggiTest, UnlimitedFilesystemReportsZeroSizeAndZeroUse) {
-  MONTA(t, "size=0");  // tmpfs without a limit reports no blocks at all
-  auto sp = _spazio(t.percorso());
-  ASSERT_TRUE(sp.has_value());
-  EXPECT_EQ(sp->totale_gb, 0.0);
-  EXPECT_EQ(sp->libero_gb, 0.0);
-  EXPECT_EQ(sp->usato_pct, 0);
 }
 
 TEST_F(MontaggiTest, SafeSpaceReadingIsCachedForOneFolder) {
@@ -137,25 +115,14 @@ TEST_F(MontaggiTest, ReadOnlyMountIsRefusedAndUnmounted) {
   EXPECT_FALSE(_ismount(t.percorso())) << "il montaggio in sola lettura resta al suo posto";
 }
 
-TEST_F(MontaggiTest, WritableMountIsAcceptedAndKept) {
-  MONTA(t, "size=1m");
-  EXPECT_EQ(_dopo_mount(t.percorso(), "Unita'"), std::make_pair(true, std::string()));
-  EXPECT_TRUE(_ismount(t.percorso()));
-}
-
 TEST_F(MontaggiTest, MountTheServerUserCannotWriteIsRefused) {
   MONTA(t, "size=1m,mode=0755");  // root's own: user nobody cannot write nor take it over
   ::chmod(fs::path(t.percorso()).parent_path().c_str(), 0755);
-  std::string self = fs::read_symlink("/proc/self/exe").string();
-  RisultatoComando r = _comando({"setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups",
-                                 "env", "-i", "PATH=/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin",
-                                 "NVR_SONDA_DOPO_MOUNT=" + t.percorso(), self},
-                                60);
-  ASSERT_EQ(r.codice, 0) << r.err;
-  EXPECT_EQ(r.out,
+  EXPECT_EQ(testing::sonda_come_nobody({"PATH=/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin",
+                                        "NVR_SONDA_DOPO_MOUNT=" + t.percorso()}),
             "0|Cartella di rete montata ma non scrivibile dall'utente nobody con cui gira il "
             "server: controlla i permessi (sul NAS: utente con diritto di scrittura; NFS: "
-            "no_root_squash)\n");
+            "no_root_squash)");
   // The user tried to unmount it again but had no right to: it is still there.
   EXPECT_TRUE(_ismount(t.percorso()));
 }

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include "core/stato.h"
 #include "testing/ambiente.h"
 #include "testing/stand_in.h"
@@ -27,91 +29,64 @@ std::string mac(const std::string& nome) {
 }
 
 TEST(SpiegaMountTest, EachErrorGetsTheFirstMatchingHint) {
-  struct Caso {
-    std::string err;
-    std::string atteso;
-  };
-  const Caso casi[] = {
-      {"", ""},
-      {"  \n\t", ""},
-      {"mount: qualcosa di strano", "mount: qualcosa di strano"},
+  const std::string exfat =
+      "  (manca il supporto exfat sul server: esegui  sudo apt-get install -y exfat-fuse "
+      "exfatprogs  e riprova)";
+  const std::pair<std::string, std::string> casi[] = {
+      {"mount: qualcosa di strano", ""},
       // Credentials: the CIFS code wins over the generic words of a later row.
-      {"mount error(13): Permission denied", "mount error(13): Permission denied" + kCredenziali},
-      {" [Errno 13] Permission denied\n", "[Errno 13] Permission denied" + kCredenziali},
-      {"mount error(2): No such file or directory",
-       "mount error(2): No such file or directory" + kCondivisa},
-      {"ERRNO 2 cartella", "ERRNO 2 cartella" + kCondivisa},
-      {"mount error(112): Host is down", "mount error(112): Host is down" + kServer},
-      {"Host is down", "Host is down" + kServer},
-      {"No route to host", "No route to host" + kServer},
-      {"mount error(113): boh", "mount error(113): boh" + kServer},
-      {"Connection refused", "Connection refused" + kServer},
-      {"mount error(110): Connection timed out",
-       "mount error(110): Connection timed out" + kServer},
-      {"mount: only root can do that", "mount: only root can do that" + kPermessi},
-      {"mount: solo root puo' farlo", "mount: solo root puo' farlo" + kPermessi},
-      {"mount: /mnt: Permission denied.", "mount: /mnt: Permission denied." + kPermessi},
-      {"Permesso negato", "Permesso negato" + kPermessi},
-      {"mount: Operation not permitted", "mount: Operation not permitted" + kPermessi},
-      {"Operazione non consentita", "Operazione non consentita" + kPermessi},
+      {"mount error(13): Permission denied", kCredenziali},
+      {"[Errno 13] Permission denied", kCredenziali},
+      {"mount error(2): No such file or directory", kCondivisa},
+      {"ERRNO 2 cartella", kCondivisa},
+      {"mount error(112): Host is down", kServer},
+      {"Host is down", kServer},
+      {"No route to host", kServer},
+      {"mount error(113): boh", kServer},
+      {"Connection refused", kServer},
+      {"mount error(110): Connection timed out", kServer},
+      {"mount: only root can do that", kPermessi},
+      {"mount: solo root puo' farlo", kPermessi},
+      {"mount: /mnt: Permission denied.", kPermessi},
+      {"Permesso negato", kPermessi},
+      {"mount: Operation not permitted", kPermessi},
+      {"Operazione non consentita", kPermessi},
       // Filesystems the system cannot read; the quoted type keeps its case only for the Mac.
-      {"mount: /media/x: unknown filesystem type 'apfs'.",
-       "mount: /media/x: unknown filesystem type 'apfs'." + mac("APFS")},
-      {"unknown filesystem type 'HFSPLUS'", "unknown filesystem type 'HFSPLUS'" + mac("HFSPLUS")},
-      {"wrong fs type; filesystem type 'hfs'", "wrong fs type; filesystem type 'hfs'" + mac("HFS")},
-      {"unknown filesystem type 'exfat'",
-       "unknown filesystem type 'exfat'  (manca il supporto exfat sul server: esegui  sudo apt-get "
-       "install -y exfat-fuse exfatprogs  e riprova)"},
+      {"mount: /media/x: unknown filesystem type 'apfs'.", mac("APFS")},
+      {"unknown filesystem type 'HFSPLUS'", mac("HFSPLUS")},
+      {"wrong fs type; filesystem type 'hfs'", mac("HFS")},
+      {"unknown filesystem type 'exfat'", exfat},
       {"unknown filesystem type 'NTFS'",
-       "unknown filesystem type 'NTFS'  (manca il supporto ntfs sul server: esegui  sudo apt-get "
-       "install -y ntfs-3g  e riprova)"},
-      {"unknown filesystem type 'btrfs'", "unknown filesystem type 'btrfs'" + kIgnoto},
-      {"mount: /media/x: wrong fs type, bad option, bad superblock on /dev/sdb1.",
-       "mount: /media/x: wrong fs type, bad option, bad superblock on /dev/sdb1." + kIgnoto},
-      {"Tipo di filesystem sconosciuto", "Tipo di filesystem sconosciuto" + kIgnoto},
-      {"wrong fs type: filesystem type '' o filesystem type 'exfat'",
-       "wrong fs type: filesystem type '' o filesystem type 'exfat'  (manca il supporto exfat sul "
-       "server: esegui  sudo apt-get install -y exfat-fuse exfatprogs  e riprova)"},
-      {"unknown filesystem type 'exfat", "unknown filesystem type 'exfat" + kIgnoto},
+       "  (manca il supporto ntfs sul server: esegui  sudo apt-get install -y ntfs-3g  e riprova)"},
+      {"unknown filesystem type 'btrfs'", kIgnoto},
+      {"mount: /media/x: wrong fs type, bad option, bad superblock on /dev/sdb1.", kIgnoto},
+      {"Tipo di filesystem sconosciuto", kIgnoto},
+      {"wrong fs type: filesystem type '' o filesystem type 'exfat'", exfat},
+      {"unknown filesystem type 'exfat", kIgnoto},
       // Only the lower-case text is searched for the row, the original for the name.
-      {"UNKNOWN FILESYSTEM TYPE 'exfat'", "UNKNOWN FILESYSTEM TYPE 'exfat'" + kIgnoto},
+      {"UNKNOWN FILESYSTEM TYPE 'exfat'", kIgnoto},
   };
-  for (const Caso& c : casi) EXPECT_EQ(_spiega_mount(c.err), c.atteso) << "errore: " << c.err;
+  for (const auto& [err, consiglio] : casi)
+    EXPECT_EQ(_spiega_mount(err), err + consiglio) << "errore: " << err;
+  // The text is trimmed before the hint is added.
+  EXPECT_EQ(_spiega_mount("  \n\t"), "");
+  EXPECT_EQ(_spiega_mount(" [Errno 13] Permission denied\n"),
+            "[Errno 13] Permission denied" + kCredenziali);
 }
 
-TEST(IsmountTest, OnlyTheRootOfAMountIsAMountPoint) {
-  CartellaTemporanea t;
-  EXPECT_FALSE(_ismount(""));
-  EXPECT_FALSE(_ismount(t.percorso()));  // a plain folder
-  EXPECT_FALSE(_ismount(t / "manca"));
-  EXPECT_TRUE(_ismount("/"));
-}
-
-TEST(RadiceMontaggioTest, PathsOnTheRootFilesystemLeadToSlash) {
-  EXPECT_EQ(_radice_montaggio("/"), "/");
-  EXPECT_EQ(_radice_montaggio("/non/esiste/affatto"), "/");
-  EXPECT_EQ(_radice_montaggio("/proc/self/fd"), "/proc");  // through a symbolic link
-}
-
-TEST(SpazioTest, MissingFolderHasNoFiguresAndTheAnswerIsCached) {
+TEST(SpazioTest, OnlyAnExistingFolderHasFigures) {
   azzera_stato_per_test();
   CartellaTemporanea t;
   EXPECT_FALSE(_spazio(t / "manca").has_value());
   EXPECT_FALSE(_spazio_sicuro(t / "manca").has_value());
-  CacheSpazio c = _cache_spazio.get();
-  EXPECT_EQ(c.cartella, t / "manca");
-  EXPECT_FALSE(c.spazio.has_value());
-  EXPECT_GT(c.ts, 0.0);
-
+  std::filesystem::create_directory(t / "manca");
+  EXPECT_FALSE(_spazio_sicuro(t / "manca").has_value()) << "anche l'assenza resta in cache";
   // A file is not a folder: no figures even though statvfs would answer for it.
   testing::scrivi_file(t / "file", "x");
   EXPECT_FALSE(_spazio_sicuro(t / "file", 0).has_value());
-
   auto sp = _spazio_sicuro(t.percorso(), 0);
   ASSERT_TRUE(sp.has_value());
   EXPECT_GT(sp->totale_gb, 0.0);
-  EXPECT_GE(sp->usato_pct, 0);
-  EXPECT_LE(sp->usato_pct, 100);
   azzera_stato_per_test();
 }
 
@@ -129,10 +104,9 @@ TEST(MountVivoTest, UsbDriveMustStillBeListedAndMounted) {
     std::string mp;
     bool atteso;
   };
+  // How the drive is looked up is _trova_unita's own table; here what "alive" asks of it.
   const Caso casi[] = {
       {{{"tipo", "usb"}, {"uuid", "uuid-a"}}, mp.percorso(), true},
-      {{{"tipo", "usb"}, {"dev", "/dev/sdb1"}, {"uuid", nullptr}}, mp.percorso(), true},
-      {{{"tipo", "usb"}, {"etichetta", "NVR"}}, mp.percorso(), true},
       {{{"tipo", "usb"}, {"uuid", "uuid-a"}}, mp / "manca", false},       // listed, but no answer
       {{{"tipo", "usb"}, {"uuid", "uuid-b"}}, mp.percorso(), false},      // present, not mounted
       {{{"tipo", "usb"}, {"uuid", "uuid-tolta"}}, mp.percorso(), false},  // pulled

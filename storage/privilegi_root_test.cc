@@ -4,31 +4,24 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 
 #include "core/stato.h"
 #include "storage/cartelle_fs.h"
 #include "storage/comando.h"
 #include "testing/ambiente.h"
+#include "testing/sonda.h"
 
 namespace nvr {
 namespace {
 
 using testing::CartellaTemporanea;
 
-// When this binary is started again as another user with NVR_SONDA_RADICE set, it only answers
-// what _radice and _intesta say there, and leaves before any test runs.
-const bool kSonda = [] {
-  const char* cartella = std::getenv("NVR_SONDA_RADICE");
-  if (!cartella) return false;
+// What _radice and _intesta answer to an unprivileged server: "code|message|owned".
+const bool kSonda = testing::registra_sonda("NVR_SONDA_RADICE", [](const std::string& cartella) {
   RisultatoComando r = _radice({"true"}, 10);
-  bool intestata = _intesta(cartella);
-  std::printf("%d|%s|%d\n", r.codice, r.err.c_str(), intestata ? 1 : 0);
-  std::fflush(stdout);
-  std::_Exit(0);
-}();
+  return std::to_string(r.codice) + "|" + r.err + "|" + std::to_string(_intesta(cartella));
+});
 
 class PrivilegiTest : public ::testing::Test {
  protected:
@@ -36,16 +29,10 @@ class PrivilegiTest : public ::testing::Test {
     if (!_sono_root()) GTEST_SKIP() << "serve l'utente root (mount e cambio di utente)";
   }
 
-  // Runs the probe as user nobody with the given PATH and no USER/LOGNAME, so the name comes
-  // from the password database. Answers "code|message|owned".
+  // As user nobody with this PATH and no USER/LOGNAME, so the name comes from the password
+  // database.
   std::string sonda_come_nobody(const std::string& path, const std::string& cartella) {
-    std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
-    RisultatoComando r = _comando({"setpriv", "--reuid=nobody", "--regid=nogroup", "--clear-groups",
-                                   "env", "-i", "PATH=" + path, "NVR_SONDA_RADICE=" + cartella,
-                                   self},
-                                  60);
-    EXPECT_EQ(r.codice, 0) << r.err;
-    return r.out;
+    return testing::sonda_come_nobody({"PATH=" + path, "NVR_SONDA_RADICE=" + cartella});
   }
 };
 
@@ -53,7 +40,7 @@ TEST_F(PrivilegiTest, UnprivilegedUserWithoutPasswordlessSudoIsTold) {
   CartellaTemporanea t;  // root's, mode 0700: nobody cannot write there nor take it over
   std::string atteso_sudo =
       "126|il server gira come utente nobody (non root) e sudo chiede la password: avvialo con  "
-      "sudo  oppure dal servizio zuna_os (systemctl start zuna_os)|0\n";
+      "sudo  oppure dal servizio zuna_os (systemctl start zuna_os)|0";
   if (programma_presente("sudo")) {
     EXPECT_EQ(sonda_come_nobody("/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin", t.percorso()),
               atteso_sudo);
@@ -64,7 +51,7 @@ TEST_F(PrivilegiTest, UnprivilegedUserWithoutPasswordlessSudoIsTold) {
   ::symlink("/usr/bin/env", (vuota / "env").c_str());
   EXPECT_EQ(sonda_come_nobody(vuota.percorso(), t.percorso()),
             "126|il server gira come utente nobody (non root) e sudo non c'e': avvialo come "
-            "root|0\n");
+            "root|0");
 }
 
 TEST_F(PrivilegiTest, ReadOnlyMountIsRecognisedAndCannotBeTakenOver) {
@@ -79,11 +66,6 @@ TEST_F(PrivilegiTest, ReadOnlyMountIsRecognisedAndCannotBeTakenOver) {
   auto [ok, msg] = _mkdir(punto + "/sotto");
   EXPECT_FALSE(ok);
   EXPECT_FALSE(msg.empty());
-  ASSERT_EQ(::umount(punto.c_str()), 0);
-
-  ASSERT_EQ(::mount("tmpfs", punto.c_str(), "tmpfs", 0, "size=1m,mode=0700,uid=65534"), 0);
-  EXPECT_FALSE(_sola_lettura(punto));
-  EXPECT_TRUE(_scrivibile(punto));  // root writes anywhere writable
   ASSERT_EQ(::umount(punto.c_str()), 0);
 }
 
