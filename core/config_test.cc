@@ -32,7 +32,6 @@ TEST_F(ConfigTest, StoredValuesReadBackWithDefaults) {
     double spazio_min_gb;
   };
   const Caso casi[] = {
-      {"", 0, "", "{}", 300, 14, 2.0},
       {"attivo=1, cartella='/srv/nvr', segmento_sec=120, giorni=3, spazio_min_gb=7.5", 1,
        "/srv/nvr", "{}", 120, 3, 7.5},
       // Zero and null read back as the defaults.
@@ -42,8 +41,6 @@ TEST_F(ConfigTest, StoredValuesReadBackWithDefaults) {
        0, "", "{}", 300, 14, 2.0},
       {"destinazione='non json {'", 0, "", "{}", 300, 14, 2.0},
       {"destinazione='[1, 2]'", 0, "", "[1,2]", 300, 14, 2.0},
-      {"destinazione='{\"tipo\": \"usb\", \"uuid\": \"AB-12\"}'", 0, "",
-       "{\"tipo\":\"usb\",\"uuid\":\"AB-12\"}", 300, 14, 2.0},
   };
   for (const Caso& c : casi) {
     SCOPED_TRACE(c.aggiornamento);
