@@ -117,25 +117,12 @@ TEST_F(RegistrazioneE2eTest, RecordPlayWithRangesAndDelete) {
   EXPECT_EQ(r.status, 206);
   EXPECT_TRUE(r.corpo == intero.substr(0, 100)) << "byte diversi dal file";
   EXPECT_EQ(r.intestazione("Content-Range"), "bytes 0-99/" + std::to_string(intero.size()));
-  EXPECT_EQ(r.intestazione("Content-Length"), "100");
-  EXPECT_EQ(r.intestazione("Content-Type"), "video/mp4");
-  EXPECT_EQ(r.intestazione("Accept-Ranges"), "bytes");
   const std::string etag = r.intestazione("ETag");
   ASSERT_FALSE(etag.empty());
-
-  r = p->get(video, {{"Range", "bytes=100-"}});
-  EXPECT_EQ(r.status, 206);
-  EXPECT_TRUE(r.corpo == intero.substr(100)) << "byte diversi dal file";
 
   r = p->get(video, {{"If-None-Match", etag}});
   EXPECT_EQ(r.status, 304);
   EXPECT_TRUE(r.corpo.empty());
-
-  r = p->get(video + "?scarica=1");
-  EXPECT_EQ(r.status, 200);
-  EXPECT_TRUE(r.corpo == intero) << "byte diversi dal file";
-  EXPECT_EQ(r.intestazione("Content-Disposition"),
-            "attachment; filename=\"" + fs::path(file).filename().string() + "\"");
 
   r = p->elimina("/api/nvr/registrazione/" + std::to_string(rid));
   EXPECT_EQ(r.status, 200) << r.corpo;

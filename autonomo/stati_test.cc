@@ -32,18 +32,5 @@ TEST(StatiTest, NormalizeStateTurnsActiveWordsIntoOn) {
   }
 }
 
-TEST(StatiTest, MergeReplacesRemovesAndRefusesNonObjects) {
-  StatiEntita s;
-  ASSERT_TRUE(s.unisci({{"a", "on"}, {"b", 1}}).ok());
-  auto dopo = s.unisci({{"a", nullptr}, {"b", "off"}, {"c", true}});
-  ASSERT_TRUE(dopo.ok());
-  EXPECT_EQ(dopo.valore(), (Json{{"b", "off"}, {"c", true}}));
-  auto rifiuto = s.unisci(Json::array({1}));
-  ASSERT_FALSE(rifiuto.ok());
-  EXPECT_EQ(rifiuto.errore().codice, 400);
-  EXPECT_EQ(rifiuto.errore().messaggio, "Stati non validi");
-  EXPECT_EQ(s.tutti(), (Json{{"b", "off"}, {"c", true}}));
-}
-
 }  // namespace
 }  // namespace nvr::autonomo

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <mutex>
 #include <optional>
@@ -11,6 +11,7 @@
 #include "core/stato.h"
 #include "core/tempo.h"
 #include "testing/ambiente.h"
+#include "testing/processi.h"
 
 namespace nvr {
 namespace {
@@ -66,13 +67,10 @@ TEST_F(PosizioneTest, CameraFolderNames) {
       {cams[0], cams, "Garage_3"},
       {cams[1], cams, "garage_7"},
       {cams[0], {cams[0], cams[2]}, "Garage"},
-      {cams[0], {}, "Garage"},
       {cams[2], cams, "Porta_d_ingresso"},
       // Nothing usable in the name: the id keeps the cameras apart, no clash suffix added.
       {cams[3], cams, "telecamera_9"},
-      {cams[4], cams, "telecamera_10"},
       {cams[5], cams, "telecamera_11"},
-      {cams[6], cams, "telecamera_12"},
       // Different display names, same safe name.
       {cams[7], cams, "Cucina_13"},
       {cams[8], cams, "Cucina_14"},
@@ -99,37 +97,23 @@ TEST_F(PosizioneTest, DayAndTimeFollowTheHostZone) {
 
   // Without a host zone the machine's own local time applies.
   h.imposta_zona(std::nullopt);
-  const char* prima = std::getenv("TZ");
-  std::string salvato = prima ? prima : "";
-  ::setenv("TZ", "America/New_York", 1);
-  ::tzset();
-  auto locale = _giorno_di(ts);
-  if (prima)
-    ::setenv("TZ", salvato.c_str(), 1);
-  else
-    ::unsetenv("TZ");
+  std::pair<std::string, std::string> locale;
+  {
+    testing::VariabileDiProva tz("TZ", "America/New_York");
+    ::tzset();
+    locale = _giorno_di(ts);
+  }
   ::tzset();
   EXPECT_EQ(locale, std::make_pair(std::string("2024-05-01"), std::string("17-59-58")));
 }
 
-TEST_F(PosizioneTest, SegmentIsMovedIntoTheDayOfItsStart) {
+// Moved (after midnight, as it happens) into the day of its start; segments of the same second
+// get numbered names.
+TEST_F(PosizioneTest, SegmentsAreMovedIntoTheDayOfTheirStartUnderFreeNames) {
   const std::string cam = radice / "Garage";
-  const std::string sorgente = cam + "/in_corso/20240501_235958.mp4";
-  scrivi_file(sorgente, "fine giornata");
+  const double inizio = quasi_mezzanotte();
+  const char* attesi[] = {"23-59-58.mp4", "23-59-58_1.mp4", "23-59-58_2.mp4"};
   ::testing::internal::CaptureStdout();
-  // Moved well after midnight; the start time alone chooses the day.
-  auto dove = _sposta_spezzone(sorgente, cam, quasi_mezzanotte());
-  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
-  ASSERT_TRUE(dove);
-  EXPECT_EQ(*dove, cam + "/2024-05-01/23-59-58.mp4");
-  EXPECT_EQ(leggi_file(*dove), "fine giornata");
-  EXPECT_FALSE(fs::exists(sorgente));
-}
-
-TEST_F(PosizioneTest, SegmentsOfTheSameSecondGetNumberedNames) {
-  const std::string cam = radice / "Garage";
-  const double inizio = epoch_di(ore(2024, 5, 1, 12, 0, 0), zona_di("Europe/Rome"));
-  const char* attesi[] = {"12-00-00.mp4", "12-00-00_1.mp4", "12-00-00_2.mp4"};
   for (int i = 0; i < 3; ++i) {
     std::string sorgente = cam + "/in_corso/seg" + std::to_string(i) + ".mp4";
     scrivi_file(sorgente, std::to_string(i));
@@ -137,13 +121,15 @@ TEST_F(PosizioneTest, SegmentsOfTheSameSecondGetNumberedNames) {
     auto dove = _sposta_spezzone(sorgente, cam, inizio);
     ASSERT_TRUE(dove);
     EXPECT_EQ(*dove, cam + "/2024-05-01/" + attesi[i]);
+    EXPECT_FALSE(fs::exists(sorgente));
   }
+  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
   for (int i = 0; i < 3; ++i)
     EXPECT_EQ(leggi_file(cam + "/2024-05-01/" + attesi[i]), std::to_string(i));  // none overwritten
 
   // A folder standing at a name takes it as much as a file does.
-  fs::create_directories(cam + "/2024-05-01/12-00-00_3.mp4");
-  EXPECT_EQ(_destinazione_spezzone(cam, inizio), cam + "/2024-05-01/12-00-00_4.mp4");
+  fs::create_directories(cam + "/2024-05-01/23-59-58_3.mp4");
+  EXPECT_EQ(_destinazione_spezzone(cam, inizio), cam + "/2024-05-01/23-59-58_4.mp4");
 }
 
 TEST_F(PosizioneTest, UnmovableSegmentStaysAndIsReportedOnce) {
@@ -198,96 +184,41 @@ TEST_F(PosizioneTest, ArchiveGoneFromUnderTheMoveKeepsTheSegment) {
 }
 
 TEST_F(PosizioneTest, EmptyFoldersAreTidiedUpToTheRoot) {
-  struct Caso {
-    const char* nome;
-    std::vector<std::string> cartelle;  // created under the temporary folder
-    std::vector<std::pair<std::string, std::string>> collegamenti;  // link -> target
-    std::string percorso, radice;
-    std::vector<std::string> restano, spariscono;
-  };
-  const Caso casi[] = {
-      {"day and camera folder go, the root stays",
-       {"arch/Garage/2024-05-01"},
-       {},
-       "arch/Garage/2024-05-01/12-00-00.mp4",
-       "arch",
-       {"arch"},
-       {"arch/Garage"}},
-      {"the camera folder keeps its in_corso",
-       {"arch/Garage/2024-05-01", "arch/Garage/in_corso"},
-       {},
-       "arch/Garage/2024-05-01/12-00-00.mp4",
-       "arch",
-       {"arch/Garage/in_corso"},
-       {"arch/Garage/2024-05-01"}},
-      {"an emptied in_corso is never removed",
-       {"arch/Garage/in_corso"},
-       {},
-       "arch/Garage/in_corso/20240501_120000.mp4",
-       "arch",
-       {"arch/Garage/in_corso"},
-       {}},
-      {"a day folder with other files stays",
-       {"arch/Garage/2024-05-01/altro"},
-       {},
-       "arch/Garage/2024-05-01/12-00-00.mp4",
-       "arch",
-       {"arch/Garage/2024-05-01"},
-       {}},
-      {"a file right in the root", {"arch"}, {}, "arch/12-00-00.mp4", "arch", {"arch"}, {}},
-      {"nothing outside the root",
-       {"arch", "fuori/Garage/2024-05-01"},
-       {},
-       "fuori/Garage/2024-05-01/12-00-00.mp4",
-       "arch",
-       {"fuori/Garage/2024-05-01"},
-       {}},
-      {"a sibling whose name starts like the root is outside",
-       {"arch", "arch2/Garage/2024-05-01"},
-       {},
-       "arch2/Garage/2024-05-01/12-00-00.mp4",
-       "arch",
-       {"arch2/Garage/2024-05-01"},
-       {}},
-      {"root given through a symbolic link",
-       {"dischi/arch/Garage/2024-05-01"},
-       {{"arch", "dischi/arch"}},
-       "dischi/arch/Garage/2024-05-01/12-00-00.mp4",
-       "arch",
-       {"dischi/arch"},
-       {"dischi/arch/Garage"}},
-      {"file given through a symbolic link",
-       {"arch/Garage/2024-05-01"},
-       {{"scorciatoia", "arch/Garage"}},
-       "scorciatoia/2024-05-01/12-00-00.mp4",
-       "arch",
-       {"arch"},
-       {"arch/Garage"}},
-      {"a camera folder linked to elsewhere is outside",
-       {"arch", "altrove/2024-05-01"},
-       {{"arch/Garage", "altrove"}},
-       "arch/Garage/2024-05-01/12-00-00.mp4",
-       "arch",
-       {"altrove/2024-05-01"},
-       {}},
-      {"a root that does not exist",
-       {"Garage/2024-05-01"},
-       {},
-       "Garage/2024-05-01/12-00-00.mp4",
-       "manca",
-       {"Garage/2024-05-01"},
-       {}},
-  };
-  for (const Caso& c : casi) {
-    SCOPED_TRACE(c.nome);
+  // After removing `percorso` under root "arch" (with `cartelle` made first, and a link to a
+  // folder when named), `resta` must still be a folder and `sparisce` (if named) be gone.
+  auto prova = [](const char* nome, std::vector<std::string> cartelle,
+                  std::pair<std::string, std::string> collegamento, const std::string& percorso,
+                  const std::string& resta, const std::string& sparisce) {
+    SCOPED_TRACE(nome);
     CartellaTemporanea t;
-    for (const auto& d : c.cartelle) fs::create_directories(t / d);
-    for (const auto& [link, verso] : c.collegamenti)
-      fs::create_directory_symlink(t / verso, t / link);
-    _togli_cartelle_vuote(t / c.percorso, t / c.radice);
-    for (const auto& d : c.restano) EXPECT_TRUE(fs::is_directory(t / d)) << d;
-    for (const auto& d : c.spariscono) EXPECT_FALSE(fs::exists(t / d)) << d;
-  }
+    for (const auto& d : cartelle) fs::create_directories(t / d);
+    if (!collegamento.first.empty())
+      fs::create_directory_symlink(t / collegamento.second, t / collegamento.first);
+    _togli_cartelle_vuote(t / percorso, t / "arch");
+    EXPECT_TRUE(fs::is_directory(t / resta));
+    if (!sparisce.empty()) {
+      EXPECT_FALSE(fs::exists(t / sparisce));
+    }
+  };
+  const std::string file = "arch/Garage/2024-05-01/12-00-00.mp4";
+  prova("day and camera folder go, the root stays", {"arch/Garage/2024-05-01"}, {}, file, "arch",
+        "arch/Garage");
+  prova("the camera folder keeps its in_corso", {"arch/Garage/2024-05-01", "arch/Garage/in_corso"},
+        {}, file, "arch/Garage/in_corso", "arch/Garage/2024-05-01");
+  prova("a file right in the root", {"arch"}, {}, "arch/12-00-00.mp4", "arch", "");
+  prova("an emptied in_corso is never removed", {"arch/Garage/in_corso"}, {},
+        "arch/Garage/in_corso/20240501_120000.mp4", "arch/Garage/in_corso", "");
+  prova("a sibling whose name starts like the root is outside", {"arch", "arch2/Garage/2024-05-01"},
+        {}, "arch2/Garage/2024-05-01/12-00-00.mp4", "arch2/Garage/2024-05-01", "");
+  prova("root given through a symbolic link", {"dischi/arch/Garage/2024-05-01"},
+        {"arch", "dischi/arch"}, "dischi/" + file, "dischi/arch", "dischi/arch/Garage");
+  prova("file given through a symbolic link", {"arch/Garage/2024-05-01"},
+        {"scorciatoia", "arch/Garage"}, "scorciatoia/2024-05-01/12-00-00.mp4", "arch",
+        "arch/Garage");
+  prova("a camera folder linked to elsewhere is outside", {"arch", "altrove/2024-05-01"},
+        {"arch/Garage", "altrove"}, file, "altrove/2024-05-01", "");
+  prova("a root that does not exist", {"Garage/2024-05-01"}, {}, "Garage/2024-05-01/12-00-00.mp4",
+        "Garage/2024-05-01", "");
 }
 
 }  // namespace
