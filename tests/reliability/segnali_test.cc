@@ -77,16 +77,25 @@ std::string cartella_della_camera(Impianto& imp, std::int64_t id) {
   return fs::path(come_testo(r[0][0])).parent_path().parent_path();
 }
 
-TEST(SegnaliTest, SigtermDuringBulkDeletion) {
-  if (!programma_presente("ffmpeg")) GTEST_SKIP() << "ffmpeg non installato";
-  Impianto imp;
-  if (auto perche = imp.avvia_telecamera(); !perche.empty()) GTEST_SKIP() << perche;
-  testing::CartellaTemporanea tmp;
-  const std::string campione = spezzone_campione(tmp.percorso());
-  ASSERT_FALSE(campione.empty()) << "ffmpeg non crea lo spezzone campione";
+// The deletion and indexing tests start from a real recording with one indexed row, and a
+// sample segment of the same camera to multiply into a large archive or backlog.
+class SegnaliInRegistrazioneTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!programma_presente("ffmpeg")) GTEST_SKIP() << "ffmpeg non installato";
+    if (auto perche = imp.avvia_telecamera(); !perche.empty()) GTEST_SKIP() << perche;
+    campione = spezzone_campione(tmp.percorso());
+    ASSERT_FALSE(campione.empty()) << "ffmpeg non crea lo spezzone campione";
+    ASSERT_TRUE(imp.registra_fino_a("Magazzino", 1, &id));
+  }
 
+  Impianto imp;
+  testing::CartellaTemporanea tmp;
+  std::string campione;
   std::int64_t id = 0;
-  ASSERT_TRUE(imp.registra_fino_a("Magazzino", 1, &id));
+};
+
+TEST_F(SegnaliInRegistrazioneTest, SigtermDuringBulkDeletion) {
   std::string perche;
   ASSERT_EQ(imp.ferma(), 0);
 
@@ -154,16 +163,7 @@ TEST(SegnaliTest, SigtermDuringBulkDeletion) {
       durata, esito.file, esito.righe);
 }
 
-TEST(SegnaliTest, SigtermDuringIndexing) {
-  if (!programma_presente("ffmpeg")) GTEST_SKIP() << "ffmpeg non installato";
-  Impianto imp;
-  if (auto perche = imp.avvia_telecamera(); !perche.empty()) GTEST_SKIP() << perche;
-  testing::CartellaTemporanea tmp;
-  const std::string campione = spezzone_campione(tmp.percorso());
-  ASSERT_FALSE(campione.empty()) << "ffmpeg non crea lo spezzone campione";
-
-  std::int64_t id = 0;
-  ASSERT_TRUE(imp.registra_fino_a("Scale", 1, &id));
+TEST_F(SegnaliInRegistrazioneTest, SigtermDuringIndexing) {
   std::string perche;
   // Recording off: the index still drains the in-progress folder, and nothing else moves.
   ASSERT_EQ(imp.registra(false), 200);
