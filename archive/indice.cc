@@ -12,7 +12,7 @@
 
 #include "core/db.h"
 #include "core/stato.h"
-#include "engine/posizione.h"
+#include "archive/posizione.h"
 
 namespace nvr {
 

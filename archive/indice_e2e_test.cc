@@ -12,7 +12,7 @@
 #include "archive/indice.h"
 #include "core/db.h"
 #include "core/tempo.h"
-#include "engine/posizione.h"
+#include "archive/posizione.h"
 #include "engine/registratori.h"
 #include "testing/ambiente.h"
 #include "testing/camera_rtsp.h"

@@ -13,7 +13,7 @@
 #include "archive/allineamento.h"
 #include "core/db.h"
 #include "core/tempo.h"
-#include "engine/posizione.h"
+#include "archive/posizione.h"
 #include "storage/con_timeout.h"
 #include "storage/montaggi.h"
 

@@ -32,7 +32,7 @@
 #include "core/db.h"
 #include "core/stato.h"
 #include "core/tempo.h"
-#include "engine/posizione.h"
+#include "archive/posizione.h"
 #include "testing/ambiente.h"
 #include "web/api_registrazioni.h"
 

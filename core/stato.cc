@@ -76,7 +76,6 @@ Condiviso<Installazione> _installazione;
 Condiviso<FfmpegInfo> _ffmpeg_info;
 Condiviso<StatoSudo> _sudo;
 Condiviso<CacheSpazio> _cache_spazio;
-Condiviso<MountFallito> _ultimo_mount_fallito;
 Condiviso<CachePresente> _cache_presente;
 Condiviso<std::map<std::string, MancantiCartella>> _mancanti_per_cartella;
 
@@ -102,7 +101,6 @@ void azzera_stato_per_test() {
   _ffmpeg_info.set({});
   _sudo.set({});
   _cache_spazio.set({});
-  _ultimo_mount_fallito.set({});
   _cache_presente.set({});
   _mancanti_per_cartella.set({});
   _ultimo_indice = _ultima_pulizia = _ultimo_allineamento = _ultimo_profondo = 0.0;

@@ -163,10 +163,6 @@ struct CacheSpazio {
   std::optional<Spazio> spazio;  // absent when it could not be read
   double ts = 0.0;
 };
-struct MountFallito {
-  double ts = 0.0;
-  std::string msg;
-};
 struct CachePresente {
   double ts = 0.0;
   bool val = false;
@@ -186,7 +182,6 @@ extern Condiviso<Installazione> _installazione;
 extern Condiviso<FfmpegInfo> _ffmpeg_info;
 extern Condiviso<StatoSudo> _sudo;
 extern Condiviso<CacheSpazio> _cache_spazio;
-extern Condiviso<MountFallito> _ultimo_mount_fallito;
 extern Condiviso<CachePresente> _cache_presente;
 extern Condiviso<std::map<std::string, MancantiCartella>> _mancanti_per_cartella;
 

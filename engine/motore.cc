@@ -5,8 +5,8 @@
 #include <chrono>
 #include <exception>
 #include <filesystem>
+#include <map>
 #include <optional>
-#include <set>
 #include <stdexcept>
 #include <thread>
 
@@ -18,10 +18,10 @@
 #include "core/processo.h"
 #include "core/stato.h"
 #include "core/tempo.h"
+#include "engine/archivio_pronto.h"
 #include "engine/decisione.h"
-#include "engine/posizione.h"
+#include "engine/piano_giro.h"
 #include "engine/registratori.h"
-#include "storage/archivio.h"
 #include "storage/comando.h"
 #include "storage/con_timeout.h"
 
@@ -31,15 +31,8 @@ namespace {
 
 std::atomic<bool> fermare{false};
 
-bool ha_registratore(CamId id) {
-  std::lock_guard l(_lock);
-  return _processi.count(id) > 0;
-}
-
-bool ci_sono_registratori() {
-  std::lock_guard l(_lock);
-  return !_processi.empty();
-}
+// When each periodic job last ran; engine thread only.
+TempiLavori tempi;
 
 // A problem text is logged when it changes, not at every pass.
 void segnala_problema(const std::string& testo, const std::string& da_registrare) {
@@ -47,21 +40,78 @@ void segnala_problema(const std::string& testo, const std::string& da_registrare
   _problema.set({testo});
 }
 
-void indicizza_periodico(const Config& cfg, std::vector<Camera>& cams, double t) {
-  _ultimo_indice = t;
-  bool profondo = t - _ultimo_profondo > 600;
-  if (profondo) _ultimo_profondo = t;
-  _indicizza(cfg, cams, profondo);
+std::map<CamId, VistaRegistratore> vista_registratori() {
+  std::map<CamId, VistaRegistratore> vista;
+  std::lock_guard l(_lock);
+  for (const auto& [id, r] : _processi) vista[id] = {r.cartella, r.segmento};
+  return vista;
 }
 
-// Recording switched off: stop everything, but keep filing what the recorders left behind.
-void giro_spento(const Config& cfg, std::vector<Camera>& cams) {
-  if (ci_sono_registratori()) _ferma_tutto("NVR disattivato");
-  _problema.set({""});
-  double t = _ora();
-  if (cfg.cartella.empty() || t - _ultimo_indice <= 10) return;
-  _ultimo_indice = t;
-  std::string cartella = cfg.cartella;
+std::map<CamId, ErroreRecente> errori_recenti() {
+  std::lock_guard l(_lock);
+  return _errori_recenti;
+}
+
+// Each enabled camera's decision; the host's entity states are asked once, and only when an
+// event camera needs them.
+std::map<CamId, std::pair<bool, std::string>> decidi(const std::vector<Camera>& cams,
+                                                     std::optional<Json>& stati) {
+  std::map<CamId, std::pair<bool, std::string>> decisioni;
+  std::tm adesso = _adesso();
+  for (const Camera& cam : cams) {
+    if (!cam.attiva || cam.url.empty()) continue;
+    if (cam.modo == "eventi" && !stati) stati = _stati_attuali();
+    decisioni[cam.id] = _deve_registrare(cam, stati ? *stati : Json::object(), adesso);
+  }
+  return decisioni;
+}
+
+void esegui(const Situazione& s, const Azione& a) {
+  auto cam = std::find_if(s.cams.begin(), s.cams.end(), [&](const Camera& c) { return c.id == a.cam; });
+  switch (a.mossa) {
+    case Mossa::ferma:
+      _ferma(a.cam, a.perche);
+      return;
+    case Mossa::conferma: {
+      std::lock_guard l(_lock);
+      auto it = _processi.find(a.cam);
+      if (it != _processi.end()) it->second.motivo = a.motivo;
+      return;
+    }
+    case Mossa::riavvia: {
+      std::string vecchia;
+      {
+        std::lock_guard l(_lock);
+        auto it = _processi.find(a.cam);
+        if (it != _processi.end()) vecchia = it->second.cartella;
+      }
+      if (a.cartella_cambiata && !vecchia.empty()) {
+        std::lock_guard l(_lock);
+        _in_corso_precedenti[a.cam].insert(vecchia);
+      }
+      _ferma(a.cam, a.perche);
+      auto [ok, err] = _avvia(s.cfg, *cam, a.motivo, s.cams);
+      if (!ok) _log(cam->nome + ": " + err);
+      return;
+    }
+    case Mossa::avvia: {
+      auto [ok, err] = _avvia(s.cfg, *cam, a.motivo, s.cams);
+      if (ok) return;
+      {
+        std::lock_guard l(_lock);
+        auto it = _errori_recenti.find(a.cam);
+        int n = it == _errori_recenti.end() ? 1 : it->second.n + 1;
+        _errori_recenti[a.cam] = ErroreRecente{n, err, _ora()};
+      }
+      _log(cam->nome + ": " + err);
+      return;
+    }
+  }
+}
+
+// With recording off the archive folder may be gone (a drive unplugged on purpose): a hung or
+// missing folder skips the index instead of creating anything.
+bool cartella_presente(const std::string& cartella) {
   auto esiste = _con_timeout(
       [cartella] {
         std::error_code ec;
@@ -69,129 +119,66 @@ void giro_spento(const Config& cfg, std::vector<Camera>& cams) {
       },
       5);
   if (!esiste) throw std::runtime_error(esiste.errore().messaggio);
-  if (!esiste.valore()) return;
-  bool profondo = t - _ultimo_profondo > 600;
-  if (profondo) _ultimo_profondo = t;
-  _indicizza(cfg, cams, profondo);
+  return esiste.valore();
 }
 
-void segna_errore_avvio(const Camera& cam, const std::string& err) {
-  std::lock_guard l(_lock);
-  auto it = _errori_recenti.find(cam.id);
-  int n = it == _errori_recenti.end() ? 1 : it->second.n + 1;
-  _errori_recenti[cam.id] = ErroreRecente{n, err, _ora()};
-}
-
-// The recorder of `cam` runs: restart it when its folder or segment length no longer match.
-void allinea_registratore(const Config& cfg, const Camera& cam, const std::vector<Camera>& cams,
-                          const std::string& motivo) {
-  std::string cartella_attuale;
-  int segmento_attuale = 0;
-  {
-    std::lock_guard l(_lock);
-    auto it = _processi.find(cam.id);
-    if (it == _processi.end()) return;
-    it->second.motivo = motivo;
-    cartella_attuale = it->second.cartella;
-    segmento_attuale = it->second.segmento;
+void esegui_lavori(const Situazione& s, const Lavori& l, std::vector<Camera>& cams) {
+  if (l.indice) {
+    tempi.indice = s.adesso;
+    if (s.cfg.attivo || cartella_presente(s.cfg.cartella)) {
+      if (l.profondo) tempi.profondo = s.adesso;
+      _indicizza(s.cfg, cams, l.profondo);
+    }
   }
-  std::string voluta = _cartella_in_corso(cfg, cam, cams);
-  int segmento = cfg.segmento_sec ? cfg.segmento_sec : 300;
-  if (voluta == cartella_attuale && segmento == segmento_attuale) return;
-  if (!cartella_attuale.empty() && cartella_attuale != voluta) {
-    std::lock_guard l(_lock);
-    _in_corso_precedenti[cam.id].insert(cartella_attuale);
+  if (l.allineamento) {
+    tempi.allineamento = s.adesso;
+    int n = _allinea(s.cfg);
+    if (n) _log(std::to_string(n) + " voci senza file tolte dall'elenco");
   }
-  _ferma(cam.id,
-         segmento != segmento_attuale ? "nuova durata degli spezzoni" : "cartella cambiata");
-  auto [ok, err] = _avvia(cfg, cam, motivo, cams);
-  if (!ok) _log(cam.nome + ": " + err);
+  if (l.pulizia) {
+    tempi.pulizia = s.adesso;
+    _pulizia(s.cfg);
+  }
 }
 
 }  // namespace
 
 void _giro() {
-  Config cfg = leggi_config();
-  std::vector<Camera> cams = _telecamere();
-
-  if (!cfg.attivo) {
-    giro_spento(cfg, cams);
-    return;
-  }
-
-  auto [pronto, msg] = _archivio_pronto(cfg);
-  if (!pronto) {
-    if (ci_sono_registratori()) _ferma_tutto(msg);
-    segnala_problema(msg, msg);
-    return;
-  }
-  if (!ffmpeg_presente()) {
-    segnala_problema("ffmpeg non installato", "ffmpeg non installato: nessuna registrazione");
-    return;
-  }
-  _problema.set({""});
-
-  _controlla_processi();
-
-  std::set<CamId> ids;
-  for (const Camera& c : cams) ids.insert(c.id);
-  std::vector<CamId> in_corso;
-  {
-    std::lock_guard l(_lock);
-    for (const auto& [id, p] : _processi) in_corso.push_back(id);
-  }
-  for (CamId id : in_corso)
-    if (!ids.count(id)) _ferma(id, "telecamera rimossa");
-
-  std::tm adesso = _adesso();
+  Situazione s;
+  s.cfg = leggi_config();
+  s.cams = _telecamere();
   std::optional<Json> stati;
-  for (const Camera& cam : cams) {
-    if (!cam.attiva || cam.url.empty()) {
-      if (ha_registratore(cam.id)) _ferma(cam.id, "telecamera disattivata");
-      continue;
-    }
-    if (cam.modo == "eventi" && !stati) stati = _stati_attuali();
-    auto [deve, motivo] = _deve_registrare(cam, stati ? *stati : Json::object(), adesso);
-    bool p = ha_registratore(cam.id);
-
-    if (deve && !p) {
-      std::optional<ErroreRecente> e;
-      {
-        std::lock_guard l(_lock);
-        auto it = _errori_recenti.find(cam.id);
-        if (it != _errori_recenti.end()) e = it->second;
-      }
-      if (e && _ora() - e->ts < std::min(5.0 * e->n, 60.0)) continue;  // back-off
-      auto [ok, err] = _avvia(cfg, cam, motivo, cams);
-      if (!ok) {
-        segna_errore_avvio(cam, err);
-        _log(cam.nome + ": " + err);
-      }
-    } else if (!deve && p) {
-      _ferma(cam.id, "fuori orario/evento finito");
-    } else if (deve && p) {
-      allinea_registratore(cfg, cam, cams, motivo);
+  bool registra = false;
+  if (s.cfg.attivo) {
+    auto [pronto, msg] = _archivio_pronto(s.cfg);
+    s.non_pronto = pronto ? "" : msg;
+    s.ffmpeg = !pronto || ffmpeg_presente();
+    registra = pronto && s.ffmpeg;
+    if (registra) {
+      _controlla_processi();
+      s.errori = errori_recenti();
+      s.decisioni = decidi(s.cams, stati);
     }
   }
+  s.registratori = vista_registratori();
+  s.tempi = tempi;
+  s.adesso = _ora();
 
-  bool eventi = std::any_of(cams.begin(), cams.end(),
-                            [](const Camera& c) { return c.attiva && c.modo == "eventi"; });
-  if (eventi) {
+  PianoGiro piano = pianifica_giro(s);
+  for (const Azione& a : piano.azioni) esegui(s, a);
+  if (piano.problema.empty())
+    _problema.set({""});
+  else
+    segnala_problema(piano.problema, piano.log_problema);
+
+  bool eventi = std::any_of(s.cams.begin(), s.cams.end(), [](const Camera& c) {
+    return c.attiva && c.modo == "eventi";
+  });
+  if (registra && eventi) {
     if (!stati || stati->empty()) stati = _stati_attuali();
-    _segna_eventi(cams, *stati);
+    _segna_eventi(s.cams, *stati);
   }
-
-  double t = _ora();
-  if (t - _ultimo_indice > 10) indicizza_periodico(cfg, cams, t);
-  if (t - _ultimo_allineamento > 300) {
-    _ultimo_allineamento = t;
-    int n = _allinea(cfg);
-    if (n) _log(std::to_string(n) + " voci senza file tolte dall'elenco");
-  }
-  if (t - _ultima_pulizia > 3600) {
-    _ultima_pulizia = t;
-    _pulizia(cfg);
-  }
+  esegui_lavori(s, piano.lavori, s.cams);
 }
 
 void _giro_sicuro() { _sveglia.set(); }

@@ -8,7 +8,7 @@
 
 #include "core/log.h"
 #include "core/tempo.h"
-#include "engine/posizione.h"
+#include "archive/posizione.h"
 #include "storage/cartelle_fs.h"
 
 namespace nvr {

@@ -1,5 +1,4 @@
-// The archive root: which folders may be chosen, the folder browser, and the check before every
-// engine pass that the archive is mounted, alive, writable and not full.
+// The archive root: which folders may be chosen and the folder browser.
 #pragma once
 
 #include <optional>
@@ -37,15 +36,5 @@ std::optional<std::vector<VoceCartella>> cartelle(const std::string& base);
 // (true, "Creata", path) or (false, why, "").
 std::tuple<bool, std::string, std::string> crea_cartella(const std::string& base,
                                                          const std::string& nome);
-
-// Makes the archive ready for recording; engine thread, no lock held. For a USB or network
-// destination whose mount is gone or dead: at most once every 30 s (the last failure is kept in
-// _ultimo_mount_fallito), stops every recorder and detaches a dead mount lazily, mounts again,
-// and follows the drive to a new device name or mount point (`cfg` is updated and saved). Then
-// refuses a folder that lies on the system disk, creates the folder and makes it the server
-// user's, and when free space is below spazio_min_gb runs one forced clean-up before calling it
-// full. Answers (true, "") or (false, the message the status shows). Blocks as long as a mount
-// (up to 3 x 25 s for SMB); throws ErroreDb when saving the configuration or the clean-up fails.
-std::pair<bool, std::string> _archivio_pronto(Config& cfg);
 
 }  // namespace nvr

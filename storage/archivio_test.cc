@@ -1,4 +1,5 @@
 #include "storage/archivio.h"
+#include "storage/prontezza.h"
 
 #include <gtest/gtest.h>
 
@@ -114,14 +115,10 @@ TEST_F(ArchivioTest, EmptyMountPointFolderIsRefusedForExternalStorageOnly) {
   if (_radice_montaggio(radice_.percorso()) != "/")
     GTEST_SKIP() << "le cartelle temporanee non stanno sul filesystem di sistema";
   Config cfg;
-  cfg.spazio_min_gb = 0;
-  EXPECT_EQ(_archivio_pronto(cfg),
-            std::make_pair(false, std::string("Nessuna cartella di archivio scelta")));
-
   cfg.cartella = radice_ / "DISK/nvr";
   for (const char* tipo : {"usb", "rete"}) {
     cfg.destinazione = {{"tipo", tipo}, {"mountpoint", ""}};
-    EXPECT_EQ(_archivio_pronto(cfg),
+    EXPECT_EQ(prepara_cartella(cfg),
               std::make_pair(false, "La cartella " + cfg.cartella +
                                         " non sta sull'unita' esterna: unita' non montata"))
         << tipo;
@@ -129,7 +126,7 @@ TEST_F(ArchivioTest, EmptyMountPointFolderIsRefusedForExternalStorageOnly) {
   }
 
   cfg.destinazione = {{"tipo", "locale"}};
-  EXPECT_EQ(_archivio_pronto(cfg), std::make_pair(true, std::string()));
+  EXPECT_EQ(prepara_cartella(cfg), std::make_pair(true, std::string()));
   EXPECT_TRUE(fs::is_directory(cfg.cartella));
 }
 
@@ -137,7 +134,7 @@ TEST_F(ArchivioTest, FolderThatCannotBeCreatedIsReported) {
   testing::scrivi_file(radice_ / "file", "x");
   Config cfg;
   cfg.cartella = radice_ / "file/nvr";
-  auto [ok, msg] = _archivio_pronto(cfg);
+  auto [ok, msg] = prepara_cartella(cfg);
   EXPECT_FALSE(ok);
   EXPECT_EQ(msg.rfind("Cartella non creabile: ", 0), 0u) << msg;
 }

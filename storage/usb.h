@@ -67,7 +67,9 @@ std::tuple<bool, std::string, std::string> monta_usb(const std::string& dev = ""
                                                      const std::string& uuid = "",
                                                      const std::string& etichetta = "");
 
-// Stops every recorder, then unmounts: (true, "Smontata") or (false, why).
+// Unmounts: (true, "Smontata") or (false, why). The caller stops the recorders writing there
+// first (smontabile tells whether there is anything to unmount).
 std::pair<bool, std::string> smonta(const std::string& mountpoint);
+bool smontabile(const std::string& mountpoint);
 
 }  // namespace nvr

@@ -2,7 +2,6 @@
 #include <filesystem>
 
 #include "core/nomi.h"
-#include "engine/registratori.h"
 #include "storage/cartelle_fs.h"
 #include "storage/comando.h"
 #include "storage/montaggi.h"
@@ -71,10 +70,12 @@ std::tuple<bool, std::string, std::string> monta_usb(const std::string& dev,
   return {true, "Montata", mp};
 }
 
+bool smontabile(const std::string& mountpoint) {
+  return !mountpoint.empty() && _ismount(mountpoint);
+}
+
 std::pair<bool, std::string> smonta(const std::string& mountpoint) {
-  if (mountpoint.empty() || !_ismount(mountpoint)) return {false, "Non e' un punto di montaggio"};
-  // No recorder may keep a file open on the drive while it goes.
-  _ferma_tutto("smontaggio");
+  if (!smontabile(mountpoint)) return {false, "Non e' un punto di montaggio"};
   RisultatoComando r = _radice({"umount", mountpoint}, 30);
   if (r.codice == 0) return {true, "Smontata"};
   return {false, "umount: " + spoglia(detto(r, "errore"))};

@@ -12,7 +12,7 @@
 #include "core/log.h"
 #include "core/stato.h"
 #include "engine/motore.h"
-#include "engine/posizione.h"
+#include "archive/posizione.h"
 #include "engine/registratori.h"
 #include "web/api_registrazioni.h"
 

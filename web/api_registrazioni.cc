@@ -15,7 +15,7 @@
 #include "core/numeri.h"
 #include "core/stato.h"
 #include "core/tempo.h"
-#include "engine/posizione.h"
+#include "archive/posizione.h"
 #include "storage/montaggi.h"
 
 namespace nvr {

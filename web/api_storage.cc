@@ -143,7 +143,10 @@ Risposta api_monta(const Richiesta& r) {
 }
 
 Risposta api_smonta(const Richiesta& r) {
-  auto [ok, msg] = smonta(testo_campo(corpo_di(r), "mountpoint"));
+  std::string mp = testo_campo(corpo_di(r), "mountpoint");
+  // No recorder may keep a file open on the drive while it goes.
+  if (smontabile(mp)) _ferma_tutto("smontaggio");
+  auto [ok, msg] = smonta(mp);
   return _json(Json{{"status", ok ? "success" : "error"}, {"message", msg}}, ok ? 200 : 400);
 }
 

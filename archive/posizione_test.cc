@@ -1,4 +1,4 @@
-#include "engine/posizione.h"
+#include "archive/posizione.h"
 
 #include <gtest/gtest.h>
 #include <unistd.h>

@@ -10,9 +10,10 @@
 #include "core/db.h"
 #include "core/processo.h"
 #include "core/tempo.h"
-#include "storage/archivio.h"
+#include "engine/archivio_pronto.h"
 #include "storage/comando.h"
 #include "storage/montaggi.h"
+#include "storage/prontezza.h"
 #include "storage/usb.h"
 #include "testing/loop.h"
 #include "testing/processi.h"
@@ -35,6 +36,7 @@ class ArchivioRootTest : public ::testing::Test {
     if (!_sono_root()) GTEST_SKIP() << "serve l'utente root (loop device e mount)";
     _init_db();
     imposta_radice_montaggi_per_test(radice_.percorso());
+    azzera_prontezza_per_test();
     finte_.mount_registratore();
   }
 
@@ -83,11 +85,6 @@ class ArchivioRootTest : public ::testing::Test {
     return p.valore()->pid();
   }
 
-  // As if the last failed re-mount happened `secondi` ago.
-  void indietro(double secondi) {
-    _ultimo_mount_fallito.modifica([&](MountFallito& m) { m.ts = _ora() - secondi; });
-  }
-
   static constexpr const char* kUuid = "5e1f0c2a-7777-4888-9999-aaaabbbbcccc";
   testing::HostDiProva host_;
   CartellaTemporanea radice_;
@@ -95,7 +92,7 @@ class ArchivioRootTest : public ::testing::Test {
   std::unique_ptr<ImmagineLoop> disco_;
 };
 
-TEST_F(ArchivioRootTest, PulledDriveStopsRecordingAndIsRetriedAtMostEvery30Seconds) {
+TEST_F(ArchivioRootTest, PulledDriveStopsRecordingAndIsDetached) {
   Config cfg = archivio_su_usb();
   ASSERT_TRUE(disco_);
   std::string mp = cfg.destinazione["mountpoint"];
@@ -116,18 +113,10 @@ TEST_F(ArchivioRootTest, PulledDriveStopsRecordingAndIsRetriedAtMostEvery30Secon
   EXPECT_FALSE(_ismount(mp));     // detached lazily
   EXPECT_TRUE(fs::is_empty(mp));  // and nothing written in its place on the system disk
 
-  // Each re-mount attempt looks the drive up once: count the lookups.
+  // Within the next 30 s the drive is not even looked for.
   std::size_t cercata = finte_.chiamate_lsblk().size();
   EXPECT_EQ(_archivio_pronto(cfg), staccata);
-  EXPECT_EQ(_archivio_pronto(cfg), staccata);
-  indietro(29);
-  EXPECT_EQ(_archivio_pronto(cfg), staccata);
   EXPECT_EQ(finte_.chiamate_lsblk().size(), cercata);
-  indietro(31);
-  EXPECT_EQ(_archivio_pronto(cfg), staccata);
-  EXPECT_EQ(finte_.chiamate_lsblk().size(), cercata + 1);
-  EXPECT_EQ(_archivio_pronto(cfg), staccata);
-  EXPECT_EQ(finte_.chiamate_lsblk().size(), cercata + 1);
   EXPECT_EQ(finte_.chiamate_mount().size(), 1u);  // only the first, successful mount
   EXPECT_TRUE(fs::is_empty(mp));
 }
@@ -146,14 +135,14 @@ TEST_F(ArchivioRootTest, DriveBackAtAnotherFolderIsFollowedAndSaved) {
   std::string altrove = desktop / "DISK";
   fs::create_directory(altrove);
   ASSERT_EQ(::mount(disco_->dev().c_str(), altrove.c_str(), "ext4", 0, nullptr), 0);
-  indietro(31);
+  azzera_prontezza_per_test();  // as if the last attempt were 30 s old
 
   ::testing::internal::CaptureStdout();
   EXPECT_EQ(_archivio_pronto(cfg), Esito2(true, ""));
   std::string log = ::testing::internal::GetCapturedStdout();
   EXPECT_NE(log.find("archivio spostato in " + altrove + "/nvr"), std::string::npos) << log;
   EXPECT_TRUE(fs::is_directory(altrove + "/nvr"));
-  EXPECT_EQ(_ultimo_mount_fallito.get().ts, 0.0);
+  EXPECT_EQ(ultimo_mount_fallito().ts, 0.0);
   for (const Config& c : {cfg, leggi_config()}) {  // followed, and saved so
     EXPECT_EQ(c.cartella, altrove + "/nvr");
     EXPECT_EQ(c.destinazione["mountpoint"], altrove);
@@ -171,7 +160,7 @@ TEST_F(ArchivioRootTest, RepluggedDriveIsMountedAgainInItsPlace) {
   disco_->stacca();
   EXPECT_FALSE(_archivio_pronto(cfg).first);
   disco_->ricollega();
-  indietro(31);
+  azzera_prontezza_per_test();  // as if the last attempt were 30 s old
   EXPECT_EQ(_archivio_pronto(cfg), Esito2(true, ""));
   EXPECT_EQ(disco_->mountpoint(), mp);
   EXPECT_EQ(cfg.cartella, mp + "/nvr");
@@ -181,7 +170,7 @@ TEST_F(ArchivioRootTest, RepluggedDriveIsMountedAgainInItsPlace) {
   EXPECT_EQ(finte_.chiamate_mount()[1], (std::vector<std::string>{disco_->dev(), mp}));
 }
 
-TEST_F(ArchivioRootTest, UnreachableShareIsRetriedAtMostEvery30Seconds) {
+TEST_F(ArchivioRootTest, UnreachableShareIsReportedAndAnEmptyMountRefused) {
   std::string mp = radice_ / "rete_nas_video";
   Config cfg;
   cfg.cartella = mp + "/nvr";
@@ -193,13 +182,11 @@ TEST_F(ArchivioRootTest, UnreachableShareIsRetriedAtMostEvery30Seconds) {
                    "(server non raggiungibile: controlla indirizzo e rete)"};
   EXPECT_EQ(_archivio_pronto(cfg), giu);
   EXPECT_EQ(_archivio_pronto(cfg), giu);
-  indietro(29);
-  EXPECT_EQ(_archivio_pronto(cfg), giu);
   EXPECT_EQ(finte_.chiamate_mount().size(), 1u);
 
   // The next attempt "succeeds" but leaves nothing mounted: the folder would lie on the system
   // disk, and is refused.
-  indietro(31);
+  azzera_prontezza_per_test();  // as if the last attempt were 30 s old
   if (_radice_montaggio(radice_.percorso()) == "/") {
     EXPECT_EQ(_archivio_pronto(cfg),
               Esito2(false, "La cartella " + cfg.cartella +

@@ -6,7 +6,7 @@
 
 #include "core/stato.h"
 #include "core/tempo.h"
-#include "engine/posizione.h"
+#include "archive/posizione.h"
 #include "storage/comando.h"
 #include "testing/ambiente.h"
 

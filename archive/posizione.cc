@@ -1,4 +1,4 @@
-#include "engine/posizione.h"
+#include "archive/posizione.h"
 
 #include <cctype>
 #include <filesystem>
