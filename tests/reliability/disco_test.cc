@@ -199,7 +199,7 @@ TEST_F(DiscoTest, PulledDriveStopsRecordingWritesNothingElsewhereAndIsFollowedBa
   }
   ASSERT_TRUE(attendi([&] { return imp_->righe_indicizzate() >= 3; }, 90)) << imp_->tutto_il_log();
 
-  const double lontano = kProveLunghe ? 60 : 10;
+  const double lontano = kProveLunghe ? 60 : 4;
   const int giri = kProveLunghe ? 4 : 1;
   std::vector<Assenza> assenze;
   for (int g = 0; g < giri; ++g) {
