@@ -1,5 +1,6 @@
-// The program recording for real: the RTSP test camera or the demo stream, recorded, indexed,
-// played with ranges, deleted; event cameras driven by pushed states; the stop signals.
+// The program recording for real: event cameras driven by pushed states, the stop signals, the
+// demo stream through run.sh. Recording, indexing, playback and deletion under faults are the
+// reliability suite's (tests/reliability/).
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -9,7 +10,6 @@
 
 #include "archive/indice.h"
 #include "autonomo/programma_di_prova.h"
-#include "core/db.h"
 #include "testing/ambiente.h"
 #include "testing/camera_rtsp.h"
 #include "testing/processi.h"
@@ -75,12 +75,6 @@ class RegistrazioneE2eTest : public ::testing::Test {
     auto s = p->get("/api/nvr/stato");
     return s.json["telecamere"].size() == 1 && s.json["telecamere"][0]["registrando"] == true;
   }
-  // The API clamps the segment length to a minute; these tests want seconds.
-  void segmenti_di(int secondi) {
-    Connessione c(dati + "/nvr.db");
-    c.esegui("UPDATE nvr_config SET segmento_sec=?", {std::int64_t{secondi}});
-    c.commit();
-  }
 
   std::unique_ptr<testing::CameraRtsp> camera;
   testing::CartellaTemporanea t;
@@ -89,59 +83,13 @@ class RegistrazioneE2eTest : public ::testing::Test {
   std::int64_t id = 0;
 };
 
-TEST_F(RegistrazioneE2eTest, RecordPlayWithRangesAndDelete) {
-  avvia({{"attiva", true}, {"modo", "sempre"}});
-  segmenti_di(2);  // the next engine pass restarts the recorder with it
-
-  Json lista;
-  const std::string elenco = "/api/nvr/registrazioni?cam=" + std::to_string(id);
-  ASSERT_TRUE(attendi(
-      [&] {
-        lista = p->get(elenco).json;
-        return !lista["registrazioni"].empty();
-      },
-      60))
-      << lista << p->uscita();
-  const std::int64_t rid = lista["registrazioni"][0]["id"];
-  std::string file;
-  {
-    Connessione c(dati + "/nvr.db");
-    file = come_testo(c.righe("SELECT file FROM nvr_registrazioni WHERE id=?", {rid})[0][0]);
-  }
-  EXPECT_EQ(file.rfind(dati + "/archivio/Ingresso/", 0), 0u) << file;
-  const std::string intero = testing::leggi_file(file);
-  ASSERT_GT(intero.size(), 100u);
-  const std::string video = "/api/nvr/video/" + std::to_string(rid);
-
-  auto r = p->get(video, {{"Range", "bytes=0-99"}});
-  EXPECT_EQ(r.status, 206);
-  EXPECT_TRUE(r.corpo == intero.substr(0, 100)) << "byte diversi dal file";
-  EXPECT_EQ(r.intestazione("Content-Range"), "bytes 0-99/" + std::to_string(intero.size()));
-  const std::string etag = r.intestazione("ETag");
-  ASSERT_FALSE(etag.empty());
-
-  r = p->get(video, {{"If-None-Match", etag}});
-  EXPECT_EQ(r.status, 304);
-  EXPECT_TRUE(r.corpo.empty());
-
-  r = p->elimina("/api/nvr/registrazione/" + std::to_string(rid));
-  EXPECT_EQ(r.status, 200) << r.corpo;
-  EXPECT_FALSE(fs::exists(file));
-  EXPECT_EQ(p->get(video).status, 404);
-  const auto dopo = p->get(elenco);  // kept alive: the loop below reads into it
-  ASSERT_EQ(dopo.status, 200) << dopo.corpo;
-  for (const Json& reg : dopo.json["registrazioni"]) EXPECT_NE(reg["id"], rid);
-}
-
 TEST_F(RegistrazioneE2eTest, EventCameraFollowsPushedStates) {
   avvia({{"attiva", true},
          {"modo", "eventi"},
          {"eventi", {"binary_sensor.porta"}},
          {"post_roll", 2}});
-  p->post("/api/stati", {{"binary_sensor.porta", "off"}});
-  std::this_thread::sleep_for(std::chrono::seconds(5));  // a couple of passes see it off
-  EXPECT_FALSE(registra());
-
+  // The states pushed to this host reach the engine (which camera records when is the
+  // engine's own table test).
   ASSERT_EQ(p->post("/api/stati", {{"binary_sensor.porta", "Aperto"}}).status, 200);
   ASSERT_TRUE(attendi([&] { return registra(); }, 15)) << p->uscita();
   EXPECT_EQ(p->get("/api/nvr/stato").json["telecamere"][0]["motivo"], "evento");
@@ -150,13 +98,6 @@ TEST_F(RegistrazioneE2eTest, EventCameraFollowsPushedStates) {
   ASSERT_EQ(p->post("/api/stati", {{"binary_sensor.porta", "off"}}).status, 200);
   ASSERT_TRUE(attendi([&] { return !registra(); }, 20)) << p->uscita();
   EXPECT_TRUE(attendi([&] { return ffmpeg_con(dati).empty(); }, 5));
-
-  // Both changes were kept as events of the camera, in the recorder's own words.
-  Connessione c(dati + "/nvr.db");
-  auto righe = c.righe("SELECT entity_id, stato FROM nvr_eventi WHERE cam_id=? ORDER BY ts", {id});
-  ASSERT_EQ(righe.size(), 2u);
-  EXPECT_EQ(come_testo(righe[0][1]), "on");
-  EXPECT_EQ(come_testo(righe[1][1]), "off");
 }
 
 TEST_F(RegistrazioneE2eTest, StopSignalsFinaliseTheLastSegmentAndExitZero) {
@@ -165,7 +106,7 @@ TEST_F(RegistrazioneE2eTest, StopSignalsFinaliseTheLastSegmentAndExitZero) {
     fs::remove_all(dati);
     avvia({{"attiva", true}, {"modo", "sempre"}}, {"--segmento-prova", "300"});
     ASSERT_TRUE(attendi([&] { return registra(); }, 20)) << p->uscita();
-    std::this_thread::sleep_for(std::chrono::seconds(4));  // some frames in the open segment
+    std::this_thread::sleep_for(std::chrono::seconds(2));  // some frames in the open segment
     p->segnala(segnale);
     EXPECT_EQ(p->fine(40), 0) << p->uscita() << p->errori();
     EXPECT_THAT(p->uscita(), ::testing::HasSubstr("fermata (arresto del server)"));

@@ -29,7 +29,6 @@ CartellaTemporanea::~CartellaTemporanea() {
 struct HostDiProva::Condiviso {
   std::mutex m;
   std::optional<std::string> zona;
-  Json stati = Json::object();
 };
 
 HostDiProva::HostDiProva(Aggancia aggancia) : dati_(std::make_shared<Condiviso>()) {
@@ -43,17 +42,8 @@ HostDiProva::HostDiProva(Aggancia aggancia) : dati_(std::make_shared<Condiviso>(
     std::lock_guard l(dati->m);
     return dati->zona;
   };
-  host->get_all_internal_states = [dati]() -> Json {
-    std::lock_guard l(dati->m);
-    if (!dati->stati.is_object()) throw std::runtime_error("stati non disponibili");
-    return dati->stati;
-  };
+  host->get_all_internal_states = [] { return Json::object(); };
   if (aggancia == Aggancia::kSi) A.imposta_se_assente(host);
-}
-
-void HostDiProva::imposta_stati(Json stati) {
-  std::lock_guard l(dati_->m);
-  dati_->stati = std::move(stati);
 }
 
 HostDiProva::~HostDiProva() { azzera_stato_per_test(); }

@@ -25,7 +25,7 @@ class CartellaTemporanea {
 };
 
 // A host as an application would attach it: a database file holding the host's camera table,
-// a settable zone and settable entity states. The constructor resets the recorder's module state
+// a settable zone and no entity states. The constructor resets the recorder's module state
 // and, unless told otherwise, attaches this host as A (without routes or engine); the destructor
 // resets the module state again.
 class HostDiProva {
@@ -41,9 +41,6 @@ class HostDiProva {
   void aggiungi_camera(long long id, const std::string& nome, const std::string& url);
   // The zone name the host publishes; nothing for no zone at all.
   void imposta_zona(std::optional<std::string> nome);
-  // The entity states the host publishes (an object); a non-object value makes the host's
-  // function throw, as a failing host would.
-  void imposta_stati(Json stati);
   // Runs SQL directly on the database file (for arranging and inspecting tests).
   void sql(const std::string& istruzioni);
 

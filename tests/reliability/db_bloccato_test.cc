@@ -1,5 +1,5 @@
-// Another program holding the database for 10 s while the recorder records and the page asks
-// it things: every connection waits up to 15 s for a lock, so indexing and requests are only
+// Another program holding the database for a few seconds while the recorder records and the page
+// asks it things: every connection waits up to 15 s for a lock, so indexing and requests are only
 // delayed; nothing is lost, nothing indexed twice, no change saved by halves.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
@@ -23,7 +23,9 @@ namespace {
 using prova::attendi;
 using prova::RispostaHttp;
 
-constexpr double kBlocco = 10;  // seconds the other writer holds the database
+// Seconds the other writer holds the database: well inside the 15 s wait, long enough that
+// every request and an index pass meet it.
+constexpr double kBlocco = kProveLunghe ? 10 : 4;
 
 // How the other program holds the database: `inizio` runs on its own plain connection (the
 // library's own opens its transactions by itself), which stays open, the lock held, until
@@ -60,7 +62,7 @@ TEST(DbBloccatoTest, AnotherWriterHoldingTheDatabaseDelaysButLosesNothing) {
   Impianto imp;
   if (auto perche = imp.avvia_telecamera(); !perche.empty()) GTEST_SKIP() << perche;
   std::int64_t cam = 0;
-  ASSERT_TRUE(imp.registra_fino_a("Ingresso", 3, &cam));
+  ASSERT_TRUE(imp.registra_fino_a("Ingresso", 2, &cam));
   auto& p = imp.programma();
 
   const int giri = kProveLunghe ? 5 : 1;
@@ -124,7 +126,7 @@ TEST(DbBloccatoTest, AnotherWriterHoldingTheDatabaseDelaysButLosesNothing) {
       // Every configuration saved through the API brings the segments back to 60 s.
       imp.segmenti_di(3);
       // The index waited out the lock and goes on.
-      EXPECT_TRUE(attendi([&] { return imp.righe_indicizzate() >= righe_prima + 3; }, 60))
+      EXPECT_TRUE(attendi([&] { return imp.righe_indicizzate() >= righe_prima + 1; }, 60))
           << imp.tutto_il_log();
     }
   }

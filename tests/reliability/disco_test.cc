@@ -199,7 +199,7 @@ TEST_F(DiscoTest, PulledDriveStopsRecordingWritesNothingElsewhereAndIsFollowedBa
   }
   ASSERT_TRUE(attendi([&] { return imp_->righe_indicizzate() >= 3; }, 90)) << imp_->tutto_il_log();
 
-  const double lontano = kProveLunghe ? 60 : 10;
+  const double lontano = kProveLunghe ? 60 : 4;
   const int giri = kProveLunghe ? 4 : 1;
   std::vector<Assenza> assenze;
   for (int g = 0; g < giri; ++g) {
@@ -235,10 +235,6 @@ TEST_F(DiscoTest, PulledDriveStopsRecordingWritesNothingElsewhereAndIsFollowedBa
   EXPECT_TRUE(vuota(mp_));
   EXPECT_EQ(imp_->tutto_il_log().find("voci senza file tolte"), std::string::npos)
       << imp_->tutto_il_log();
-  // The program found the drive through the stand-in each time, asking for the full listing.
-  const auto chiamate = finte_.chiamate_lsblk();
-  ASSERT_FALSE(chiamate.empty());
-  for (const std::string& c : chiamate) EXPECT_TRUE(c.starts_with("-J -b -o NAME,PATH,")) << c;
 
   // The rows written before the move still name the old folder. A new process indexes deeply
   // and reconciles in its first pass: the moved files are adopted again under their new path

@@ -27,7 +27,6 @@
 #include "core/processo.h"
 #include "tests/reliability/generatore_fuzz.h"
 #include "tests/reliability/impianto.h"
-#include "tests/reliability/intrusi.h"
 #include "tests/reliability/richiesta_grezza.h"
 
 namespace nvr::affidabilita {
@@ -111,15 +110,15 @@ TEST(FuzzTest, MalformedRequestsNeverCrashLeakOrLose) {
   std::printf("[affidabilita] fuzz: seme %llu (NVR_SEME=%llu per ripetere)\n",
               static_cast<unsigned long long>(seme), static_cast<unsigned long long>(seme));
   std::fflush(stdout);  // the seed must survive a crash of the test
-  const int totale = kProveLunghe ? 10000 : 800;
-  // The long run sends over several connections at once, to stay within its time limit: some
-  // requests hold their connection for seconds (a broken one until the server's 5 s read
-  // time-out, a wrong password for its pause, a share mount until the mount gives up).
-  const int connessioni = kProveLunghe ? 8 : 1;
+  const int totale = kProveLunghe ? 10000 : 500;
+  // Several connections at once, while the engine records and indexes: the server's threads
+  // meet each other, and some requests hold their connection for seconds (a broken one until
+  // the server's 5 s read time-out, a wrong password for its pause, a share mount until the
+  // mount gives up).
+  const int connessioni = kProveLunghe ? 8 : 4;
   const int per_lotto = kProveLunghe ? 400 : 100;
 
   Impianto imp;
-  Intrusi intrusi(imp.dati());
   if (auto perche = imp.avvia_telecamera(); !perche.empty()) GTEST_SKIP() << perche;
   std::string perche;
   ASSERT_TRUE(imp.avvia({}, &perche)) << perche;
@@ -131,7 +130,7 @@ TEST(FuzzTest, MalformedRequestsNeverCrashLeakOrLose) {
   ASSERT_EQ(riserva.status, 200);
   ASSERT_EQ(imp.registra(true), 200);
   imp.segmenti_di(3);
-  ASSERT_TRUE(attendi([&] { return imp.righe_indicizzate() >= 4; }, 120)) << imp.tutto_il_log();
+  ASSERT_TRUE(attendi([&] { return imp.righe_indicizzate() >= 3; }, 120)) << imp.tutto_il_log();
 
   // The browse root: a folder under a permitted root, with a way out through a symbolic link.
   Bersagli b;
@@ -341,26 +340,21 @@ TEST(FuzzTest, MalformedRequestsNeverCrashLeakOrLose) {
   // Holes: the deleted recordings, and the recorder restarts the fuzzer's saved configurations
   // cause (a new segment length restarts ffmpeg at the next engine pass, at most 3 s later, and
   // ffmpeg then takes a few seconds to open the stream on a busy machine: 30 s is generous).
-  int scusati = 0;
   for (const auto& buco : esito.buchi) {
     double spiegati = 0;
     for (const auto& e : eliminate)
       if (e.inizio >= buco.da - 1 && e.fine <= buco.a + 1) spiegati += e.fine - e.inizio;
-    // Another recorder program's sweep of the machine: its doing, closed within the engine's
-    // longest back-off (60 s) and a restart.
-    scusati += intrusi.spiega(buco.da);
-    EXPECT_LE(buco.secondi() - spiegati, intrusi.spiega(buco.da) ? 90 : 30) << esito.descrizione();
+    EXPECT_LE(buco.secondi() - spiegati, 30) << esito.descrizione();
   }
   std::string visti;
   for (const auto& [s, q] : conteggi) visti += " " + std::to_string(s) + "x" + std::to_string(q);
   std::printf(
       "[affidabilita] fuzz: %d richieste in %.0f s (seme %llu), status:%s; 500 per numeri non "
       "leggibili: %d; %d risposte video confrontate (%lld byte); %zu righe intatte, %zu "
-      "cancellate su richiesta; %d segmenti nell'archivio (%lld byte); %d buchi dovuti ad "
-      "altri %d programmi sulla macchina\n",
+      "cancellate su richiesta; %d segmenti nell'archivio (%lld byte)\n",
       inviate, secondi_fuzz, static_cast<unsigned long long>(seme), visti.c_str(),
       cinquecento_permessi, video_controllati, static_cast<long long>(byte_video), prima.size(),
-      eliminate.size(), esito.file, static_cast<long long>(esito.byte), scusati, intrusi.visti());
+      eliminate.size(), esito.file, static_cast<long long>(esito.byte));
 }
 
 }  // namespace

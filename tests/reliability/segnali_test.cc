@@ -101,7 +101,7 @@ TEST_F(SegnaliInRegistrazioneTest, SigtermDuringBulkDeletion) {
 
   // Months of a busy archive in a few seconds: thousands of links to one real segment, each
   // with its row, 2 s apart and ending before the recording just made.
-  const int n = kProveLunghe ? 60000 : 15000;
+  const int n = kProveLunghe ? 60000 : 5000;
   const std::string cam = cartella_della_camera(imp, id);
   ASSERT_FALSE(cam.empty());
   std::vector<std::vector<Valore>> righe;
@@ -172,7 +172,7 @@ TEST_F(SegnaliInRegistrazioneTest, SigtermDuringIndexing) {
 
   // A backlog of finished files, as after a long outage of the program: several index runs'
   // worth (300 files per camera and run), older than the 15 s every file must age.
-  const int n = kProveLunghe ? 6000 : 700;
+  const int n = kProveLunghe ? 6000 : 400;
   const std::string in_corso = cartella_della_camera(imp, id) + "/in_corso";
   fs::create_directories(in_corso);
   const int lasciati = mp4_sotto(in_corso);  // the last segments of the recording just stopped
