@@ -121,7 +121,7 @@ TEST_F(ReteRootTest, MountCommandLinesCredentialsAndVersionFallBack) {
       EXPECT_EQ(chiamate[n - 1], (std::vector<std::string>{"-t", c.tipo, "-o", c.opzioni[n - 1],
                                                            c.sorgente, mp}));
       EXPECT_EQ(finte.credenziali(n), c.credenziali);
-      if (c.credenziali) EXPECT_EQ(finte.modo_credenziali(n), "600");
+      EXPECT_EQ(finte.modo_credenziali(n), c.credenziali ? "600" : std::optional<std::string>());
     }
     EXPECT_TRUE(credenziali_rimaste().empty());
   }
