@@ -29,10 +29,11 @@ const bool kSondaMount =
       auto [ok, msg] = _dopo_mount(punto, "Cartella di rete");
       return std::to_string(ok) + "|" + msg;
     });
-const bool kSondaRadice = testing::registra_sonda("NVR_SONDA_RADICE", [](const std::string& cartella) {
-  RisultatoComando r = _radice({"true"}, 10);
-  return std::to_string(r.codice) + "|" + r.err + "|" + std::to_string(_intesta(cartella));
-});
+const bool kSondaRadice =
+    testing::registra_sonda("NVR_SONDA_RADICE", [](const std::string& cartella) {
+      RisultatoComando r = _radice({"true"}, 10);
+      return std::to_string(r.codice) + "|" + r.err + "|" + std::to_string(_intesta(cartella));
+    });
 const std::string kPath = "PATH=/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin";
 
 const char kSolaLettura[] =
