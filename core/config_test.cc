@@ -162,28 +162,5 @@ TEST_F(ConfigTest, CameraSettingsAreNormalisedOnSave) {
   EXPECT_EQ(testo("SELECT COUNT(*) FROM nvr_camere WHERE cam_id=123"), "1");
 }
 
-TEST_F(ConfigTest, PublicConfigurationNeverCarriesThePassword) {
-  Config cfg;
-  cfg.cartella = "/media/zuna_nvr/nas/nvr";
-  cfg.destinazione = Json{{"tipo", "rete"}, {"server", "nas"}, {"password", "segreta"}};
-  Json attesa = cfg.come_json();
-  attesa["destinazione"] = Json{{"tipo", "rete"}, {"server", "nas"}};
-  EXPECT_EQ(_config_pubblica(cfg), attesa);
-  EXPECT_EQ(cfg.destinazione.count("password"), 1u);  // the record itself is not changed
-
-  cfg.destinazione = Json::array({"password"});
-  EXPECT_EQ(_config_pubblica(cfg)["destinazione"], Json::object());
-}
-
-TEST_F(ConfigTest, LegacyFolderIsCamIdUnderTheArchive) {
-  Config cfg;
-  cfg.cartella = "/srv/nvr";
-  Camera cam;
-  cam.id = 12;
-  EXPECT_EQ(_cartella_legacy(cfg, cam), "/srv/nvr/cam_12");
-  cfg.cartella = "/srv/nvr/";
-  EXPECT_EQ(_cartella_legacy(cfg, cam), "/srv/nvr/cam_12");
-}
-
 }  // namespace
 }  // namespace nvr

@@ -85,11 +85,6 @@ def test_le_guardie_dell_host_in_ordine(host, intestazioni, status, guardie):
     assert host.post("/prova/guardie", {}).json == guardie
 
 
-def test_cookie_dell_host_valgono_come_per_le_sue_pagine(host):
-    r = host.get("/api/nvr/riassunto", intestazioni={"Cookie": "prova_login=si; prova_admin=si"})
-    assert r.status == 200, r.corpo
-
-
 @pytest.mark.parametrize("metodo, percorso, corpo, status, risposta", [
     # Same path, two handlers told apart by the method.
     ("GET", "/api/nvr/registrazioni?cam=abc", None, 400,
@@ -124,7 +119,6 @@ def test_richieste_e_risposte(host, metodo, percorso, corpo, status, risposta):
 
 @pytest.mark.parametrize("tipo, nome", [
     ("zoneinfo", "Pacific/Kiritimati"),
-    ("zoneinfo", "Pacific/Pago_Pago"),
     ("pytz", "Pacific/Kiritimati"),
     ("testo", "Pacific/Pago_Pago"),
     ("nessuno", None),  # no zone published: the machine's local time

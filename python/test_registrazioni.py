@@ -3,16 +3,28 @@ camera, indexed, listed, played with byte ranges and validators, downloaded, del
 
 import datetime
 import os
+import re
+import time
 
 from conftest import CONCESSO, attendi, avvia_registrazione
 
 
 def test_registra_indicizza_elenca_riproduce_elimina(host, camera, archivio):
+    inizio = time.monotonic()
     config = avvia_registrazione(host, camera, archivio, modo="sempre")
     assert config["segmento_sec"] == 60  # 10 is below the shortest segment the config takes
     assert config["cartella"] == archivio
+    # Shorter segments than the API allows, so that one is complete at once; the engine picks
+    # the new length up at its next pass.
+    host.sql("UPDATE nvr_config SET segmento_sec=2")
+    # Switching on wakes the engine: the recorder starts within a pass, not at the next sleep's end.
+    def telecamera():
+        t = host.get("/api/nvr/stato").json["telecamere"][0]
+        return t if t["registrando"] else None
+    assert attendi(telecamera, 15, 0.2, "il registratore avviato")["motivo"] == "continua"
+    assert time.monotonic() - inizio < 10
 
-    # A segment is indexed once it is complete and 15 s old: one minute of recording and a bit.
+    # A segment is indexed once it is complete and 15 s old.
     giorni = attendi(lambda: host.get("/api/nvr/giorni?cam=1").json["giorni"], 150, 2,
                      "un giorno con registrazioni")
     oggi = datetime.datetime.now().strftime("%Y-%m-%d")
@@ -22,8 +34,11 @@ def test_registra_indicizza_elenca_riproduce_elimina(host, camera, archivio):
         30, 1, "un segmento elencato")
     seg = elenco[0]
     assert seg["url"] == f"/api/nvr/video/{seg['id']}"
+    assert seg["motivo"] == "continua"
     [(file,)] = host.sql("SELECT file FROM nvr_registrazioni WHERE id=?", (seg["id"],))
-    assert file.startswith(archivio + "/") and os.path.isfile(file)
+    assert re.fullmatch(re.escape(archivio) + rf"/Ingresso/{oggi}/\d\d-\d\d-\d\d(_\d+)?\.mp4",
+                        file), file
+    assert os.path.isfile(file)
     with open(file, "rb") as f:
         contenuto = f.read()
 
@@ -52,3 +67,4 @@ def test_registra_indicizza_elenca_riproduce_elimina(host, camera, archivio):
     assert not os.path.exists(file)
     assert host.sql("SELECT id FROM nvr_registrazioni WHERE id=?", (seg["id"],)) == []
     assert host.get(seg["url"]).status == 404
+    assert "[NVR] Ingresso: registrazione avviata (continua)\n" in host.testo_log()

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <stdlib.h>
 
 #include <chrono>
 #include <thread>
@@ -100,15 +99,6 @@ TEST(ConTimeoutTest, AHungCallIsCutOffAndLeftToFinishSafely) {
   EXPECT_EQ(lancia.errore().codice, kErroreChiamata);
   EXPECT_EQ(lancia.errore().messaggio, "disco rotto");
   std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // let the abandoned call end
-}
-
-// Without either variable the name comes from the password database: the root tests' probe,
-// started with an empty environment, is told its name is "nobody".
-TEST(UtenteTest, NameComesFromUserThenLogname) {
-  testing::VariabileDiProva user("USER", "mario"), logname("LOGNAME", "luigi");
-  EXPECT_EQ(_utente_app().nome, "mario");
-  ::setenv("USER", "", 1);
-  EXPECT_EQ(_utente_app().nome, "luigi");
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// Mount inspection on real tmpfs mounts of known sizes, and the acceptance check of a fresh mount
-// as root and as an unprivileged user.
+// Mounts, root rights and folder probes as they behave for real: tmpfs mounts of known sizes,
+// read-only mounts, and a server running as an unprivileged user.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -7,6 +7,7 @@
 #include <filesystem>
 
 #include "core/stato.h"
+#include "storage/cartelle_fs.h"
 #include "storage/comando.h"
 #include "storage/montaggi.h"
 #include "testing/ambiente.h"
@@ -21,10 +22,19 @@ using testing::CartellaTemporanea;
 using testing::scrivi_byte;
 using testing::TmpfsDiProva;
 
-const bool kSonda = testing::registra_sonda("NVR_SONDA_DOPO_MOUNT", [](const std::string& punto) {
-  auto [ok, msg] = _dopo_mount(punto, "Cartella di rete");
-  return std::to_string(ok) + "|" + msg;
-});
+// What an unprivileged server answers: "ok|message" after mounting a folder, and
+// "code|message|owned" for root rights and taking a folder over.
+const bool kSondaMount =
+    testing::registra_sonda("NVR_SONDA_DOPO_MOUNT", [](const std::string& punto) {
+      auto [ok, msg] = _dopo_mount(punto, "Cartella di rete");
+      return std::to_string(ok) + "|" + msg;
+    });
+const bool kSondaRadice =
+    testing::registra_sonda("NVR_SONDA_RADICE", [](const std::string& cartella) {
+      RisultatoComando r = _radice({"true"}, 10);
+      return std::to_string(r.codice) + "|" + r.err + "|" + std::to_string(_intesta(cartella));
+    });
+const std::string kPath = "PATH=/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin";
 
 const char kSolaLettura[] =
     " montata in sola lettura: se e' una chiavetta NTFS non e' stata espulsa bene da Windows "
@@ -89,37 +99,37 @@ TEST_F(MontaggiTest, SpaceFiguresRoundToOneDecimalOfGigabyteAndTheShareHalfToEve
   }
 }
 
-TEST_F(MontaggiTest, SafeSpaceReadingIsCachedForOneFolder) {
-  MONTA(t, "size=819200");
-  CartellaTemporanea altra;
-  ASSERT_EQ(_spazio_sicuro(t.percorso())->usato_pct, 0);
-  scrivi_byte(t / "f", 102400);
-  EXPECT_EQ(_spazio_sicuro(t.percorso())->usato_pct, 0) << "entro 30 s vale la misura in cache";
-  EXPECT_EQ(_spazio_sicuro(t.percorso(), 0)->usato_pct, 12) << "fresco 0 misura di nuovo";
-
-  scrivi_byte(t / "f", 110592);
-  ASSERT_TRUE(_spazio_sicuro(altra.percorso()).has_value());  // replaces the single entry
-  EXPECT_EQ(_spazio_sicuro(t.percorso())->usato_pct, 14);
-
-  // A cached reading older than `fresco` is measured again.
-  _cache_spazio.modifica([](CacheSpazio& c) { c.ts -= 31; });
-  scrivi_byte(t / "f", 0);
-  EXPECT_EQ(_spazio_sicuro(t.percorso())->usato_pct, 0);
-}
-
 TEST_F(MontaggiTest, ReadOnlyMountIsRefusedAndUnmounted) {
   MONTA(t, "size=1m", /*sola_lettura=*/true);
+  EXPECT_TRUE(_sola_lettura(t.percorso()));
+  EXPECT_FALSE(_scrivibile(t.percorso()));
+  EXPECT_FALSE(_intesta(t.percorso()));  // chown and chmod run, and fail, on a read-only filesystem
+  auto [creata, perche] = _mkdir(t / "sotto");
+  EXPECT_FALSE(creata);
+  EXPECT_FALSE(perche.empty());
   auto [ok, msg] = _dopo_mount(t.percorso(), "Unita'");
   EXPECT_FALSE(ok);
   EXPECT_EQ(msg, std::string("Unita'") + kSolaLettura);
   EXPECT_FALSE(_ismount(t.percorso())) << "il montaggio in sola lettura resta al suo posto";
 }
 
-TEST_F(MontaggiTest, MountTheServerUserCannotWriteIsRefused) {
+TEST_F(MontaggiTest, UnprivilegedServerIsToldWhatItLacks) {
   MONTA(t, "size=1m,mode=0755");  // root's own: user nobody cannot write nor take it over
   ::chmod(fs::path(t.percorso()).parent_path().c_str(), 0755);
-  EXPECT_EQ(testing::sonda_come_nobody({"PATH=/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin",
-                                        "NVR_SONDA_DOPO_MOUNT=" + t.percorso()}),
+  if (programma_presente("sudo")) {
+    EXPECT_EQ(testing::sonda_come_nobody({kPath, "NVR_SONDA_RADICE=" + t.percorso()}),
+              "126|il server gira come utente nobody (non root) e sudo chiede la password: avvialo "
+              "con  sudo  oppure dal servizio zuna_os (systemctl start zuna_os)|0");
+  }
+  CartellaTemporanea senza_sudo;  // a PATH with env only
+  ::chmod(senza_sudo.percorso().c_str(), 0755);
+  ::symlink("/usr/bin/env", (senza_sudo / "env").c_str());
+  EXPECT_EQ(testing::sonda_come_nobody(
+                {"PATH=" + senza_sudo.percorso(), "NVR_SONDA_RADICE=" + t.percorso()}),
+            "126|il server gira come utente nobody (non root) e sudo non c'e': avvialo come "
+            "root|0");
+
+  EXPECT_EQ(testing::sonda_come_nobody({kPath, "NVR_SONDA_DOPO_MOUNT=" + t.percorso()}),
             "0|Cartella di rete montata ma non scrivibile dall'utente nobody con cui gira il "
             "server: controlla i permessi (sul NAS: utente con diritto di scrittura; NFS: "
             "no_root_squash)");
