@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <cerrno>
 #include <filesystem>
 #include <map>
@@ -12,12 +13,39 @@
 #include <string_view>
 #include <utility>
 
+#include "core/condiviso.h"
 #include "core/db.h"
 #include "core/tempo.h"
 #include "storage/con_timeout.h"
 #include "storage/montaggi.h"
 
 namespace nvr {
+
+namespace {
+// Whether the archive is present, the configuration signature it was worked out for, and when
+// (replaced whole; a race only repeats the look).
+struct CachePresente {
+  double ts = 0.0;
+  bool val = false;
+  std::string firma;
+};
+Condiviso<CachePresente> _cache_presente;
+
+// What the archive overview last learned of one folder: how many of the rows indexed in it had
+// no file. It holds while the folder looks the same from outside (`firma_cartella`: identity,
+// modification and change times) and the names indexed in it are the same (`firma_righe`).
+struct MancantiCartella {
+  std::string firma_cartella;
+  std::uint64_t firma_righe = 0;
+  std::int64_t mancanti = 0;
+};
+Condiviso<std::map<std::string, MancantiCartella>> _mancanti_per_cartella;
+}  // namespace
+
+void azzera_allineamento_per_test() {
+  _cache_presente.set({});
+  _mancanti_per_cartella.set({});
+}
 
 namespace fs = std::filesystem;
 

@@ -35,4 +35,7 @@ std::int64_t conta_righe_senza_file(const Config& cfg, double margine = 3);
 // Deletes those rows in one transaction; answers how many. Throws ErroreDb on database failure.
 int _allinea(const Config& cfg);
 
+// Forgets the cached presence answer and the overview's remembered folders (for tests).
+void azzera_allineamento_per_test();
+
 }  // namespace nvr

@@ -62,7 +62,7 @@ TEST_F(AllineamentoRootTest, ShareThatGoesAwayKeepsEveryRow) {
   // The share drops; the server's folder reappears on the bare mount point, empty.
   ASSERT_EQ(::umount2(condivisa.percorso().c_str(), MNT_DETACH), 0);
   fs::create_directories(cfg.cartella);
-  _cache_presente.modifica([](CachePresente& c) { c.ts = 0; });
+  azzera_allineamento_per_test();  // look again now
   EXPECT_FALSE(_archivio_presente(cfg));
   EXPECT_TRUE(_righe_senza_file(cfg).empty());
   EXPECT_EQ(_allinea(cfg), 0);

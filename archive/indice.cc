@@ -75,37 +75,24 @@ std::string percorso_reale(const std::string& p) {
   return ec ? fs::path(p).lexically_normal().string() : r.string();
 }
 
-// ---- _non_spostabili and the other shared tables: read and changed under _lock only ----
+// ---- The earlier in-progress folders, this module's own table ----
 
-bool non_spostabile(const std::string& p) {
-  std::lock_guard l(_lock);
-  return _non_spostabili.count(p) > 0;
-}
-
-void segna_non_spostabile(const std::string& p, bool si) {
-  std::lock_guard l(_lock);
-  if (si)
-    _non_spostabili.insert(p);
-  else
-    _non_spostabili.erase(p);
-}
+std::mutex _indice_lock;  // one index run at a time (try_lock: a second caller leaves)
+std::mutex precedenti_m;
+// Camera -> in-progress folders it wrote into before its folder changed; guarded by precedenti_m.
+std::map<CamId, std::set<std::string>> _in_corso_precedenti;
 
 // The running recorder's folder (real path) and whether there is one.
-std::optional<std::string> cartella_registratore(CamId id) {
-  std::string cartella;
-  {
-    std::lock_guard l(_lock);
-    auto it = _processi.find(id);
-    if (it == _processi.end()) return std::nullopt;
-    cartella = it->second.cartella;
-  }
-  return cartella.empty() ? std::string() : percorso_reale(cartella);
+std::optional<std::string> cartella_registratore(const RegistratoriInCorso& registratori,
+                                                 CamId id) {
+  auto it = registratori.find(id);
+  if (it == registratori.end()) return std::nullopt;
+  return it->second.cartella.empty() ? std::string() : percorso_reale(it->second.cartella);
 }
 
-std::string motivo_registratore(CamId id) {
-  std::lock_guard l(_lock);
-  auto it = _processi.find(id);
-  return it == _processi.end() ? "" : it->second.motivo;
+std::string motivo_registratore(const RegistratoriInCorso& registratori, CamId id) {
+  auto it = registratori.find(id);
+  return it == registratori.end() ? "" : it->second.motivo;
 }
 
 // The camera's earlier in-progress folders that still exist, apart from `attuale` (a camera
@@ -113,7 +100,7 @@ std::string motivo_registratore(CamId id) {
 std::vector<std::string> precedenti_da_svuotare(CamId id, const std::string& attuale) {
   std::set<std::string> copia;
   {
-    std::lock_guard l(_lock);
+    std::lock_guard l(precedenti_m);
     auto it = _in_corso_precedenti.find(id);
     if (it != _in_corso_precedenti.end()) copia = it->second;
   }
@@ -124,7 +111,7 @@ std::vector<std::string> precedenti_da_svuotare(CamId id, const std::string& att
     (da_svuotare ? esistenti : spariti).push_back(c);
   }
   if (!spariti.empty()) {
-    std::lock_guard l(_lock);
+    std::lock_guard l(precedenti_m);
     auto it = _in_corso_precedenti.find(id);
     if (it != _in_corso_precedenti.end()) {
       for (const auto& c : spariti) it->second.erase(c);
@@ -134,8 +121,33 @@ std::vector<std::string> precedenti_da_svuotare(CamId id, const std::string& att
   return esistenti;
 }
 
+}  // namespace
+
+void aggiungi_in_corso_precedente(CamId id, const std::string& cartella) {
+  std::lock_guard l(precedenti_m);
+  _in_corso_precedenti[id].insert(cartella);
+}
+
+std::set<std::string> in_corso_precedenti(CamId id) {
+  std::lock_guard l(precedenti_m);
+  auto it = _in_corso_precedenti.find(id);
+  return it == _in_corso_precedenti.end() ? std::set<std::string>{} : it->second;
+}
+
+void dimentica_in_corso_precedenti(CamId id) {
+  std::lock_guard l(precedenti_m);
+  _in_corso_precedenti.erase(id);
+}
+
+void azzera_indice_per_test() {
+  std::lock_guard l(precedenti_m);
+  _in_corso_precedenti.clear();
+}
+
+namespace {
+
 void dimentica_precedente(CamId id, const std::string& cartella) {
-  std::lock_guard l(_lock);
+  std::lock_guard l(precedenti_m);
   auto it = _in_corso_precedenti.find(id);
   if (it == _in_corso_precedenti.end()) return;
   it->second.erase(cartella);
@@ -146,6 +158,7 @@ void dimentica_precedente(CamId id, const std::string& cartella) {
 
 struct Lavoro {
   CamId id = 0;
+  const RegistratoriInCorso* registratori = nullptr;
   std::string cart_cam;  // where finished segments go
   std::set<std::string> noti;
   bool profondo = false;
@@ -194,7 +207,7 @@ bool gestisci_in_corso(Lavoro& w, const std::string& p, const std::string& nome)
     ::unlink(p.c_str());  // a fragment left by a recorder that died: it will never play
     return false;
   }
-  std::string motivo = motivo_registratore(w.id);
+  std::string motivo = motivo_registratore(*w.registratori, w.id);
   std::optional<std::string> dove = _sposta_spezzone(p, w.cart_cam, *inizio);
   if (!dove) return false;
   if (*dove == p) segna_non_spostabile(p, true);  // indexed where it lies all the same
@@ -264,9 +277,10 @@ void scansione_profonda(Lavoro& w, const std::string& radice, bool legacy) {
 }
 
 void indicizza_camera(const Config& cfg, const std::vector<Camera>& cams, const Camera& cam,
-                      bool profondo, double ora) {
+                      bool profondo, double ora, const RegistratoriInCorso& registratori) {
   Lavoro w;
   w.id = cam.id;
+  w.registratori = &registratori;
   w.profondo = profondo;
   w.ora = ora;
   w.cart_cam = _cartella_camera(cfg, cam, cams);
@@ -279,7 +293,7 @@ void indicizza_camera(const Config& cfg, const std::vector<Camera>& cams, const 
   std::vector<std::string> precedenti = precedenti_da_svuotare(cam.id, in_corso);
 
   w.noti = file_noti(cam.id);
-  std::optional<std::string> attiva = cartella_registratore(cam.id);
+  std::optional<std::string> attiva = cartella_registratore(registratori, cam.id);
 
   int spostati = 0;
   if (e_cartella(in_corso)) svuota_in_corso(w, in_corso, attiva, spostati);
@@ -326,19 +340,21 @@ void adotta_orfane(const Config& cfg, std::vector<Camera>& cams) {
 
 }  // namespace
 
-void _indicizza(const Config& cfg, std::vector<Camera>& cams, bool profondo) {
+void _indicizza(const Config& cfg, std::vector<Camera>& cams, bool profondo,
+                const RegistratoriInCorso& registratori) {
   std::unique_lock l(_indice_lock, std::try_to_lock);
   if (!l.owns_lock()) return;  // another run is at it; this one would only repeat it
-  _indicizza_dentro(cfg, cams, profondo);
+  _indicizza_dentro(cfg, cams, profondo, registratori);
 }
 
-void _indicizza_dentro(const Config& cfg, std::vector<Camera>& cams, bool profondo) {
+void _indicizza_dentro(const Config& cfg, std::vector<Camera>& cams, bool profondo,
+                       const RegistratoriInCorso& registratori) {
   if (cfg.cartella.empty()) return;
   double ora = _ora();
   adotta_orfane(cfg, cams);
   // A copy: the folder names depend on the whole list, which must not move under our feet.
   const std::vector<Camera> tutte = cams;
-  for (const Camera& cam : tutte) indicizza_camera(cfg, tutte, cam, profondo, ora);
+  for (const Camera& cam : tutte) indicizza_camera(cfg, tutte, cam, profondo, ora, registratori);
 }
 
 void _scrivi_indice(std::vector<RigaIndice>& nuovi,

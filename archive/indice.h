@@ -9,7 +9,9 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -29,19 +31,35 @@ struct RigaIndice {
   std::string motivo;
 };
 
+// What the index needs to know of a running recorder: the in-progress folder it writes into
+// (the newest file there is still open) and the reason it records for (copied into new rows).
+struct RegistratoreInCorso {
+  std::string cartella;
+  std::string motivo;
+};
+using RegistratoriInCorso = std::map<CamId, RegistratoreInCorso>;
+
 // One index run, unless another is in progress: then it returns at once, doing nothing
 // (_indice_lock, taken with try_lock and released on every path). Orphan "cam_N" folders of the
-// archive root are appended to `cams`. Per camera: the in-progress folder and the earlier ones of
-// _in_corso_precedenti are drained (at most 300 files per camera and run; the newest file of the
+// archive root are appended to `cams`. Per camera: the in-progress folder and the earlier ones
+// (in_corso_precedenti) are drained (at most 300 files per camera and run; the newest file of the
 // folder the running recorder writes into is left alone), rows and renames are written in
 // batches of 25. `profondo` also adopts the files lying in the day folders of the camera folder
 // and of the legacy folder without a row, and retries segments whose move failed. A file that
 // cannot be read is skipped; database failures throw ErroreDb (rows already written stay).
-// Does nothing when cfg.cartella is empty. Blocks on the disk and the database; takes _lock only
-// briefly to read _processi, _in_corso_precedenti and _non_spostabili, never across disk or
-// database work.
-void _indicizza(const Config& cfg, std::vector<Camera>& cams, bool profondo = false);
-void _indicizza_dentro(const Config& cfg, std::vector<Camera>& cams, bool profondo);
+// Does nothing when cfg.cartella is empty. `registratori` are the recorders running when the run
+// starts. Blocks on the disk and the database; no lock is held across disk or database work.
+void _indicizza(const Config& cfg, std::vector<Camera>& cams, bool profondo = false,
+                const RegistratoriInCorso& registratori = {});
+void _indicizza_dentro(const Config& cfg, std::vector<Camera>& cams, bool profondo,
+                       const RegistratoriInCorso& registratori = {});
+
+// The earlier in-progress folders of a camera, which the index drains and then forgets: a
+// camera whose folder changed (renamed, archive moved) leaves finished segments behind there.
+void aggiungi_in_corso_precedente(CamId id, const std::string& cartella);
+std::set<std::string> in_corso_precedenti(CamId id);
+void dimentica_in_corso_precedenti(CamId id);
+void azzera_indice_per_test();  // forgets them all
 
 // Writes the pending renames ("UPDATE ... SET file=? WHERE file=?", pairs new, old) and rows
 // ("INSERT OR IGNORE") in one transaction, then empties both lists. Throws ErroreDb, leaving

@@ -1,4 +1,5 @@
 #include "archive/indice.h"
+#include "archive/posizione.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -271,10 +272,7 @@ TEST_F(IndiceTest, SameSecondGetsASuffix) {
   segmento(giorno("12-00-00.mp4"), 2048);  // already in the archive, without a row
   segmento(in_corso("20240501_120000.mp4"), 3000);
   segmento(radice / "Vecchio/in_corso/20240501_120000.mp4", 4000);
-  {
-    std::lock_guard l(_lock);
-    _in_corso_precedenti[1].insert(radice / "Vecchio/in_corso");
-  }
+  aggiungi_in_corso_precedente(1, radice / "Vecchio/in_corso");
   _indicizza(cfg, cams, true);
 
   ASSERT_EQ(righe().size(), 3u);
@@ -317,10 +315,7 @@ TEST_F(IndiceTest, FailedMoveIsIndexedInPlaceLoggedOnceRetriedOnDeepRuns) {
   EXPECT_EQ(righe()[0].file, giorno("12-00-00.mp4"));
   EXPECT_DOUBLE_EQ(righe()[0].inizio, 1714557600);
   EXPECT_FALSE(fs::exists(p));
-  {
-    std::lock_guard l(_lock);
-    EXPECT_TRUE(_non_spostabili.empty());
-  }
+  EXPECT_FALSE(non_spostabile(p));
   nessun_lavoro_rimasto();
 }
 
@@ -339,13 +334,7 @@ TEST_F(IndiceTest, NewestFileOfTheRunningRecorderIsLeftAlone) {
     host.sql("DELETE FROM nvr_registrazioni");
     for (const char* n : {"20240501_120000.mp4", "20240501_120100.mp4", "20240501_120200.mp4"})
       segmento(in_corso(n), 2048);
-    {
-      std::lock_guard l(_lock);
-      _processi[1] = Registratore{};
-      _processi[1].cartella = c.cartella_registratore;
-      _processi[1].motivo = "evento";
-    }
-    _indicizza(cfg, cams);
+    _indicizza(cfg, cams, false, {{1, {c.cartella_registratore, "evento"}}});
     EXPECT_EQ(fs::exists(in_corso("20240501_120200.mp4")), c.ultimo_lasciato);
     EXPECT_EQ(righe().size(), c.ultimo_lasciato ? 2u : 3u);
     for (const RigaIndice& r : righe()) EXPECT_EQ(r.motivo, "evento");
@@ -377,11 +366,10 @@ TEST_F(IndiceTest, RowsAreWrittenInBatchesOfTwentyFiveAndFailuresPropagate) {
       "CREATE TRIGGER rifiuta BEFORE INSERT ON nvr_registrazioni WHEN NEW.file LIKE "
       "'%12-00-29.mp4' BEGIN SELECT RAISE(ABORT, 'rifiutata'); END");
   EXPECT_THROW(_indicizza(cfg, cams), ErroreDb);
-  EXPECT_EQ(righe().size(), 25u);        // the first batch was committed, the second rolled back
-  EXPECT_TRUE(_indice_lock.try_lock());  // released although the run failed
-  _indice_lock.unlock();
+  EXPECT_EQ(righe().size(), 25u);  // the first batch was committed, the second rolled back
 
-  // The moved files without a row are found again by the next deep run.
+  // The moved files without a row are found again by the next deep run (so the failed run let
+  // go of the index: a second caller would have returned at once).
   host.sql("DROP TRIGGER rifiuta");
   _indicizza(cfg, cams, true);
   EXPECT_EQ(righe().size(), 30u);
@@ -393,32 +381,15 @@ TEST_F(IndiceTest, EarlierInProgressFoldersAreDrainedAndRemoved) {
   segmento(vuotata + "/20240501_120000.mp4", 2048);
   segmento(vuotata + "/20240501_120100.mp4", 10, Moov::nessuno);  // a fragment: deleted
   segmento(giovane + "/20240501_120200.mp4", 2048, Moov::inizio, 3);
-  {
-    std::lock_guard l(_lock);
-    _in_corso_precedenti[1] = {vuotata, giovane, radice / "Sparita/in_corso"};
-  }
+  for (const std::string& c : {vuotata, giovane, radice / "Sparita/in_corso"})
+    aggiungi_in_corso_precedente(1, c);
   _indicizza(cfg, cams);
 
   EXPECT_TRUE(riga(giorno("12-00-00.mp4")));
   EXPECT_EQ(righe().size(), 1u);
   EXPECT_FALSE(fs::exists(radice / "Vecchio"));  // its camera folder was left empty too
   EXPECT_TRUE(fs::exists(giovane + "/20240501_120200.mp4"));
-  std::lock_guard l(_lock);
-  EXPECT_EQ(_in_corso_precedenti[1], std::set<std::string>{giovane});
-}
-
-TEST_F(IndiceTest, SecondCallerReturnsAtOnce) {
-  segmento(in_corso("20240501_120000.mp4"), 2048);
-  {
-    std::lock_guard occupato(_indice_lock);
-    auto t0 = std::chrono::steady_clock::now();
-    _indicizza(cfg, cams, true);
-    EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::milliseconds(100));
-    EXPECT_TRUE(righe().empty());
-    EXPECT_TRUE(fs::exists(in_corso("20240501_120000.mp4")));
-  }
-  _indicizza(cfg, cams);
-  EXPECT_EQ(righe().size(), 1u);
+  EXPECT_EQ(in_corso_precedenti(1), std::set<std::string>{giovane});
 }
 
 }  // namespace

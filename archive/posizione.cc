@@ -3,6 +3,7 @@
 #include <cctype>
 #include <filesystem>
 #include <mutex>
+#include <set>
 #include <system_error>
 
 #include "core/log.h"
@@ -12,6 +13,29 @@
 #include "storage/cartelle_fs.h"
 
 namespace nvr {
+
+namespace {
+std::mutex non_spostabili_m;
+std::set<std::string> _non_spostabili;  // guarded by non_spostabili_m: segments whose move failed
+}  // namespace
+
+bool non_spostabile(const std::string& p) {
+  std::lock_guard l(non_spostabili_m);
+  return _non_spostabili.count(p) > 0;
+}
+
+void segna_non_spostabile(const std::string& p, bool si) {
+  std::lock_guard l(non_spostabili_m);
+  if (si)
+    _non_spostabili.insert(p);
+  else
+    _non_spostabili.erase(p);
+}
+
+void azzera_posizione_per_test() {
+  std::lock_guard l(non_spostabili_m);
+  _non_spostabili.clear();
+}
 
 namespace fs = std::filesystem;
 
@@ -92,12 +116,7 @@ std::optional<std::string> _sposta_spezzone(const std::string& sorgente,
     if (fs::exists(sorgente, ec2)) return sorgente;
     return std::nullopt;
   }
-  bool gia_segnalato;
-  {
-    std::lock_guard l(_lock);
-    gia_segnalato = _non_spostabili.count(sorgente) > 0;
-  }
-  if (!gia_segnalato) {
+  if (!non_spostabile(sorgente)) {
     _log("spezzone " + fs::path(sorgente).filename().string() + " non spostato in " +
          cart.string() + ": " + ec.message() + " (resta dov'e', in elenco lo stesso)");
   }

@@ -33,9 +33,15 @@ std::string _destinazione_spezzone(const std::string& cart_cam, double inizio);
 // Moves the in-progress file `sorgente` to its final place (creating the day folder and handing
 // it to the server's user). Answers the final path when moved; `sorgente` itself when it could
 // not be moved and still exists (a failure other than "not found" is logged once per file,
-// unless it is already in _non_spostabili); nothing when the file has vanished.
+// unless it is already marked non_spostabile); nothing when the file has vanished.
 std::optional<std::string> _sposta_spezzone(const std::string& sorgente,
                                             const std::string& cart_cam, double inizio);
+
+// The segments whose move failed: they are indexed where they lie and retried only by a deep
+// index run. Guarded by this module's own mutex; never blocks.
+bool non_spostabile(const std::string& p);
+void segna_non_spostabile(const std::string& p, bool si);
+void azzera_posizione_per_test();  // forgets them all
 
 // Removes the folders left empty above the removed file `percorso`, walking up to (not
 // including) `radice`; never an "in_corso" folder, never anything outside `radice`. Never fails.

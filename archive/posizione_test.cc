@@ -147,10 +147,7 @@ TEST_F(PosizioneTest, UnmovableSegmentStaysAndIsReportedOnce) {
   EXPECT_EQ(leggi_file(sorgente), "x");
 
   // The index remembers the stuck file; the next attempt fails the same way in silence.
-  {
-    std::lock_guard l(_lock);
-    _non_spostabili.insert(sorgente);
-  }
+  segna_non_spostabile(sorgente, true);
   ::testing::internal::CaptureStdout();
   EXPECT_EQ(_sposta_spezzone(sorgente, cam, quasi_mezzanotte()), sorgente);
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");

@@ -138,7 +138,7 @@ int esegui(const Opzioni& o) {
     installa_sigterm_nativo([gestore] {
       // Held until the process ends: no engine pass may start a recorder again while the
       // running ones are stopped and their last segments finalised.
-      _giro_lock.lock();
+      blocca_giri().release();
       gestore();
     });
   };

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "core/stato.h"
+#include "testing/azzera.h"
 #include "testing/ambiente.h"
 
 namespace nvr {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "core/stato.h"
+#include "testing/azzera.h"
 #include "testing/ambiente.h"
 
 namespace nvr {

@@ -11,6 +11,7 @@
 #include "core/processo.h"
 #include "core/tempo.h"
 #include "engine/archivio_pronto.h"
+#include "engine/registratori.h"
 #include "storage/comando.h"
 #include "storage/montaggi.h"
 #include "storage/prontezza.h"
@@ -42,8 +43,7 @@ class ArchivioRootTest : public ::testing::Test {
 
   void TearDown() override {
     disco_.reset();  // its mounts live inside the temporary folders
-    std::lock_guard l(_lock);
-    for (auto& [cid, r] : _processi)
+    for (auto& [cid, r] : registratori_in_corso())
       if (r.proc) r.proc->segnala(SIGKILL);
   }
 
@@ -80,8 +80,7 @@ class ArchivioRootTest : public ::testing::Test {
     if (!p.ok()) return -1;
     Registratore r;
     r.proc = p.valore();
-    std::lock_guard l(_lock);
-    _processi[cid] = r;
+    adotta_registratore(cid, r);
     return p.valore()->pid();
   }
 

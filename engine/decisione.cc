@@ -4,6 +4,7 @@
 #include <array>
 #include <cctype>
 #include <exception>
+#include <map>
 #include <mutex>
 #include <optional>
 
@@ -12,6 +13,19 @@
 #include "core/stato.h"
 
 namespace nvr {
+
+namespace {
+// Engine thread only in practice; the mutex keeps tests and a second caller honest.
+std::mutex eventi_m;
+std::map<CamId, double> _stato_eventi;  // guarded by eventi_m: last pass that saw an entity on
+std::map<std::string, std::string> _ultimi_stati;  // guarded by eventi_m: entity -> "on"/"off"
+}  // namespace
+
+void azzera_decisione_per_test() {
+  std::lock_guard l(eventi_m);
+  _stato_eventi.clear();
+  _ultimi_stati.clear();
+}
 
 namespace {
 
@@ -142,7 +156,7 @@ std::pair<bool, std::string> _deve_registrare(const Camera& cam, const Json& sta
   }
   double ultimo = 0.0;
   {
-    std::lock_guard l(_lock);
+    std::lock_guard l(eventi_m);
     if (attivo) {
       _stato_eventi[cam.id] = ora;
       return {true, "evento"};
@@ -174,14 +188,14 @@ void _segna_eventi(const std::vector<Camera>& cams, const Json& stati, double or
   }
   if (interessanti.empty()) return;
 
-  // The host is asked outside _lock; the table is updated in one go.
+  // The host is asked outside the mutex; the table is updated in one go.
   std::vector<std::string> nuovi;
   nuovi.reserve(interessanti.size());
   for (const auto& [e, _] : interessanti) nuovi.push_back(_attivo(campo(stati, e)) ? "on" : "off");
 
   std::vector<std::vector<Valore>> righe;
   {
-    std::lock_guard l(_lock);
+    std::lock_guard l(eventi_m);
     for (std::size_t i = 0; i < interessanti.size(); ++i) {
       const auto& [e, camere] = interessanti[i];
       auto [it, primo] = _ultimi_stati.try_emplace(e, nuovi[i]);

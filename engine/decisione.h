@@ -29,7 +29,7 @@ bool _attivo(const Json& stato);
 
 // The decision for one camera: (true, "continua") always; (true, "orario") inside the
 // schedule; (true, "evento") while an entity is active and for post_roll seconds after the last
-// pass that saw one active (updates _stato_eventi); (false, "") otherwise. `ora` is now.
+// pass that saw one active (remembered per camera); (false, "") otherwise. `ora` is now.
 std::pair<bool, std::string> _deve_registrare(const Camera& cam, const Json& stati,
                                               const std::tm& adesso, double ora = _ora());
 
@@ -37,5 +37,8 @@ std::pair<bool, std::string> _deve_registrare(const Camera& cam, const Json& sta
 // camera since the previous call (the first sight of an entity records nothing). A database
 // failure is logged as "eventi non salvati: ..." and the rows are dropped; never throws.
 void _segna_eventi(const std::vector<Camera>& cams, const Json& stati, double ora = _ora());
+
+// Forgets the post-roll moments and the entity states seen. For tests.
+void azzera_decisione_per_test();
 
 }  // namespace nvr

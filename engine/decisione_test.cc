@@ -7,6 +7,7 @@
 #include "core/db.h"
 #include "core/stato.h"
 #include "core/tempo.h"
+#include "testing/azzera.h"
 #include "testing/ambiente.h"
 
 namespace nvr {

@@ -13,10 +13,11 @@
 #include "archive/allineamento.h"
 #include "archive/indice.h"
 #include "archive/pulizia.h"
+#include "core/condiviso.h"
 #include "core/config.h"
+#include "core/evento.h"
 #include "core/log.h"
 #include "core/processo.h"
-#include "core/stato.h"
 #include "core/tempo.h"
 #include "engine/archivio_pronto.h"
 #include "engine/decisione.h"
@@ -31,25 +32,29 @@ namespace {
 
 std::atomic<bool> fermare{false};
 
+std::mutex _giro_lock;  // held for one whole pass; taken before the recorder table's mutex
+Evento _sveglia;        // wakes the engine before its wait ends
+Condiviso<std::string> _problema;  // the system-wide problem, "" when all is well
+
 // When each periodic job last ran; engine thread only.
 TempiLavori tempi;
 
 // A problem text is logged when it changes, not at every pass.
 void segnala_problema(const std::string& testo, const std::string& da_registrare) {
-  if (_problema.get().testo != testo) _log(da_registrare);
-  _problema.set({testo});
+  if (_problema.get() != testo) _log(da_registrare);
+  _problema.set(testo);
 }
 
-std::map<CamId, VistaRegistratore> vista_registratori() {
-  std::map<CamId, VistaRegistratore> vista;
-  std::lock_guard l(_lock);
-  for (const auto& [id, r] : _processi) vista[id] = {r.cartella, r.segmento};
+RegistratoriInCorso per_indice(const std::map<CamId, Registratore>& registratori) {
+  RegistratoriInCorso vista;
+  for (const auto& [id, r] : registratori) vista[id] = {r.cartella, r.motivo};
   return vista;
 }
 
-std::map<CamId, ErroreRecente> errori_recenti() {
-  std::lock_guard l(_lock);
-  return _errori_recenti;
+std::map<CamId, VistaRegistratore> vista_di(const std::map<CamId, Registratore>& registratori) {
+  std::map<CamId, VistaRegistratore> vista;
+  for (const auto& [id, r] : registratori) vista[id] = {r.cartella, r.segmento};
+  return vista;
 }
 
 // Each enabled camera's decision; the host's entity states are asked once, and only when an
@@ -72,23 +77,14 @@ void esegui(const Situazione& s, const Azione& a) {
     case Mossa::ferma:
       _ferma(a.cam, a.perche);
       return;
-    case Mossa::conferma: {
-      std::lock_guard l(_lock);
-      auto it = _processi.find(a.cam);
-      if (it != _processi.end()) it->second.motivo = a.motivo;
+    case Mossa::conferma:
+      conferma_motivo(a.cam, a.motivo);
       return;
-    }
     case Mossa::riavvia: {
-      std::string vecchia;
-      {
-        std::lock_guard l(_lock);
-        auto it = _processi.find(a.cam);
-        if (it != _processi.end()) vecchia = it->second.cartella;
-      }
-      if (a.cartella_cambiata && !vecchia.empty()) {
-        std::lock_guard l(_lock);
-        _in_corso_precedenti[a.cam].insert(vecchia);
-      }
+      auto vecchio = registratore_di(a.cam);
+      // The old folder may still hold finished segments: the index drains it later.
+      if (a.cartella_cambiata && vecchio && !vecchio->cartella.empty())
+        aggiungi_in_corso_precedente(a.cam, vecchio->cartella);
       _ferma(a.cam, a.perche);
       auto [ok, err] = _avvia(s.cfg, *cam, a.motivo, s.cams);
       if (!ok) _log(cam->nome + ": " + err);
@@ -97,12 +93,7 @@ void esegui(const Situazione& s, const Azione& a) {
     case Mossa::avvia: {
       auto [ok, err] = _avvia(s.cfg, *cam, a.motivo, s.cams);
       if (ok) return;
-      {
-        std::lock_guard l(_lock);
-        auto it = _errori_recenti.find(a.cam);
-        int n = it == _errori_recenti.end() ? 1 : it->second.n + 1;
-        _errori_recenti[a.cam] = ErroreRecente{n, err, _ora()};
-      }
+      segna_errore_avvio(a.cam, err);
       _log(cam->nome + ": " + err);
       return;
     }
@@ -127,7 +118,7 @@ void esegui_lavori(const Situazione& s, const Lavori& l, std::vector<Camera>& ca
     tempi.indice = s.adesso;
     if (s.cfg.attivo || cartella_presente(s.cfg.cartella)) {
       if (l.profondo) tempi.profondo = s.adesso;
-      _indicizza(s.cfg, cams, l.profondo);
+      _indicizza(s.cfg, cams, l.profondo, per_indice(registratori_in_corso()));
     }
   }
   if (l.allineamento) {
@@ -160,14 +151,14 @@ void _giro() {
       s.decisioni = decidi(s.cams, stati);
     }
   }
-  s.registratori = vista_registratori();
+  s.registratori = vista_di(registratori_in_corso());
   s.tempi = tempi;
   s.adesso = _ora();
 
   PianoGiro piano = pianifica_giro(s);
   for (const Azione& a : piano.azioni) esegui(s, a);
   if (piano.problema.empty())
-    _problema.set({""});
+    _problema.set("");
   else
     segnala_problema(piano.problema, piano.log_problema);
 
@@ -182,6 +173,25 @@ void _giro() {
 }
 
 void _giro_sicuro() { _sveglia.set(); }
+
+bool giro_richiesto() { return _sveglia.is_set(); }
+
+std::string problema_attuale() { return _problema.get(); }
+
+std::unique_lock<std::mutex> blocca_giri(std::optional<double> limite) {
+  if (!limite) return std::unique_lock(_giro_lock);
+  std::unique_lock l(_giro_lock, std::defer_lock);
+  auto fine = std::chrono::steady_clock::now() + std::chrono::duration<double>(*limite);
+  while (!l.try_lock() && std::chrono::steady_clock::now() < fine)
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  return l;
+}
+
+void azzera_motore_per_test() {
+  _sveglia.clear();
+  _problema.set("");
+  tempi = {};
+}
 
 bool nvr_attivo() {
   if (!leggi_config().attivo) return false;

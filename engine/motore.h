@@ -7,6 +7,10 @@
 // wake the engine with _giro_sicuro().
 #pragma once
 
+#include <mutex>
+#include <optional>
+#include <string>
+
 namespace nvr {
 
 // The engine thread's body: waits up to 10 s (or a wake-up), stops recorders left by an earlier
@@ -21,6 +25,21 @@ void _giro();
 
 // Wakes the engine so that a change takes effect within a moment. Never blocks.
 void _giro_sicuro();
+
+// Whether a wake-up is pending (set by _giro_sicuro, cleared when a pass starts).
+bool giro_richiesto();
+
+// The system-wide problem the last pass found ("" when all is well), for the status.
+std::string problema_attuale();
+
+// Keeps engine passes from running while the answer owns the pass lock (_giro_lock): waits for
+// a running pass to end, at most `limite` seconds (for ever without one). An answer that does not
+// own the lock means a pass is hung and did not end in time. Must not be called holding the
+// recorder table's mutex.
+std::unique_lock<std::mutex> blocca_giri(std::optional<double> limite = std::nullopt);
+
+// Clears the wake-up, the problem text and the job time stamps. For tests, with no engine thread.
+void azzera_motore_per_test();
 
 // Whether recording is switched on and at least one camera is enabled.
 bool nvr_attivo();

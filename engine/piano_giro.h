@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "core/config.h"
-#include "core/stato.h"
+#include "engine/registratori.h"
 
 namespace nvr {
 

@@ -74,11 +74,11 @@ TEST(PianoGiroTest, EachCameraStartsStopsOrKeepsItsRecorder) {
   PianoGiro p = pianifica_giro(s);
   EXPECT_EQ(p.azioni, (std::vector<Azione>{
                           ferma(9, "telecamera rimossa"),
-                          {1, Mossa::avvia, "orario"},
+                          {1, Mossa::avvia, "orario", ""},
                           ferma(2, "telecamera disattivata"),
                           ferma(3, "telecamera disattivata"),
                           ferma(4, "fuori orario/evento finito"),
-                          {5, Mossa::conferma, "evento"},
+                          {5, Mossa::conferma, "evento", ""},
                       }));
   EXPECT_EQ(p.problema, "");
 }

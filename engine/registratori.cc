@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cctype>
@@ -26,7 +27,67 @@ std::string minuscolo(std::string s) {
   return s;
 }
 
+std::mutex _lock;
+std::map<CamId, Registratore> _processi;          // guarded by _lock
+std::map<CamId, ErroreRecente> _errori_recenti;  // guarded by _lock
+
 }  // namespace
+
+int FileLog::fd() const {
+  std::lock_guard l(m_);
+  return fd_;
+}
+
+void FileLog::chiudi() {
+  std::lock_guard l(m_);
+  if (fd_ >= 0) ::close(fd_);
+  fd_ = -1;
+}
+
+std::map<CamId, Registratore> registratori_in_corso() {
+  std::lock_guard l(_lock);
+  return _processi;
+}
+
+std::optional<Registratore> registratore_di(CamId cid) {
+  std::lock_guard l(_lock);
+  auto it = _processi.find(cid);
+  if (it == _processi.end()) return std::nullopt;
+  return it->second;
+}
+
+std::map<CamId, ErroreRecente> errori_recenti() {
+  std::lock_guard l(_lock);
+  return _errori_recenti;
+}
+
+void segna_errore_avvio(CamId cid, const std::string& testo) {
+  double ora = _ora();
+  std::lock_guard l(_lock);
+  auto it = _errori_recenti.find(cid);
+  int n = it == _errori_recenti.end() ? 1 : it->second.n + 1;
+  _errori_recenti[cid] = ErroreRecente{n, testo, ora};
+}
+
+void conferma_motivo(CamId cid, const std::string& motivo) {
+  std::lock_guard l(_lock);
+  auto it = _processi.find(cid);
+  if (it != _processi.end()) it->second.motivo = motivo;
+}
+
+void adotta_registratore(CamId cid, Registratore r) {
+  std::lock_guard l(_lock);
+  _processi[cid] = std::move(r);
+}
+
+void azzera_registratori_per_test() {
+  {
+    std::lock_guard l(_lock);
+    _processi.clear();
+    _errori_recenti.clear();
+  }
+  dimentica_versione_ffmpeg();
+}
 
 std::pair<bool, std::string> _avvia(const Config& cfg, const Camera& cam, const std::string& motivo,
                                     const std::vector<Camera>& cams) {

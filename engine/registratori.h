@@ -1,18 +1,78 @@
-// The ffmpeg recorders: one child process per recording camera, in _processi.
+// The ffmpeg recorders: one child process per recording camera.
 //
-// _lock is taken only briefly to read or change _processi and _errori_recenti; it is never held
-// while a process starts, is signalled or waited for, or while a log is read.
+// The recorder table (_processi, camera -> running recorder) and the failure records
+// (_errori_recenti) belong to this module and are guarded by its mutex _lock, which is taken
+// only briefly and never while a process starts, is signalled or waited for, or while a log is
+// read. Other modules see them through snapshots.
 #pragma once
 
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
 #include "core/config.h"
+#include "core/processo.h"
 #include "core/stato.h"
 
 namespace nvr {
+
+// An open log file shared by the copies of a recorder record; closed once.
+class FileLog {
+ public:
+  explicit FileLog(int fd) : fd_(fd) {}
+  ~FileLog() { chiudi(); }
+  FileLog(const FileLog&) = delete;
+  FileLog& operator=(const FileLog&) = delete;
+  int fd() const;
+  void chiudi();  // idempotent, never fails
+
+ private:
+  mutable std::mutex m_;
+  int fd_;  // guarded by m_
+};
+
+// A running ffmpeg recorder.
+struct Registratore {
+  std::shared_ptr<Processo> proc;
+  std::shared_ptr<FileLog> log;  // null when the log could not be opened
+  double da = 0.0;               // start time, epoch seconds
+  std::string motivo;            // "continua", "orario" or "evento"
+  std::string cartella;          // the in-progress folder it writes into
+  int segmento = 300;            // segment length it was started with, seconds
+  int errori = 0;                // failures carried over from the previous record
+  std::string ultimo_errore;
+};
+
+// The last failure of a camera's recorder.
+struct ErroreRecente {
+  int n = 0;          // consecutive failures
+  std::string testo;  // last error text
+  double ts = 0.0;    // when, epoch seconds
+};
+
+// ---- The table, seen from outside (each call takes the mutex briefly; never blocks) ----
+
+// A copy of the recorder table; the processes are shared, not copied.
+std::map<CamId, Registratore> registratori_in_corso();
+// The camera's running recorder, if any.
+std::optional<Registratore> registratore_di(CamId cid);
+// A copy of the failure records.
+std::map<CamId, ErroreRecente> errori_recenti();
+// Counts one more failure to start camera `cid`'s recorder, with its text and the time now.
+void segna_errore_avvio(CamId cid, const std::string& testo);
+// The running recorder of `cid` now records for `motivo` (no effect without one).
+void conferma_motivo(CamId cid, const std::string& motivo);
+// Enters a recorder started elsewhere into the table, replacing any record there (whose process
+// the caller must have stopped). For tests that need a recorder without a camera.
+void adotta_registratore(CamId cid, Registratore r);
+// Empties the table and the failure records without stopping anything, and forgets the ffmpeg
+// version. For tests only, with no recorder running.
+void azzera_registratori_per_test();
 
 // Whether an executable "ffmpeg" is on PATH.
 bool ffmpeg_presente();
@@ -20,6 +80,8 @@ bool ffmpeg_presente();
 // The installed ffmpeg's major version, asked once per process ("ffmpeg -version", 10 s);
 // 5 when it cannot be told, and then 5 for good. Blocks up to 10 s the first time; no lock.
 int _ffmpeg_major();
+// Forgets the version asked, so that the next call asks again (for tests).
+void dimentica_versione_ffmpeg();
 
 // The major version in the output of "ffmpeg -version" (first "ffmpeg version [n]<major>."),
 // 5 when there is none.

@@ -13,6 +13,7 @@
 #include "core/tempo.h"
 #include "engine/registratori.h"
 #include "storage/comando.h"
+#include "testing/azzera.h"
 #include "testing/ambiente.h"
 #include "testing/camera_rtsp.h"
 #include "testing/processi.h"
@@ -63,9 +64,8 @@ void controlla_mp4(const std::string& percorso) {
 }
 
 std::shared_ptr<Processo> processo_di(CamId cid) {
-  std::lock_guard l(_lock);
-  auto it = _processi.find(cid);
-  return it == _processi.end() ? nullptr : it->second.proc;
+  std::optional<Registratore> r = registratore_di(cid);
+  return r ? r->proc : nullptr;
 }
 
 class RegistratoriE2eTest : public ::testing::Test {
@@ -178,11 +178,8 @@ TEST_F(RegistratoriE2eTest, RecordThenStopAllWhileOthersStopAndReap) {
   EXPECT_TRUE(uscita == "[NVR] registrazione telecamera 22 fermata (arresto del server)\n" ||
               uscita == "[NVR] registrazione telecamera 22 fermata (telecamera rimossa)\n")
       << uscita;
-  {
-    std::lock_guard l(_lock);
-    EXPECT_TRUE(_processi.empty());
-    EXPECT_TRUE(_errori_recenti.empty());
-  }
+  EXPECT_TRUE(registratori_in_corso().empty());
+  EXPECT_TRUE(errori_recenti().empty());
   for (pid_t p : pid) EXPECT_TRUE(testing::attendi_sparito(p, 5)) << p;
   auto tutti = spezzoni(cart);
   EXPECT_NE(std::find(tutti.begin(), tutti.end(), aperto), tutti.end());

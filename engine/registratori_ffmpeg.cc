@@ -11,6 +11,7 @@
 #include <optional>
 #include <string_view>
 
+#include "core/condiviso.h"
 #include "core/processo.h"
 #include "engine/registratori.h"
 #include "storage/comando.h"
@@ -144,13 +145,20 @@ int major_da_versione(const std::string& uscita) {
   return 5;
 }
 
+namespace {
+// The installed ffmpeg's major version, once asked; a race between two callers only asks twice.
+Condiviso<std::optional<int>> _ffmpeg_info;
+}  // namespace
+
 int _ffmpeg_major() {
-  if (auto noto = _ffmpeg_info.get().major) return *noto;
+  if (auto noto = _ffmpeg_info.get()) return *noto;
   RisultatoComando r = _comando({"ffmpeg", "-version"}, 10);
   int major = major_da_versione(r.out);
-  _ffmpeg_info.set({major});
+  _ffmpeg_info.set(major);
   return major;
 }
+
+void dimentica_versione_ffmpeg() { _ffmpeg_info.set(std::nullopt); }
 
 std::vector<std::string> argomenti_ffmpeg(const std::string& url, int segmento,
                                           const std::string& cartella, int major) {

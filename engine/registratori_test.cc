@@ -10,6 +10,7 @@
 
 #include "core/log.h"
 #include "core/tempo.h"
+#include "testing/azzera.h"
 #include "testing/ambiente.h"
 #include "testing/processi.h"
 
@@ -147,12 +148,9 @@ TEST_F(VersioneInstallataTest, AskedOnceAndPicksTheTimeOutOption) {
   cam.url = "rtsp://127.0.0.1:9/x";
   ::testing::internal::CaptureStdout();
   EXPECT_EQ(_avvia(cfg, cam, "orario"), std::make_pair(true, std::string()));
-  std::shared_ptr<Processo> proc;
-  {
-    std::lock_guard l(_lock);
-    ASSERT_EQ(_processi.count(4), 1u);
-    proc = _processi.at(4).proc;
-  }
+  std::optional<Registratore> avviato = registratore_di(4);
+  ASSERT_TRUE(avviato);
+  std::shared_ptr<Processo> proc = avviato->proc;
   ASSERT_TRUE(proc->attendi(10));
   _controlla_processi();
   EXPECT_EQ(::testing::internal::GetCapturedStdout(),
@@ -162,17 +160,14 @@ TEST_F(VersioneInstallataTest, AskedOnceAndPicksTheTimeOutOption) {
   EXPECT_NE(argomenti.find("\n-stimeout\n"), std::string::npos) << argomenti;
   EXPECT_NE(argomenti.find("\n-segment_time\n300\n"), std::string::npos) << argomenti;
   EXPECT_NE(argomenti.find(tmp_ / "archivio/Vecchia/in_corso/%Y"), std::string::npos) << argomenti;
-  {
-    std::lock_guard l(_lock);
-    EXPECT_EQ(_errori_recenti[4].testo, "finto: flusso assente");
-  }
+  EXPECT_EQ(errori_recenti()[4].testo, "finto: flusso assente");
 
   // Cached: a newer ffmpeg installed meanwhile is not asked again.
   scrivi_file(finto, "#!/bin/sh\necho 'ffmpeg version 6.1'\n");
   EXPECT_EQ(_ffmpeg_major(), 4);
 
   // Without ffmpeg the answer is 5, also for good.
-  _ffmpeg_info.set({});
+  dimentica_versione_ffmpeg();
   VariabileDiProva vuoto("PATH", tmp_ / "vuota");
   EXPECT_FALSE(ffmpeg_presente());
   EXPECT_EQ(_ffmpeg_major(), 5);
@@ -219,9 +214,8 @@ TEST_F(AvviaTest, RefusalsComeAfterTheFolderAndStartNothing) {
   EXPECT_GT(msg.size(), prefisso.size());
 
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
-  std::lock_guard l(_lock);
-  EXPECT_TRUE(_processi.empty());
-  EXPECT_TRUE(_errori_recenti.empty());
+  EXPECT_TRUE(registratori_in_corso().empty());
+  EXPECT_TRUE(errori_recenti().empty());
 }
 
 using LogTest = RegistratoriTest;
@@ -240,17 +234,14 @@ TEST_F(LogTest, ALinkInPlaceOfTheLogIsNotFollowed) {
   cam.id = 9;
   cam.url = "http://127.0.0.1:9/video";
   ASSERT_EQ(_avvia(cfg, cam, "continua"), std::make_pair(true, std::string()));
-  std::shared_ptr<Processo> proc;
-  {
-    std::lock_guard l(_lock);
-    EXPECT_FALSE(_processi.at(9).log);
-    proc = _processi.at(9).proc;
-  }
+  std::optional<Registratore> avviato = registratore_di(9);
+  ASSERT_TRUE(avviato);
+  EXPECT_FALSE(avviato->log);
+  std::shared_ptr<Processo> proc = avviato->proc;
   ASSERT_TRUE(proc->attendi(10));
   _controlla_processi();
   EXPECT_EQ(leggi_file(segreto), "riga riservata\n");
-  std::lock_guard l(_lock);
-  EXPECT_EQ(_errori_recenti[9].testo, "ffmpeg terminato (codice 1)");
+  EXPECT_EQ(errori_recenti()[9].testo, "ffmpeg terminato (codice 1)");
 }
 
 TEST_F(LogTest, LastNonBlankLineOfTheTail) {
@@ -306,14 +297,10 @@ TEST_F(ControllaTest, EndedRecordersLeaveWithTheirReason) {
     Registratore r = registratore(c.cid, c.argomenti, c.errori);
     ASSERT_TRUE(r.proc->attendi(10));
     logs.push_back(r.log);
-    std::lock_guard l(_lock);
-    _processi[c.cid] = r;
+    adotta_registratore(c.cid, r);
   }
   Registratore vivo = registratore(34, {"sleep", "60"});
-  {
-    std::lock_guard l(_lock);
-    _processi[34] = vivo;
-  }
+  adotta_registratore(34, vivo);
 
   double t0 = _ora();
   ::testing::internal::CaptureStdout();
@@ -322,13 +309,14 @@ TEST_F(ControllaTest, EndedRecordersLeaveWithTheirReason) {
   EXPECT_EQ(::testing::internal::GetCapturedStdout(),
             "[NVR] telecamera 31: ffmpeg terminato: \n[NVR] telecamera 33: ffmpeg terminato: \n");
 
-  std::lock_guard l(_lock);
-  EXPECT_EQ(_processi.size(), 1u);
-  EXPECT_EQ(_processi.count(34), 1u);
+  std::map<CamId, Registratore> rimasti = registratori_in_corso();
+  std::map<CamId, ErroreRecente> errori = errori_recenti();
+  EXPECT_EQ(rimasti.size(), 1u);
+  EXPECT_EQ(rimasti.count(34), 1u);
   EXPECT_GE(vivo.log->fd(), 0);
   for (const auto& c : casi) {
     SCOPED_TRACE(c.cid);
-    const ErroreRecente& e = _errori_recenti[c.cid];
+    const ErroreRecente& e = errori[c.cid];
     EXPECT_EQ(e.n, c.atteso.n);
     EXPECT_EQ(e.testo, c.atteso.testo);
     EXPECT_GE(e.ts, t0);
@@ -344,8 +332,7 @@ TEST_F(FermaTest, StopsEveryRecorderOnceWithItsReason) {
     // Not under sh: dash swallows a SIGINT that comes before it has started its command.
     Registratore r = registratore(cid, {"sleep", "60"});
     pid.push_back(r.proc->pid());
-    std::lock_guard l(_lock);
-    _processi[cid] = std::move(r);
+    adotta_registratore(cid, std::move(r));
   }
   auto t0 = std::chrono::steady_clock::now();
   ::testing::internal::CaptureStdout();
@@ -358,9 +345,8 @@ TEST_F(FermaTest, StopsEveryRecorderOnceWithItsReason) {
             "[NVR] registrazione telecamera 53 fermata (arresto del server)\n");
   EXPECT_LT(secondi_da(t0), 5.0);
   for (pid_t p : pid) EXPECT_TRUE(testing::attendi_sparito(p, 5)) << p;
-  std::lock_guard l(_lock);
-  EXPECT_TRUE(_processi.empty());
-  EXPECT_TRUE(_errori_recenti.empty());
+  EXPECT_TRUE(registratori_in_corso().empty());
+  EXPECT_TRUE(errori_recenti().empty());
 }
 
 // A child deaf to SIGINT is killed at the deadline, with whatever it started, and reaped; a
@@ -370,11 +356,8 @@ TEST_F(FermaTest, DeafChildIsKilledAfterTheDeadlineOnceFromTwoThreads) {
   Registratore r = registratore(
       61, {"sh", "-c", "trap '' INT; sleep 60 & echo $! > " + nipote + "; wait; sleep 60"});
   const pid_t pid = r.proc->pid();
-  {
-    std::lock_guard l(_lock);
-    _processi[61] = std::move(r);
-  }
-  r = Registratore{};  // the only copy of the record is now in _processi
+  adotta_registratore(61, std::move(r));
+  r = Registratore{};  // the only copy of the record is now in the table
   for (int i = 0; i < 200 && leggi_file(nipote).empty(); ++i)
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   const pid_t pid_nipote = std::stoi(leggi_file(nipote));
@@ -387,10 +370,7 @@ TEST_F(FermaTest, DeafChildIsKilledAfterTheDeadlineOnceFromTwoThreads) {
     durata_primo = secondi_da(t0);
   });
   for (;;) {  // until the first thread has taken the record out
-    {
-      std::lock_guard l(_lock);
-      if (_processi.empty()) break;
-    }
+    if (registratori_in_corso().empty()) break;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   std::thread secondo([&] {

@@ -40,27 +40,10 @@ void ferma_motore(std::chrono::milliseconds attesa) {
   atteso.wait_for(attesa);
 }
 
-// Holds _giro_lock so that no engine pass starts while the recorders stop: a pass would see a
-// camera without its recorder (the record leaves the table before the process is waited for) and
-// start a new one right away. A pass that hangs (a dead share) is not waited for beyond the
-// limit, and the recorders are stopped all the same.
-class SenzaGiri {
- public:
-  explicit SenzaGiri(std::chrono::milliseconds attesa) {
-    auto fine = std::chrono::steady_clock::now() + attesa;
-    while (!(preso_ = _giro_lock.try_lock()) && std::chrono::steady_clock::now() < fine)
-      std::this_thread::sleep_for(50ms);
-  }
-  ~SenzaGiri() {
-    if (preso_) _giro_lock.unlock();
-  }
-  SenzaGiri(const SenzaGiri&) = delete;
-  SenzaGiri& operator=(const SenzaGiri&) = delete;
-
- private:
-  bool preso_ = false;
-};
-
+// While the recorders stop no engine pass may start: it would see a camera without its recorder
+// (the record leaves the table before the process is waited for) and start a new one right away.
+// A pass that hangs (a dead share) is not waited for beyond the limit, and the recorders are
+// stopped all the same.
 void senza_eccezioni(const std::function<void()>& azione) {
   try {
     azione();
@@ -98,7 +81,7 @@ void installa_sigterm(std::function<void()> gestore) {
                                                      py::object frame) -> py::object {
           {
             py::gil_scoped_release senza_gil;
-            SenzaGiri fermo(kAttesaGiro);
+            auto fermo = blocca_giri(std::chrono::duration<double>(kAttesaGiro).count());
             senza_eccezioni(gestore);
           }
           if (e_un_gestore(prec, signal)) return prec(numero, frame);

@@ -11,11 +11,25 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/condiviso.h"
 #include "core/processo.h"
 #include "core/stato.h"
 #include "core/tempo.h"
 
 namespace nvr {
+
+namespace {
+// Whether the recorder may act as root through sudo, and when that was last asked; a race
+// between two callers only asks twice.
+struct StatoSudo {
+  std::optional<bool> ok;  // absent: never asked
+  double ts = 0.0;
+  std::string err;
+};
+Condiviso<StatoSudo> _sudo;
+}  // namespace
+
+void azzera_sudo_per_test() { _sudo.set({}); }
 
 namespace {
 

@@ -31,8 +31,11 @@ struct UtenteApp {
 UtenteApp _utente_app();
 
 // Runs `args` with root rights: directly when the process is root, else through "sudo -n" when
-// password-less sudo works (probed at most once a minute, the answer cached in _sudo). Without
+// password-less sudo works (probed at most once a minute, the answer cached). Without
 // either nothing runs and the answer is 126 with an explanation naming the server's user.
 RisultatoComando _radice(const std::vector<std::string>& args, double timeout = 20);
+
+// Forgets whether sudo works, so that the next root command asks again (for tests).
+void azzera_sudo_per_test();
 
 }  // namespace nvr

@@ -12,12 +12,29 @@
 #include <filesystem>
 #include <string_view>
 
+#include "core/condiviso.h"
 #include "core/tempo.h"
 #include "storage/cartelle_fs.h"
 #include "storage/comando.h"
 #include "storage/con_timeout.h"
 
 namespace nvr {
+
+namespace {
+// The last folder whose space was read, with its answer and time (replaced whole).
+struct CacheSpazio {
+  std::string cartella;
+  std::optional<Spazio> spazio;  // absent when it could not be read
+  double ts = 0.0;
+};
+Condiviso<CacheSpazio> _cache_spazio;
+}  // namespace
+
+Json Spazio::come_json() const {
+  return Json{{"totale_gb", totale_gb}, {"libero_gb", libero_gb}, {"usato_pct", usato_pct}};
+}
+
+void azzera_spazio_per_test() { _cache_spazio.set({}); }
 
 namespace fs = std::filesystem;
 

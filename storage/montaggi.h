@@ -11,6 +11,14 @@
 
 namespace nvr {
 
+// Size and free space of a filesystem, as shown to users (GB of 10^9 bytes, one decimal).
+struct Spazio {
+  double totale_gb = 0.0;
+  double libero_gb = 0.0;
+  int usato_pct = 0;  // used share, rounded half to even; 0 for a zero-sized filesystem
+  Json come_json() const;  // {totale_gb, libero_gb, usato_pct}
+};
+
 // Whether `p` is a mount point (5 s limit); false for "" and on any error or time-out.
 bool _ismount(const std::string& p);
 
@@ -37,5 +45,8 @@ std::pair<bool, std::string> _dopo_mount(const std::string& mp, const std::strin
 // Whether the archive mounted at `mp` still answers (10 s); for a USB destination the drive must
 // also still be present and mounted.
 bool _mount_vivo(const Json& dest, const std::string& mp);
+
+// Forgets the cached space reading (for tests).
+void azzera_spazio_per_test();
 
 }  // namespace nvr

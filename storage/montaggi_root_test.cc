@@ -6,10 +6,12 @@
 
 #include <filesystem>
 
+#include "core/processo.h"
 #include "core/stato.h"
 #include "storage/cartelle_fs.h"
 #include "storage/comando.h"
 #include "storage/montaggi.h"
+#include "testing/azzera.h"
 #include "testing/ambiente.h"
 #include "testing/sonda.h"
 #include "testing/tmpfs_di_prova.h"

@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "core/stato.h"
+#include "testing/azzera.h"
 #include "testing/ambiente.h"
 #include "testing/stand_in.h"
 

@@ -9,6 +9,7 @@
 #include "core/stato.h"
 #include "storage/comando.h"
 #include "storage/rete.h"
+#include "testing/azzera.h"
 #include "testing/processi.h"
 #include "testing/stand_in.h"
 

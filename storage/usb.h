@@ -9,6 +9,7 @@
 
 #include "core/json.h"
 #include "core/stato.h"
+#include "storage/montaggi.h"
 
 namespace nvr {
 

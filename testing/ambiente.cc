@@ -10,6 +10,7 @@
 #include <stdexcept>
 
 #include "core/stato.h"
+#include "testing/azzera.h"
 
 namespace nvr::testing {
 

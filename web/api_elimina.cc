@@ -7,12 +7,13 @@
 #include <system_error>
 
 #include "archive/allineamento.h"
+#include "archive/indice.h"
+#include "archive/posizione.h"
 #include "core/config.h"
 #include "core/db.h"
 #include "core/log.h"
 #include "core/stato.h"
 #include "engine/motore.h"
-#include "archive/posizione.h"
 #include "engine/registratori.h"
 #include "web/api_registrazioni.h"
 
@@ -50,9 +51,8 @@ bool solo_cifre(const std::string& s) {
 int svuota_in_corso(const Config& cfg, const std::set<CamId>& camere,
                     const std::vector<Camera>& cams) {
   int tolti = 0;
-  std::lock_guard l(_lock);
   for (CamId id : camere) {
-    _in_corso_precedenti.erase(id);
+    dimentica_in_corso_precedenti(id);
     Camera cam;
     cam.id = id;
     for (const Camera& c : cams)
@@ -125,13 +125,12 @@ Risposta api_elimina_registrazioni(const Richiesta& r) {
   std::set<CamId> camere;
   for (const Riga& riga : righe) camere.insert(come_intero(riga[2]));
   if (tutto) {
-    std::lock_guard l(_lock);
-    for (const auto& [id, p] : _processi) camere.insert(id);
+    for (const auto& [id, p] : registratori_in_corso()) camere.insert(id);
   }
   int file = 0;
   if (!camere.empty()) {
     std::vector<Camera> cams = _telecamere();
-    std::lock_guard giro(_giro_lock);
+    auto senza_giri = blocca_giri();
     for (CamId id : camere) _ferma(id, "archivio svuotato");
     file += svuota_in_corso(cfg, camere, cams);
   }

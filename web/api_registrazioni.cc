@@ -10,12 +10,13 @@
 #include <set>
 
 #include "archive/allineamento.h"
+#include "archive/posizione.h"
 #include "core/config.h"
 #include "core/db.h"
 #include "core/numeri.h"
 #include "core/stato.h"
 #include "core/tempo.h"
-#include "archive/posizione.h"
+#include "engine/registratori.h"
 #include "storage/montaggi.h"
 
 namespace nvr {
@@ -134,11 +135,7 @@ Risposta api_registrazioni(const Richiesta& r) {
         {*cam, inizio_giorno, fine_giorno});
   }
   Json in_corso;
-  {
-    std::lock_guard l(_lock);
-    auto p = _processi.find(*cam);
-    if (p != _processi.end()) in_corso = Json{{"da", p->second.da}, {"motivo", p->second.motivo}};
-  }
+  if (auto p = registratore_di(*cam)) in_corso = Json{{"da", p->da}, {"motivo", p->motivo}};
   Config cfg = leggi_config();
   bool archivio_ok = _archivio_presente(cfg);
   std::set<std::string> manca;

@@ -14,6 +14,7 @@
 #include "storage/comando.h"
 #include "storage/montaggi.h"
 #include "storage/usb.h"
+#include "web/api_storage.h"
 
 namespace nvr {
 
@@ -48,13 +49,8 @@ std::pair<bool, std::string> _root_ok() {
 Json stato_generale() {
   Config cfg = leggi_config();
   std::vector<Camera> cams = _telecamere();
-  std::map<CamId, Registratore> processi;
-  std::map<CamId, ErroreRecente> errori;
-  {
-    std::lock_guard l(_lock);
-    processi = _processi;
-    errori = _errori_recenti;
-  }
+  std::map<CamId, Registratore> processi = registratori_in_corso();
+  std::map<CamId, ErroreRecente> errori = errori_recenti();
 
   Json telecamere = Json::array();
   {
@@ -96,12 +92,12 @@ Json stato_generale() {
       {"destinazione", _config_pubblica(cfg)["destinazione"]},
       {"montata", su},
       {"spazio", su ? spazio_json(_spazio_sicuro(cfg.cartella)) : Json()},
-      {"problema", _problema.get().testo},
+      {"problema", problema_attuale()},
       {"telecamere", telecamere},
       {"giorni", cfg.giorni},
       {"segmento_sec", cfg.segmento_sec},
       {"spazio_min_gb", cfg.spazio_min_gb},
-      {"installazione", _installazione.get().testo},
+      {"installazione", stato_installazione().testo},
       {"root_ok", _root_ok().first},
       {"utente", _utente_app().nome},
   };

@@ -13,7 +13,7 @@ namespace nvr {
 // {attivo, ffmpeg, cartella, destinazione (no password), montata, spazio, problema,
 //  telecamere: [{id, nome, attiva, modo, registrando, da, motivo, file, gb, ultimo, errore}],
 //  giorni, segmento_sec, spazio_min_gb, installazione, root_ok, utente}
-// _lock is held only to copy the recorder table. Throws ErroreDb on database failure.
+// Throws ErroreDb on database failure.
 Json stato_generale();
 
 // Whether privileged commands can run: (true, "") as root, else "true" through _radice (10 s).

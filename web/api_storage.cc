@@ -8,6 +8,7 @@
 #include <tuple>
 #include <vector>
 
+#include "core/condiviso.h"
 #include "core/config.h"
 #include "core/log.h"
 #include "core/processo.h"
@@ -21,6 +22,13 @@
 #include "web/api_stato.h"
 
 namespace nvr {
+
+namespace {
+Condiviso<Installazione> _installazione;  // replaced whole by the installing thread
+}  // namespace
+
+Installazione stato_installazione() { return _installazione.get(); }
+void imposta_installazione_per_test(Installazione i) { _installazione.set(std::move(i)); }
 
 namespace {
 

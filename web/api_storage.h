@@ -6,9 +6,19 @@
 // mount time-out (up to 30 s for a drive, 40 s for NFS, 3 x 25 s for SMB).
 #pragma once
 
+#include <string>
+
 #include "core/richiesta.h"
 
 namespace nvr {
+
+// Progress of the ffmpeg installation, for the status.
+struct Installazione {
+  std::string testo;
+  bool in_corso = false;
+};
+Installazione stato_installazione();
+void imposta_installazione_per_test(Installazione i);
 
 // POST {tipo, proto, server, share, utente, password | dev, uuid, etichetta}. tipo "rete" mounts
 // a share (an empty password re-uses the saved one when server, share and user are the saved
@@ -29,10 +39,10 @@ Risposta api_cartelle(const Richiesta& r);
 
 // POST: starts installing ffmpeg (and the SMB mount helper) on a background thread and answers
 // at once: "ffmpeg e' gia' installato", "Installazione gia' in corso" or "Installazione avviata:
-// ..."; 400 without apt-get or without root rights. Progress is shown through _installazione.
+// ..."; 400 without apt-get or without root rights. Progress is shown through stato_installazione().
 Risposta api_installa_ffmpeg(const Richiesta& r);
 
-// The installation itself (apt-get as root, up to 900 s), reporting only through _installazione
+// The installation itself (apt-get as root, up to 900 s), reporting only through stato_installazione()
 // and the log. Never throws.
 void _installa();
 

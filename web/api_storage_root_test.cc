@@ -7,6 +7,8 @@
 
 #include "core/config.h"
 #include "core/db.h"
+#include "core/processo.h"
+#include "engine/registratori.h"
 #include "core/stato.h"
 #include "storage/comando.h"
 #include "testing/ambiente.h"
@@ -104,10 +106,22 @@ TEST_F(ApiStorageRootTest, UsbDriveMountedBrowsedChosenAndUnmounted) {
                                                {"etichetta", "CAMERE"},
                                                {"mountpoint", mp}}));
 
+  // Unmounting stops the recorders first: none may keep a file open on the drive.
+  Avvio sonno;
+  sonno.argomenti = {"sleep", "300"};
+  auto proc = avvia_processo(sonno);
+  ASSERT_TRUE(proc.ok());
+  Registratore finto;
+  finto.proc = proc.valore();
+  adotta_registratore(7, finto);
+  ::testing::internal::CaptureStdout();
   r = api_smonta(richiesta("POST", {{"mountpoint", mp}}));
+  std::string log = ::testing::internal::GetCapturedStdout();
   EXPECT_EQ(r.status, 200);
   EXPECT_EQ(r.corpo, (Json{{"status", "success"}, {"message", "Smontata"}}));
   EXPECT_EQ(disco->mountpoint(), "");
+  EXPECT_NE(log.find("registrazione telecamera 7 fermata (smontaggio)"), std::string::npos) << log;
+  EXPECT_TRUE(registratori_in_corso().empty());
 
   // Gone: browsing and choosing it again say so.
   r = api_cartelle(sfoglia);
