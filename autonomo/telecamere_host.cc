@@ -1,31 +1,17 @@
 #include "autonomo/telecamere_host.h"
 
-#include <cctype>
-
 #include "core/db.h"
+#include "core/testi.h"
 
 namespace nvr::autonomo {
 
 namespace {
 
-std::string pulito(const std::string& s) {
-  const auto primo = s.find_first_not_of(" \t\r\n");
-  if (primo == std::string::npos) return "";
-  return s.substr(primo, s.find_last_not_of(" \t\r\n") - primo + 1);
-}
-
 std::optional<Errore> controlla(const std::optional<std::string>& nome,
                                 const std::optional<std::string>& url) {
-  if (nome && pulito(*nome).empty()) return Errore{400, "Il nome della telecamera e' obbligatorio"};
-  if (url) {
-    std::string minuscolo;
-    for (char c : pulito(*url))
-      minuscolo += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    bool valido = false;
-    for (const char* schema : {"rtsp://", "rtsps://", "http://", "https://"})
-      valido |= minuscolo.starts_with(schema);
-    if (!valido) return Errore{400, "Indirizzo del flusso non valido"};
-  }
+  if (nome && spoglia_spazi_e_righe(*nome).empty()) return Errore{400, "Il nome della telecamera e' obbligatorio"};
+  if (url && !schema_flusso_valido(spoglia_spazi_e_righe(*url)))
+    return Errore{400, "Indirizzo del flusso non valido"};
   return std::nullopt;
 }
 

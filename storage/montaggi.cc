@@ -13,6 +13,7 @@
 #include <string_view>
 
 #include "core/tempo.h"
+#include "core/testi.h"
 #include "storage/cartelle_fs.h"
 #include "storage/comando.h"
 #include "storage/con_timeout.h"
@@ -22,18 +23,6 @@ namespace nvr {
 namespace fs = std::filesystem;
 
 namespace {
-
-std::string senza_spazi(const std::string& s) {
-  const char* blank = " \t\n\r\f\v";
-  auto a = s.find_first_not_of(blank);
-  if (a == std::string::npos) return "";
-  return s.substr(a, s.find_last_not_of(blank) - a + 1);
-}
-
-std::string minuscolo(std::string s) {
-  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return s;
-}
 
 std::string maiuscolo(std::string s) {
   for (char& c : s) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
@@ -125,7 +114,7 @@ std::string _radice_montaggio(const std::string& p) {
 }
 
 std::string _spiega_mount(const std::string& err) {
-  std::string m = senza_spazi(err);
+  std::string m = spoglia(err);
   std::string low = minuscolo(m);
   if (contiene_uno(low, {"error(13)", "errno 13"}))
     return m + "  (utente o password della cartella condivisa non accettati)";
