@@ -267,7 +267,8 @@ void indicizza_camera(const Config& cfg, const std::vector<Camera>& cams, const 
   std::string legacy = _cartella_legacy(cfg, cam);
 
   std::vector<std::string> profonde{w.cart_cam};
-  bool con_legacy = e_cartella(legacy) && percorso_reale_o_normale(legacy) != percorso_reale_o_normale(w.cart_cam);
+  bool con_legacy = e_cartella(legacy) &&
+                    percorso_reale_o_normale(legacy) != percorso_reale_o_normale(w.cart_cam);
   if (con_legacy) profonde.push_back(legacy);
   std::vector<std::string> precedenti = precedenti_da_svuotare(cam.id, in_corso);
 

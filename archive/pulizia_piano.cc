@@ -27,7 +27,8 @@ std::vector<Verdetto> scegli_per_eta(const std::vector<SegmentoIndice>& segmenti
   for (std::size_t i = 0; i < segmenti.size(); ++i) {
     if (manca[i])
       v[i] = Verdetto::kSoloRiga;
-    else if (segmenti[i].inizio < limite && dentro_archivio_per_eta(segmenti[i].file, radice, reale))
+    else if (segmenti[i].inizio < limite &&
+             dentro_archivio_per_eta(segmenti[i].file, radice, reale))
       v[i] = Verdetto::kPerEta;
   }
   return v;
@@ -39,7 +40,8 @@ std::vector<std::size_t> candidati_per_spazio(const std::vector<SegmentoIndice>&
                                               const RisolviPercorso& reale) {
   std::vector<std::size_t> c;
   for (std::size_t i = 0; i < segmenti.size(); ++i)
-    if (verdetti[i] == Verdetto::kResta && dentro_archivio_per_spazio(segmenti[i].file, radice, reale))
+    if (verdetti[i] == Verdetto::kResta &&
+        dentro_archivio_per_spazio(segmenti[i].file, radice, reale))
       c.push_back(i);
   return c;
 }

@@ -35,9 +35,9 @@ bool dentro_archivio_per_spazio(const std::string& file, const std::string& radi
                                 const RisolviPercorso& reale);
 
 enum class Verdetto {
-  kResta,      // kept (new enough, or outside the archive)
-  kSoloRiga,   // the file is already gone: only its row goes
-  kPerEta,     // started before the cut-off: file and row go
+  kResta,     // kept (new enough, or outside the archive)
+  kSoloRiga,  // the file is already gone: only its row goes
+  kPerEta,    // started before the cut-off: file and row go
 };
 
 // One verdict per row of `segmenti` (manca[i]: the file of segmenti[i] is missing). A segment that

@@ -33,10 +33,10 @@ TEST(PuliziaPianoTest, InsideTheArchiveForAgeAndForSpace) {
   };
   const std::vector<Caso> casi = {
       {"/arch/cam/a.mp4", true, true},
-      {"/arch/link.mp4", true, false},       // a link of the archive pointing outside
-      {"/altrove/dentro.mp4", true, true},   // written outside, really inside
+      {"/arch/link.mp4", true, false},         // a link of the archive pointing outside
+      {"/altrove/dentro.mp4", true, true},     // written outside, really inside
       {"/arch/../fuori/z.mp4", false, false},  // only looks inside
-      {"/archivio2/a.mp4", false, false},    // a prefix is not a folder
+      {"/archivio2/a.mp4", false, false},      // a prefix is not a folder
       {"/fuori/b.mp4", false, false},
   };
   for (const Caso& c : casi) {

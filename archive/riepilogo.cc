@@ -22,27 +22,28 @@ RiepilogoArchivio riepilogo_archivio(Zona z) {
   Somma* somma_giorno = nullptr;
   std::string giorno_attuale;
   Connessione c = _db();
-  c.scorri("SELECT cam_id, inizio, fine, dimensione FROM nvr_registrazioni ORDER BY cam_id, "
-           "inizio",
-           {}, [&](const Riga& riga) {
-             const double inizio = come_reale(riga[1]), fine = come_reale(riga[2]);
-             const double dimensione = static_cast<double>(come_intero(riga[3]));
-             const CamId id = come_intero(riga[0]);
-             if (!attuale || id_attuale != id) {
-               attuale = &r.camere[id];
-               id_attuale = id;
-               somma_giorno = nullptr;
-             }
-             attuale->totale.aggiungi(dimensione, fine - inizio);
-             const std::string& giorno = giorno_di.di(inizio);
-             if (!somma_giorno || giorno != giorno_attuale) {
-               giorno_attuale = giorno;
-               somma_giorno = &attuale->giorni[giorno];
-             }
-             somma_giorno->aggiungi(dimensione, fine - inizio);
-             ++r.righe;
-             r.byte += dimensione;
-           });
+  c.scorri(
+      "SELECT cam_id, inizio, fine, dimensione FROM nvr_registrazioni ORDER BY cam_id, "
+      "inizio",
+      {}, [&](const Riga& riga) {
+        const double inizio = come_reale(riga[1]), fine = come_reale(riga[2]);
+        const double dimensione = static_cast<double>(come_intero(riga[3]));
+        const CamId id = come_intero(riga[0]);
+        if (!attuale || id_attuale != id) {
+          attuale = &r.camere[id];
+          id_attuale = id;
+          somma_giorno = nullptr;
+        }
+        attuale->totale.aggiungi(dimensione, fine - inizio);
+        const std::string& giorno = giorno_di.di(inizio);
+        if (!somma_giorno || giorno != giorno_attuale) {
+          giorno_attuale = giorno;
+          somma_giorno = &attuale->giorni[giorno];
+        }
+        somma_giorno->aggiungi(dimensione, fine - inizio);
+        ++r.righe;
+        r.byte += dimensione;
+      });
   return r;
 }
 

@@ -37,7 +37,8 @@ void cancella_selezione(const Selezione& s, const std::vector<SegmentoScelto>& s
   } else if (s.cam) {
     c.esegui("DELETE FROM nvr_eventi WHERE cam_id=?", {*s.cam});
   } else if (s.giorno) {
-    c.esegui("DELETE FROM nvr_eventi WHERE ts >= ? AND ts < ?", {s.giorno->first, s.giorno->second});
+    c.esegui("DELETE FROM nvr_eventi WHERE ts >= ? AND ts < ?",
+             {s.giorno->first, s.giorno->second});
   }
   c.commit();
 }

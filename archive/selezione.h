@@ -15,8 +15,8 @@
 namespace nvr {
 
 struct Selezione {
-  std::optional<std::int64_t> cam;                   // one camera's rows
-  std::optional<std::pair<double, double>> giorno;   // rows starting in [first, second)
+  std::optional<std::int64_t> cam;                  // one camera's rows
+  std::optional<std::pair<double, double>> giorno;  // rows starting in [first, second)
   bool tutto = false;  // everything: with neither of the above every row, and always every event
 };
 

@@ -22,7 +22,7 @@ TEST(SelezioneTest, EachSelectionPicksItsRowsAndDropsItsEvents) {
   struct Caso {
     const char* nome;
     Selezione s;
-    std::vector<std::string> scelti;      // files, sorted
+    std::vector<std::string> scelti;  // files, sorted
     std::size_t eventi_rimasti;
   };
   const std::pair<double, double> primo = {kGiorno, kGiorno + 86400};

@@ -9,7 +9,8 @@ namespace {
 
 std::optional<Errore> controlla(const std::optional<std::string>& nome,
                                 const std::optional<std::string>& url) {
-  if (nome && spoglia_spazi_e_righe(*nome).empty()) return Errore{400, "Il nome della telecamera e' obbligatorio"};
+  if (nome && spoglia_spazi_e_righe(*nome).empty())
+    return Errore{400, "Il nome della telecamera e' obbligatorio"};
   if (url && !schema_flusso_valido(spoglia_spazi_e_righe(*url)))
     return Errore{400, "Indirizzo del flusso non valido"};
   return std::nullopt;

@@ -65,7 +65,8 @@ std::optional<Intervallo> leggi_range(const std::string& testo, std::int64_t dim
   if (t.find(',') != std::string::npos) return std::nullopt;
   auto trattino = t.find('-');
   if (trattino == std::string::npos) return std::nullopt;
-  std::string a = spoglia_spazi_e_tab(t.substr(0, trattino)), b = spoglia_spazi_e_tab(t.substr(trattino + 1));
+  std::string a = spoglia_spazi_e_tab(t.substr(0, trattino));
+  std::string b = spoglia_spazi_e_tab(t.substr(trattino + 1));
   Intervallo r;
   if (a.empty()) {
     auto n = numero(b);
