@@ -37,7 +37,8 @@ Esito<std::int64_t> aggiungi_telecamera(const std::string& db_file, const std::s
                                         const std::string& url) {
   if (auto e = controlla(nome, url)) return *e;
   Connessione c(db_file);
-  c.esegui("INSERT INTO tapo_cameras (name, rtsp_url) VALUES (?, ?)", {pulito(nome), pulito(url)});
+  c.esegui("INSERT INTO tapo_cameras (name, rtsp_url) VALUES (?, ?)",
+           {spoglia_spazi_e_righe(nome), spoglia_spazi_e_righe(url)});
   const auto id = come_intero(c.righe("SELECT last_insert_rowid()")[0][0]);
   c.commit();
   return id;
@@ -50,8 +51,10 @@ Esito<bool> modifica_telecamera(const std::string& db_file, std::int64_t id,
   Connessione c(db_file);
   if (c.righe("SELECT id FROM tapo_cameras WHERE id=?", {id}).empty())
     return Errore{404, "Telecamera non trovata"};
-  if (nome) c.esegui("UPDATE tapo_cameras SET name=? WHERE id=?", {pulito(*nome), id});
-  if (url) c.esegui("UPDATE tapo_cameras SET rtsp_url=? WHERE id=?", {pulito(*url), id});
+  if (nome)
+    c.esegui("UPDATE tapo_cameras SET name=? WHERE id=?", {spoglia_spazi_e_righe(*nome), id});
+  if (url)
+    c.esegui("UPDATE tapo_cameras SET rtsp_url=? WHERE id=?", {spoglia_spazi_e_righe(*url), id});
   c.commit();
   return true;
 }

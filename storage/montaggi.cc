@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <string_view>
 
+#include "core/percorsi.h"
 #include "core/tempo.h"
 #include "core/testi.h"
 #include "storage/cartelle_fs.h"
@@ -101,7 +102,7 @@ std::string _radice_montaggio(const std::string& p) {
       [p] {
         // Resolved as far as the path exists, like a non-strict realpath: a folder not created
         // yet still belongs to the mount that will hold it.
-        fs::path percorso = fs::weakly_canonical(fs::absolute(p));
+        fs::path percorso = percorso_reale_o_vuoto(p);
         while (!e_punto_di_montaggio(percorso.string())) {
           fs::path su = percorso.parent_path();
           if (su == percorso) break;
