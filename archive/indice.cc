@@ -11,6 +11,7 @@
 #include <set>
 
 #include "core/db.h"
+#include "core/percorsi.h"
 #include "core/stato.h"
 #include "archive/posizione.h"
 
@@ -67,14 +68,6 @@ std::string unisci(const std::string& cartella, const std::string& nome) {
   return (fs::path(cartella) / nome).string();
 }
 
-// The path with symbolic links resolved as far as it exists, so that two spellings of one
-// folder compare equal.
-std::string percorso_reale(const std::string& p) {
-  std::error_code ec;
-  fs::path r = fs::weakly_canonical(p, ec);
-  return ec ? fs::path(p).lexically_normal().string() : r.string();
-}
-
 // ---- The earlier in-progress folders, this module's own table ----
 
 std::mutex _indice_lock;  // one index run at a time (try_lock: a second caller leaves)
@@ -87,7 +80,7 @@ std::optional<std::string> cartella_registratore(const RegistratoriInCorso& regi
                                                  CamId id) {
   auto it = registratori.find(id);
   if (it == registratori.end()) return std::nullopt;
-  return it->second.cartella.empty() ? std::string() : percorso_reale(it->second.cartella);
+  return it->second.cartella.empty() ? std::string() : percorso_reale_o_normale(it->second.cartella);
 }
 
 std::string motivo_registratore(const RegistratoriInCorso& registratori, CamId id) {
@@ -105,9 +98,9 @@ std::vector<std::string> precedenti_da_svuotare(CamId id, const std::string& att
     if (it != _in_corso_precedenti.end()) copia = it->second;
   }
   std::vector<std::string> esistenti, spariti;
-  std::string reale_attuale = percorso_reale(attuale);
+  std::string reale_attuale = percorso_reale_o_normale(attuale);
   for (const auto& c : copia) {
-    bool da_svuotare = e_cartella(c) && percorso_reale(c) != reale_attuale;
+    bool da_svuotare = e_cartella(c) && percorso_reale_o_normale(c) != reale_attuale;
     (da_svuotare ? esistenti : spariti).push_back(c);
   }
   if (!spariti.empty()) {
@@ -223,7 +216,7 @@ void svuota_in_corso(Lavoro& w, const std::string& cartella,
   if (!nomi) return;
   std::vector<std::string> mp4 = solo_mp4(*nomi);
   // The newest file of the folder the recorder writes into is still growing.
-  bool scritta_ora = attiva && percorso_reale(cartella) == *attiva;
+  bool scritta_ora = attiva && percorso_reale_o_normale(cartella) == *attiva;
   for (std::size_t i = 0; i < mp4.size() && spostati < MASSIMO_PER_CAMERA; ++i) {
     if (scritta_ora && i + 1 == mp4.size()) continue;
     bool contato = false;
@@ -288,7 +281,8 @@ void indicizza_camera(const Config& cfg, const std::vector<Camera>& cams, const 
   std::string legacy = _cartella_legacy(cfg, cam);
 
   std::vector<std::string> profonde{w.cart_cam};
-  bool con_legacy = e_cartella(legacy) && percorso_reale(legacy) != percorso_reale(w.cart_cam);
+  bool con_legacy = e_cartella(legacy) &&
+                    percorso_reale_o_normale(legacy) != percorso_reale_o_normale(w.cart_cam);
   if (con_legacy) profonde.push_back(legacy);
   std::vector<std::string> precedenti = precedenti_da_svuotare(cam.id, in_corso);
 
@@ -301,7 +295,7 @@ void indicizza_camera(const Config& cfg, const std::vector<Camera>& cams, const 
 
   // An earlier folder with nothing left to drain goes, with the camera folder it leaves empty.
   for (const std::string& c : precedenti) {
-    if (attiva && percorso_reale(c) == *attiva) continue;  // a recorder is writing there
+    if (attiva && percorso_reale_o_normale(c) == *attiva) continue;  // a recorder is writing there
     std::optional<std::vector<std::string>> nomi = elenco(c);
     if (!nomi || !solo_mp4(*nomi).empty()) continue;
     dimentica_precedente(cam.id, c);

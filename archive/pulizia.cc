@@ -3,15 +3,15 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <deque>
 #include <filesystem>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
 #include "archive/allineamento.h"
+#include "archive/pulizia_piano.h"
 #include "core/db.h"
+#include "core/percorsi.h"
 #include "core/tempo.h"
 #include "archive/posizione.h"
 #include "storage/con_timeout.h"
@@ -23,29 +23,14 @@ namespace fs = std::filesystem;
 
 namespace {
 
-struct Segmento {
-  std::int64_t id = 0;
-  std::string file;
-  double inizio = 0.0;
-};
-
-// The path with its links resolved as far as it exists, as an absolute path; the path itself
-// when even that fails.
-std::string reale(const std::string& p) {
-  std::error_code ec;
-  fs::path a = fs::absolute(p, ec);
-  if (ec) return p;
-  fs::path r = fs::weakly_canonical(a, ec);
-  return ec ? a.string() : r.string();
-}
-
 // Free space, bounded in time: a share that hangs ends the space phase instead of the engine.
-std::optional<Spazio> misura(const std::string& cartella) {
+std::optional<double> misura(const std::string& cartella) {
   auto r = _con_timeout([cartella] { return _spazio(cartella); }, 5);
-  return r.ok() ? r.valore() : std::nullopt;
+  if (!r.ok() || !r.valore()) return std::nullopt;
+  return r.valore()->libero_gb;
 }
 
-void togli(const Segmento& s, const std::string& cartella) {
+void togli(const SegmentoIndice& s, const std::string& cartella) {
   ::unlink(s.file.c_str());  // a file that cannot go still leaves the index
   _togli_cartelle_vuote(s.file, cartella);
 }
@@ -62,7 +47,7 @@ void _pulizia_prima_di(const Config& cfg, double limite) {
   // An unplugged drive or a dead share must never look like an archive that lost its files.
   if (cartella.empty() || !_archivio_presente(cfg)) return;
 
-  std::vector<Segmento> segmenti;
+  std::vector<SegmentoIndice> segmenti;
   {
     Connessione c = _db();
     c.scorri("SELECT id, file, inizio FROM nvr_registrazioni ORDER BY inizio ASC", {},
@@ -71,62 +56,28 @@ void _pulizia_prima_di(const Config& cfg, double limite) {
              });
   }
 
-  std::string radice = reale(cartella);
-  while (!radice.empty() && radice.back() == '/') radice.pop_back();
-  radice += "/";
-  // A link inside the archive is the archive's own even when it points elsewhere, so the path as
-  // written counts too; but only once its ".." are resolved, or "ROOT/../x" would count as inside.
-  auto dentro = [&radice](const std::string& p) { return reale(p).starts_with(radice); };
-  auto scritto_dentro = [&radice](const std::string& p) {
-    return fs::path(p).lexically_normal().string().starts_with(radice);
-  };
-
+  const RisolviPercorso reale = percorso_reale_o_assoluto;
+  const std::string radice = radice_confronto(reale(cartella));
   std::vector<std::string> file;
   file.reserve(segmenti.size());
-  for (const Segmento& s : segmenti) file.push_back(s.file);
-  const std::vector<bool> manca = mancanti_per_posizione(file);
+  for (const SegmentoIndice& s : segmenti) file.push_back(s.file);
+  const std::vector<Verdetto> verdetti =
+      scegli_per_eta(segmenti, mancanti_per_posizione(file), limite, radice, reale);
 
   std::vector<std::int64_t> da_togliere;
-  std::set<std::int64_t> tolti;
-  auto segna = [&](std::int64_t id) {
-    da_togliere.push_back(id);
-    tolti.insert(id);
-  };
-
   for (std::size_t i = 0; i < segmenti.size(); ++i) {
-    const Segmento& s = segmenti[i];
-    if (manca[i]) {
-      segna(s.id);
-      continue;
-    }
-    if (!scritto_dentro(s.file) && !dentro(s.file)) continue;
-    if (s.inizio < limite) {
-      togli(s, cartella);
-      segna(s.id);
-    }
+    if (verdetti[i] == Verdetto::kResta) continue;
+    if (verdetti[i] == Verdetto::kPerEta) togli(segmenti[i], cartella);
+    da_togliere.push_back(segmenti[i].id);
   }
 
-  // Oldest first until the floor is reached. The space is measured again after each deletion;
-  // three deletions in a row that free nothing measurable mean the space is held by something
-  // else (or reported late), and going on would only empty the archive.
-  double min_gb = cfg.spazio_min_gb;
-  std::optional<Spazio> sp = misura(cartella);
-  if (sp && sp->libero_gb < min_gb) {
-    std::deque<const Segmento*> candidati;
-    for (const Segmento& s : segmenti)
-      if (!tolti.count(s.id) && dentro(s.file)) candidati.push_back(&s);
-    int vane = 0;
-    while (sp && sp->libero_gb < min_gb && !candidati.empty() && vane < 3) {
-      const Segmento& s = *candidati.front();
-      candidati.pop_front();
-      double prima = sp->libero_gb;
-      togli(s, cartella);
-      segna(s.id);
-      sp = misura(cartella);
-      if (sp && sp->libero_gb <= prima)
-        ++vane;
-      else
-        vane = 0;
+  FrenoSpazio freno(cfg.spazio_min_gb, misura(cartella));
+  if (freno.altra()) {
+    for (std::size_t i : candidati_per_spazio(segmenti, verdetti, radice, reale)) {
+      if (!freno.altra()) break;
+      togli(segmenti[i], cartella);
+      da_togliere.push_back(segmenti[i].id);
+      freno.misurato(misura(cartella));
     }
   }
 

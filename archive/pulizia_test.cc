@@ -75,18 +75,6 @@ TEST_F(PuliziaTest, SegmentsStartedBeforeTheCutOffGoWithTheFoldersTheyEmpty) {
   EXPECT_EQ(ts_eventi(), (std::vector<double>{limite, limite + 1}));
 }
 
-TEST_F(PuliziaTest, ZeroDaysKeepsTwoWeeks) {
-  double ora = _ora();
-  std::string oltre = segmento("cam/a/1.mp4", ora - 14 * kGiorno - 60);
-  std::string entro = segmento("cam/b/1.mp4", ora - 14 * kGiorno + 60);
-  aggiungi_evento(1, ora - 14 * kGiorno - 60);
-  aggiungi_evento(1, ora - 14 * kGiorno + 60);
-  _pulizia(cfg_);
-  EXPECT_EQ(file_indicizzati(), std::vector<std::string>{entro});
-  EXPECT_FALSE(fs::exists(oltre));
-  EXPECT_EQ(ts_eventi().size(), 1u);
-}
-
 TEST_F(PuliziaTest, VanishedFilesLoseTheirRowsAndOutsideFilesAreNeverTouched) {
   const double limite = 1'700'000'000;
   std::string sparito = archivio_ / "cam/2023-11-20/10-00-00.mp4";

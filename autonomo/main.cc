@@ -1,16 +1,13 @@
 // nvr: the recorder as a program of its own. It is its own host: web server, login, camera
 // list, entity states and pages, with the recorder attached to it.
-#include <fcntl.h>
 #include <signal.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
-#include <cerrno>
 #include <cstdio>
 #include <iostream>
 #include <memory>
-#include <mutex>
-#include <thread>
+#include <system_error>
 
 #include "autonomo/accesso.h"
 #include "autonomo/api_host.h"
@@ -19,6 +16,7 @@
 #include "autonomo/server_http.h"
 #include "autonomo/telecamere_host.h"
 #include "core/db.h"
+#include "core/segnale_nel_thread.h"
 #include "core/stato.h"
 #include "engine/motore.h"
 #include "engine/registratori.h"
@@ -47,33 +45,14 @@ int fallisci(const std::string& riga, int codice = 1) {
   return codice;
 }
 
-int tubo_sigint[2] = {-1, -1};
-
-void su_sigint(int) {
-  const int salvato = errno;
-  char c = 1;
-  [[maybe_unused]] ssize_t n = ::write(tubo_sigint[1], &c, 1);
-  errno = salvato;
-}
-
 // Ctrl-C ends the program exactly as SIGTERM does: the SIGTERM path is the one that stops the
 // recorders, finalises their segments and exits with status 0.
+// Without a pipe or a thread Ctrl-C keeps its default effect.
 void inoltra_sigint_come_sigterm() {
-  if (::pipe2(tubo_sigint, O_CLOEXEC) != 0) return;
-  std::thread([] {
-    char c;
-    for (;;) {
-      const ssize_t n = ::read(tubo_sigint[0], &c, 1);
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) return;
-      ::kill(::getpid(), SIGTERM);
-    }
-  }).detach();
-  struct sigaction sa {};
-  sa.sa_handler = su_sigint;
-  sigemptyset(&sa.sa_mask);
-  sa.sa_flags = SA_RESTART;
-  ::sigaction(SIGINT, &sa, nullptr);
+  try {
+    segnale_nel_thread(SIGINT, [] { ::kill(::getpid(), SIGTERM); });
+  } catch (const std::system_error&) {
+  }
 }
 
 // The password: generated at the first start (or when asked), shown once, kept as a hash.

@@ -1,8 +1,9 @@
 #include "autonomo/stati.h"
 
 #include <array>
-#include <cctype>
 #include <string_view>
+
+#include "core/testi.h"
 
 namespace nvr::autonomo {
 
@@ -15,12 +16,7 @@ Json normalize_state(const Json& stato) {
   if (stato.is_number()) return stato.get<double>() != 0.0 ? "on" : "off";
   if (stato.is_null()) return "off";
   if (!stato.is_string()) return stato.dump();
-  std::string testo;
-  for (char c : stato.get<std::string>())
-    testo += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  const auto primo = testo.find_first_not_of(" \t\r\n");
-  const auto ultimo = testo.find_last_not_of(" \t\r\n");
-  testo = primo == std::string::npos ? "" : testo.substr(primo, ultimo - primo + 1);
+  const std::string testo = spoglia_spazi_e_righe(minuscolo(stato.get<std::string>()));
   for (std::string_view a : attivi)
     if (testo == a) return "on";
   return testo;

@@ -1,5 +1,7 @@
 #include "core/json.h"
 
+#include "core/testi.h"
+
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -69,13 +71,6 @@ void scrivi(const Json& v, Ascii ascii, std::string& out) {
   }
 }
 
-std::string senza_spazi(const std::string& s) {
-  const char* blank = " \t\n\r\f\v";
-  auto a = s.find_first_not_of(blank);
-  if (a == std::string::npos) return "";
-  return s.substr(a, s.find_last_not_of(blank) - a + 1);
-}
-
 std::optional<std::int64_t> da_reale(double d) {
   if (std::isnan(d) || std::isinf(d)) return std::nullopt;
   constexpr double kMax = 9.2233720368547748e18;  // first double beyond int64
@@ -113,7 +108,7 @@ std::optional<std::int64_t> intero(const Json& v) {
     case Json::value_t::number_float:
       return da_reale(v.get<double>());
     case Json::value_t::string: {
-      std::string s = senza_spazi(v.get_ref<const std::string&>());
+      std::string s = spoglia(v.get_ref<const std::string&>());
       if (s.empty()) return std::nullopt;
       std::size_t i = (s[0] == '+' || s[0] == '-') ? 1 : 0;
       if (i == s.size()) return std::nullopt;
@@ -139,7 +134,7 @@ std::optional<double> reale(const Json& v) {
     case Json::value_t::number_float:
       return v.get<double>();
     case Json::value_t::string: {
-      std::string s = senza_spazi(v.get_ref<const std::string&>());
+      std::string s = spoglia(v.get_ref<const std::string&>());
       if (s.empty()) return std::nullopt;
       char* fine = nullptr;
       double d = std::strtod(s.c_str(), &fine);

@@ -1,6 +1,8 @@
 #include "core/richiesta.h"
 
-#include <cctype>
+#include <algorithm>
+
+#include "core/testi.h"
 
 namespace nvr {
 
@@ -23,10 +25,7 @@ Json corpo_da_testo(const std::string& testo) {
   return letto && letto->is_object() ? *letto : Json::object();
 }
 
-std::string nome_intestazione(std::string nome) {
-  for (char& c : nome) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return nome;
-}
+std::string nome_intestazione(std::string nome) { return minuscolo(std::move(nome)); }
 
 std::string Richiesta::parametro(const std::string& nome) const {
   auto it = query.find(nome);

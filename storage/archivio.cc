@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "core/nomi.h"
+#include "core/percorsi.h"
 #include "storage/cartelle_fs.h"
 #include "storage/con_timeout.h"
 #include "storage/usb.h"
@@ -19,13 +20,7 @@ namespace fs = std::filesystem;
 // judged by where its parent really is; "" when it cannot be resolved within 5 s.
 std::string reale(const std::string& p) {
   if (p.empty()) return "";
-  Esito<std::string> r = _con_timeout(
-      [p] {
-        std::string s = fs::weakly_canonical(fs::absolute(p)).string();
-        while (s.size() > 1 && s.back() == '/') s.pop_back();
-        return s;
-      },
-      5);
+  Esito<std::string> r = _con_timeout([p] { return percorso_reale_o_vuoto(p); }, 5);
   return r.ok() ? r.valore() : "";
 }
 
@@ -46,11 +41,10 @@ bool cartella_esistente(const std::string& p) {
 
 }  // namespace
 
-bool _dentro(const std::string& p, const std::string& radice) {
-  if (p == radice) return true;
-  std::string r = radice;
-  while (!r.empty() && r.back() == '/') r.pop_back();
-  return p.rfind(r + "/", 0) == 0;
+bool _dentro(const std::string& p, const std::string& radice) { return dentro_cartella(p, radice); }
+
+std::vector<std::string> radici_permesse_fisse() {
+  return {radice_montaggi(), "/media", "/mnt", "/srv", "/home", "/Volumes"};
 }
 
 bool _dentro_radici_permesse(const std::string& p) {
@@ -59,8 +53,7 @@ bool _dentro_radici_permesse(const std::string& p) {
   if (p.find('\0') != std::string::npos) return false;
   std::string vero = reale(p);
   if (vero.empty()) return false;
-  for (const std::string& r : {radice_montaggi(), std::string("/media"), std::string("/mnt"),
-                               std::string("/srv"), std::string("/home"), std::string("/Volumes")})
+  for (const std::string& r : radici_permesse_fisse())
     if (_dentro(vero, r)) return true;
 
   // The folder already chosen stays allowed, wherever it is, and so does every mounted drive.

@@ -19,8 +19,12 @@ namespace nvr {
 bool _dentro_radici_permesse(const std::string& p);
 
 // Whether path `p` is the folder `radice` or lies inside it, comparing texts as they are
-// ("/mediafoo" is not inside "/media"; a trailing "/" of `radice` does not count).
+// ("/mediafoo" is not inside "/media"; a trailing "/" of `radice` does not count). The storage
+// layer's name for dentro_cartella (core/percorsi.h).
 bool _dentro(const std::string& p, const std::string& radice);
+
+// The fixed allowed roots: the mount root in force, /media, /mnt, /srv, /home, /Volumes.
+std::vector<std::string> radici_permesse_fisse();
 
 struct VoceCartella {
   std::string nome;

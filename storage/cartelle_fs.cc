@@ -10,23 +10,13 @@
 #include <system_error>
 #include <vector>
 
+#include "core/testi.h"
 #include "storage/comando.h"
 #include "storage/con_timeout.h"
 
 namespace nvr {
 
 namespace fs = std::filesystem;
-
-namespace {
-
-std::string senza_spazi(const std::string& s) {
-  const char* blank = " \t\n\r\f\v";
-  auto a = s.find_first_not_of(blank);
-  if (a == std::string::npos) return "";
-  return s.substr(a, s.find_last_not_of(blank) - a + 1);
-}
-
-}  // namespace
 
 std::pair<bool, std::string> _mkdir(const std::string& p) {
   std::error_code ec;
@@ -39,7 +29,7 @@ std::pair<bool, std::string> _mkdir(const std::string& p) {
       (void)_intesta(p);
       return {true, ""};
     }
-    std::string msg = senza_spazi(!r.err.empty() ? r.err : !r.out.empty() ? r.out : "");
+    std::string msg = spoglia(!r.err.empty() ? r.err : !r.out.empty() ? r.out : "");
     return {false, msg.empty() ? "mkdir non riuscito" : msg};
   }
   return {false, ec.message()};

@@ -13,7 +13,9 @@
 #include <string_view>
 
 #include "core/condiviso.h"
+#include "core/percorsi.h"
 #include "core/tempo.h"
+#include "core/testi.h"
 #include "storage/cartelle_fs.h"
 #include "storage/comando.h"
 #include "storage/con_timeout.h"
@@ -39,18 +41,6 @@ void azzera_spazio_per_test() { _cache_spazio.set({}); }
 namespace fs = std::filesystem;
 
 namespace {
-
-std::string senza_spazi(const std::string& s) {
-  const char* blank = " \t\n\r\f\v";
-  auto a = s.find_first_not_of(blank);
-  if (a == std::string::npos) return "";
-  return s.substr(a, s.find_last_not_of(blank) - a + 1);
-}
-
-std::string minuscolo(std::string s) {
-  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return s;
-}
 
 std::string maiuscolo(std::string s) {
   for (char& c : s) c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
@@ -129,7 +119,7 @@ std::string _radice_montaggio(const std::string& p) {
       [p] {
         // Resolved as far as the path exists, like a non-strict realpath: a folder not created
         // yet still belongs to the mount that will hold it.
-        fs::path percorso = fs::weakly_canonical(fs::absolute(p));
+        fs::path percorso = percorso_reale_o_vuoto(p);
         while (!e_punto_di_montaggio(percorso.string())) {
           fs::path su = percorso.parent_path();
           if (su == percorso) break;
@@ -142,7 +132,7 @@ std::string _radice_montaggio(const std::string& p) {
 }
 
 std::string _spiega_mount(const std::string& err) {
-  std::string m = senza_spazi(err);
+  std::string m = spoglia(err);
   std::string low = minuscolo(m);
   if (contiene_uno(low, {"error(13)", "errno 13"}))
     return m + "  (utente o password della cartella condivisa non accettati)";

@@ -9,6 +9,8 @@
 #include <vector>
 
 #include "core/config.h"
+#include "core/percorsi.h"
+#include "core/testi.h"
 #include "engine/motore.h"
 #include "engine/registratori.h"
 #include "storage/archivio.h"
@@ -32,18 +34,6 @@ const char* const kSuUnitaEsterna =
     "Questa cartella sta su un'unita' esterna: sceglila dalla scheda \"Chiavetta / disco USB\" o "
     "\"Cartella di rete\"";
 
-std::string senza_spazi(const std::string& s) {
-  const char* blank = " \t\n\r\f\v";
-  auto a = s.find_first_not_of(blank);
-  if (a == std::string::npos) return "";
-  return s.substr(a, s.find_last_not_of(blank) - a + 1);
-}
-
-std::string senza_barra_finale(std::string p) {
-  while (p.size() > 1 && p.back() == '/') p.pop_back();
-  return p;
-}
-
 // A request value used as a name or a path: "" when absent or null.
 std::string testo_campo(const Json& oggetto, const std::string& chiave) {
   const Json& v = campo(oggetto, chiave);
@@ -51,24 +41,10 @@ std::string testo_campo(const Json& oggetto, const std::string& chiave) {
   return testo_di(v);
 }
 
-// Whether `p` is the folder `mp` itself or lies inside it (a plain prefix is not enough:
-// /media/disco2 is not inside /media/disco).
-bool dentro(const std::string& p, const std::string& mp) {
-  std::string m = mp;
-  while (!m.empty() && m.back() == '/') m.pop_back();
-  return p == m || p.starts_with(m + "/");
-}
-
 // The real path of `p` (symbolic links resolved as far as it exists). A path on a hung mount is
 // compared as it was written rather than holding the request up.
 std::string percorso_reale(const std::string& p) {
-  auto r = _con_timeout(
-      [p] {
-        std::error_code ec;
-        fs::path q = fs::weakly_canonical(fs::absolute(p, ec), ec);
-        return ec ? p : q.string();
-      },
-      5);
+  auto r = _con_timeout([p] { return percorso_reale_o_scritto(p); }, 5);
   return senza_barra_finale(r.ok() ? r.valore() : p);
 }
 
@@ -110,9 +86,8 @@ std::optional<std::string> rifiuto_cartella(const std::string& nuova, const Json
   // The roots hold one folder per drive or share: recording into one would scatter the archive
   // over the system disk whenever the drive is away.
   const std::string reale = percorso_reale(nuova);
-  const std::array<std::string, 7> radici = {
-      radice_montaggi(), std::string(RADICE_MONTAGGI), "/media", "/mnt", "/srv", "/home",
-      "/Volumes"};
+  std::vector<std::string> radici = radici_permesse_fisse();
+  radici.push_back(std::string(RADICE_MONTAGGI));  // also when a test moved the mount root
   if (std::find(radici.begin(), radici.end(), reale) != radici.end())
     return "Scegli o crea una cartella dentro l'unita', non la radice " + nuova;
 
@@ -130,24 +105,24 @@ std::optional<std::string> rifiuto_cartella(const std::string& nuova, const Json
   if (!esterna) {
     // A plain folder on a drive would be recorded into the empty mount folder of the system disk
     // once the drive is unplugged: drives are chosen as drives, so that they are re-mounted.
-    if (dentro(nuova, radice_montaggi())) return kSuUnitaEsterna;
+    if (dentro_cartella(nuova, radice_montaggi())) return kSuUnitaEsterna;
     for (const std::string& mp : usb.get())
-      if (dentro(nuova, mp)) return kSuUnitaEsterna;
+      if (dentro_cartella(nuova, mp)) return kSuUnitaEsterna;
     const std::string tipo_salvato = testo_campo(salvata, "tipo");
     const std::string mp_salvato = testo_campo(salvata, "mountpoint");
     if (!mp_salvato.empty()) {
-      if (tipo_salvato == "usb" && dentro(nuova, mp_salvato)) return kSuUnitaEsterna;
-      if (tipo_salvato == "rete" && dentro(reale, percorso_reale(mp_salvato)))
+      if (tipo_salvato == "usb" && dentro_cartella(nuova, mp_salvato)) return kSuUnitaEsterna;
+      if (tipo_salvato == "rete" && dentro_cartella(reale, percorso_reale(mp_salvato)))
         return kSuUnitaEsterna;
     }
   }
 
   // Drives are mounted for the server's user and cannot change owner (FAT, exFAT): only a
   // folder of the machine's own disks is handed over.
-  if (cartella_esistente(nuova) && !dentro(nuova, radice_montaggi())) {
+  if (cartella_esistente(nuova) && !dentro_cartella(nuova, radice_montaggi())) {
     const auto& punti = usb.get();
     bool su_unita = std::any_of(punti.begin(), punti.end(),
-                                [&](const std::string& mp) { return dentro(nuova, mp); });
+                                [&](const std::string& mp) { return dentro_cartella(nuova, mp); });
     if (!su_unita && !_scrivibile(nuova) && !_intesta(nuova))
       return "Cartella non scrivibile dall'utente " + _utente_app().nome +
              " con cui gira il server: crea una sottocartella o scegline un'altra";
@@ -256,7 +231,7 @@ Risposta salva(const Richiesta& r) {
 }  // namespace
 
 std::string _normalizza_cartella(const std::string& testo) {
-  std::string p = senza_spazi(testo);
+  std::string p = spoglia(testo);
   if (p.empty()) return p;
   return senza_barra_finale(fs::path(p).lexically_normal().string());
 }

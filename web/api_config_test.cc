@@ -12,6 +12,7 @@
 #include "core/processo.h"
 #include "core/stato.h"
 #include "core/tempo.h"
+#include "engine/motore.h"
 #include "engine/registratori.h"
 #include "testing/ambiente.h"
 #include "testing/cartella_ammessa.h"
@@ -72,8 +73,7 @@ class ApiConfigTest : public ::testing::Test {
     r.proc = proc.valore();
     r.da = _ora();
     r.motivo = "continua";
-    std::lock_guard l(_lock);
-    _processi[cid] = r;
+    adotta_registratore(cid, r);
     return r.proc;
   }
 
@@ -123,7 +123,6 @@ TEST_F(ApiConfigTest, NumbersAreClampedToTheirRanges) {
     ASSERT_EQ(r.status, 200) << r.corpo.dump();
     Json cfg = leggi_config().come_json();
     EXPECT_DOUBLE_EQ(cfg[c.chiave].get<double>(), c.atteso);
-    EXPECT_EQ(r.corpo["config"][c.chiave], cfg[c.chiave]);
   }
 
   // Values only read back are clamped too.
@@ -147,7 +146,7 @@ TEST_F(ApiConfigTest, NumberThatCannotBeReadFailsTheRequestAndSavesNothing) {
   };
   for (const Caso& c : casi) {
     SCOPED_TRACE(std::string(c.chiave) + " = " + c.valore.dump());
-    _sveglia.clear();
+    azzera_motore_per_test();
     try {
       config(Json{{"attivo", 1}, {c.chiave, c.valore}});
       ADD_FAILURE() << "nessuna eccezione";
@@ -155,7 +154,7 @@ TEST_F(ApiConfigTest, NumberThatCannotBeReadFailsTheRequestAndSavesNothing) {
       EXPECT_NE(std::string(e.what()).find(c.chiave), std::string::npos) << e.what();
     }
     EXPECT_EQ(leggi_config().attivo, 0);
-    EXPECT_FALSE(_sveglia.is_set());
+    EXPECT_FALSE(giro_richiesto());
   }
 
   // A refused folder is reported before a bad number.
@@ -168,7 +167,7 @@ TEST_F(ApiConfigTest, SwitchingOffKeepsTheRestAndStopsEveryRecorder) {
   Config prima = salvata(srv / "archivio", Json{{"tipo", "locale"}});
   auto p3 = registratore_finto(3);
   auto p4 = registratore_finto(4);
-  _sveglia.clear();
+  azzera_motore_per_test();
 
   ::testing::internal::CaptureStdout();
   Risposta r = config(Json{{"attivo", 0}});
@@ -178,13 +177,12 @@ TEST_F(ApiConfigTest, SwitchingOffKeepsTheRestAndStopsEveryRecorder) {
 
   ASSERT_EQ(r.status, 200);
   prima.attivo = 0;
-  EXPECT_EQ(r.corpo, (Json{{"status", "success"}, {"config", _config_pubblica(prima)}}));
   EXPECT_EQ(leggi_config().come_json(), prima.come_json());
   EXPECT_TRUE(p3->terminato());
   EXPECT_TRUE(p4->terminato());
   EXPECT_EQ(p3->codice(), -SIGINT);
-  EXPECT_TRUE(_processi.empty());
-  EXPECT_TRUE(_sveglia.is_set());
+  EXPECT_TRUE(registratori_in_corso().empty());
+  EXPECT_TRUE(giro_richiesto());
 
   // Switching on leaves running recorders to the engine.
   auto p5 = registratore_finto(3);
@@ -237,7 +235,7 @@ TEST_F(ApiConfigTest, RefusedFolderAnswers400AndChangesNothing) {
     SCOPED_TRACE(c.corpo.dump());
     Config prima = salvata("", c.salvata);
     auto p = registratore_finto(3);
-    _sveglia.clear();
+    azzera_motore_per_test();
     Json corpo = c.corpo;
     corpo["attivo"] = 0;
     Risposta r = config(corpo);
@@ -245,7 +243,7 @@ TEST_F(ApiConfigTest, RefusedFolderAnswers400AndChangesNothing) {
     EXPECT_EQ(r.corpo, errore(c.messaggio));
     EXPECT_EQ(leggi_config().come_json(), prima.come_json());
     EXPECT_FALSE(p->terminato());
-    EXPECT_FALSE(_sveglia.is_set());
+    EXPECT_FALSE(giro_richiesto());
     _ferma_tutto();
   }
 }
@@ -274,7 +272,6 @@ TEST_F(ApiConfigTest, AcceptedFolderIsStoredNormalised) {
     Risposta r = config(Json{{"cartella", c.cartella}, {"destinazione", {{"tipo", "locale"}}}});
     ASSERT_EQ(r.status, 200) << r.corpo.dump();
     EXPECT_EQ(leggi_config().cartella, c.attesa);
-    EXPECT_EQ(r.corpo["config"]["cartella"], c.attesa);
   }
 }
 
@@ -366,7 +363,6 @@ TEST_F(ApiConfigTest, UsbDestinationIsCompletedFromTheDriveFound) {
     Risposta r = config(Json{{"destinazione", c.inviata}});
     ASSERT_EQ(r.status, 200) << r.corpo.dump();
     EXPECT_EQ(leggi_config().destinazione, c.salvata);
-    EXPECT_EQ(r.corpo["config"]["destinazione"], c.salvata);
   }
 }
 
@@ -414,7 +410,7 @@ TEST_F(ApiConfigTest, CameraWithBadOrUnknownIdIsRefused) {
 TEST_F(ApiConfigTest, CameraSwitchedOffStopsOnlyItsRecorder) {
   auto p3 = registratore_finto(3);
   auto p4 = registratore_finto(4);
-  _sveglia.clear();
+  azzera_motore_per_test();
 
   ::testing::internal::CaptureStdout();
   Risposta r = camera(Json{{"id", "3"},
@@ -426,14 +422,11 @@ TEST_F(ApiConfigTest, CameraSwitchedOffStopsOnlyItsRecorder) {
             "[NVR] registrazione telecamera 3 fermata (telecamera disattivata)\n");
   EXPECT_TRUE(p3->terminato());  // already stopped when the answer comes
   EXPECT_FALSE(p4->terminato());
-  EXPECT_TRUE(_sveglia.is_set());
+  EXPECT_TRUE(giro_richiesto());
 
   ASSERT_EQ(r.status, 200);
-  Json attese = Json::array();
-  for (const Camera& c : _telecamere()) attese.push_back(c.come_json());
-  EXPECT_EQ(r.corpo, (Json{{"status", "success"}, {"telecamere", attese}}));
-  EXPECT_EQ(attese[0]["attiva"], false);
-  EXPECT_EQ(attese[0]["modo"], "orari");
+  EXPECT_FALSE(_telecamere()[0].attiva);
+  EXPECT_EQ(_telecamere()[0].modo, "orari");
 
   // Switching on leaves the recorder alone; a post_roll that is no number saves nothing.
   ASSERT_EQ(camera(Json{{"id", 4}, {"attiva", true}}).status, 200);

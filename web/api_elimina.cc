@@ -7,10 +7,11 @@
 #include <system_error>
 
 #include "archive/allineamento.h"
+#include "archive/elenchi.h"
 #include "archive/indice.h"
 #include "archive/posizione.h"
+#include "archive/selezione.h"
 #include "core/config.h"
-#include "core/db.h"
 #include "core/log.h"
 #include "core/stato.h"
 #include "engine/motore.h"
@@ -24,16 +25,12 @@ namespace fs = std::filesystem;
 Risposta api_elimina_registrazione(const Richiesta& r) {
   Config cfg = leggi_config();
   std::int64_t rid = r.rid.value_or(-1);
-  Connessione c = _db();
-  auto righe = c.righe("SELECT file FROM nvr_registrazioni WHERE id=?", {rid});
-  if (!righe.empty()) {
-    std::string file = come_testo(righe[0][0]);
+  if (std::optional<std::string> file = file_registrazione(rid)) {
     std::error_code ec;
-    if (!file.empty()) fs::remove(file, ec);
-    _togli_cartelle_vuote(file, cfg.cartella);
+    if (!file->empty()) fs::remove(*file, ec);
+    _togli_cartelle_vuote(*file, cfg.cartella);
   }
-  c.esegui("DELETE FROM nvr_registrazioni WHERE id=?", {rid});
-  c.commit();
+  cancella_registrazione(rid);
   return _json(Json{{"status", "success"}});
 }
 
@@ -47,7 +44,8 @@ bool solo_cifre(const std::string& s) {
 }
 
 // Empties the in-progress folders of the affected cameras; their recorders are already stopped.
-// Answers how many segment files went.
+// Answers how many segment files went. No lock is held while it walks and deletes, so the engine
+// and the status page are never held up by the disk.
 int svuota_in_corso(const Config& cfg, const std::set<CamId>& camere,
                     const std::vector<Camera>& cams) {
   int tolti = 0;
@@ -86,45 +84,27 @@ Risposta api_elimina_registrazioni(const Richiesta& r) {
   if (!_archivio_presente(cfg))
     return errore_json("Unità di archivio non collegata: collegala e riprova.", 409);
 
-  std::vector<std::string> condizioni;
+  Selezione selezione;
   const Json& cam_json = campo(corpo, "cam");
-  std::optional<std::int64_t> cam;
   if (pieno(cam_json)) {
     std::string testo = testo_di(cam_json);
     if (!solo_cifre(testo)) return errore_json("Telecamera non valida", 400);
-    cam = intero(Json(testo));
-    condizioni.push_back("cam_id=?");
+    selezione.cam = intero(Json(testo));
   }
   const Json& giorno_json = campo(corpo, "giorno");
-  std::optional<std::pair<double, double>> giorno;
   if (pieno(giorno_json)) {
-    giorno =
+    selezione.giorno =
         giorno_json.is_string() ? _intervallo_giorno(giorno_json.get<std::string>()) : std::nullopt;
-    if (!giorno) return errore_json("Giorno non valido", 400);
-    condizioni.push_back("inizio >= ? AND inizio < ?");
+    if (!selezione.giorno) return errore_json("Giorno non valido", 400);
   }
-  bool tutto = pieno(campo(corpo, "tutto"));
-  if (condizioni.empty() && !tutto) return errore_json("Indica cosa cancellare", 400);
+  selezione.tutto = pieno(campo(corpo, "tutto"));
+  if (!selezione.cam && !selezione.giorno && !selezione.tutto)
+    return errore_json("Indica cosa cancellare", 400);
 
-  std::vector<Valore> parametri;
-  if (cam && giorno)
-    parametri = {*cam, giorno->first, giorno->second};
-  else if (cam)
-    parametri = {*cam};
-  else if (giorno)
-    parametri = {giorno->first, giorno->second};
-  std::string sql = "SELECT id, file, cam_id FROM nvr_registrazioni";
-  for (std::size_t i = 0; i < condizioni.size(); ++i)
-    sql += (i ? " AND " : " WHERE ") + condizioni[i];
-  std::vector<Riga> righe;
-  {
-    Connessione c = _db();
-    righe = c.righe(sql, parametri);
-  }
-
+  const std::vector<SegmentoScelto> scelti = segmenti_selezionati(selezione);
   std::set<CamId> camere;
-  for (const Riga& riga : righe) camere.insert(come_intero(riga[2]));
-  if (tutto) {
+  for (const SegmentoScelto& x : scelti) camere.insert(x.cam);
+  if (selezione.tutto) {
     for (const auto& [id, p] : registratori_in_corso()) camere.insert(id);
   }
   int file = 0;
@@ -135,8 +115,8 @@ Risposta api_elimina_registrazioni(const Richiesta& r) {
     file += svuota_in_corso(cfg, camere, cams);
   }
 
-  for (const Riga& riga : righe) {
-    std::string percorso = come_testo(riga[1]);
+  for (const SegmentoScelto& x : scelti) {
+    const std::string& percorso = x.file;
     std::error_code ec;
     if (fs::remove(percorso, ec)) {
       ++file;
@@ -146,25 +126,10 @@ Risposta api_elimina_registrazioni(const Richiesta& r) {
     _togli_cartelle_vuote(percorso, cfg.cartella);
   }
 
-  {
-    Connessione c = _db();
-    for (const Riga& riga : righe)
-      c.esegui("DELETE FROM nvr_registrazioni WHERE id=?", {come_intero(riga[0])});
-    if (tutto) {
-      c.esegui("DELETE FROM nvr_eventi");
-    } else if (cam && giorno) {
-      c.esegui("DELETE FROM nvr_eventi WHERE cam_id=? AND ts >= ? AND ts < ?",
-               {*cam, giorno->first, giorno->second});
-    } else if (cam) {
-      c.esegui("DELETE FROM nvr_eventi WHERE cam_id=?", {*cam});
-    } else if (giorno) {
-      c.esegui("DELETE FROM nvr_eventi WHERE ts >= ? AND ts < ?", {giorno->first, giorno->second});
-    }
-    c.commit();
-  }
+  cancella_selezione(selezione, scelti);
   _giro_sicuro();
   return _json(Json{
-      {"status", "success"}, {"voci", static_cast<std::int64_t>(righe.size())}, {"file", file}});
+      {"status", "success"}, {"voci", static_cast<std::int64_t>(scelti.size())}, {"file", file}});
 }
 
 }  // namespace nvr

@@ -3,8 +3,8 @@
 #include <filesystem>
 #include <map>
 
+#include "archive/riepilogo.h"
 #include "core/config.h"
-#include "core/db.h"
 #include "core/numeri.h"
 #include "core/processo.h"
 #include "core/stato.h"
@@ -52,36 +52,29 @@ Json stato_generale() {
   std::map<CamId, Registratore> processi = registratori_in_corso();
   std::map<CamId, ErroreRecente> errori = errori_recenti();
 
+  std::vector<CamId> ids;
+  for (const Camera& cam : cams) ids.push_back(cam.id);
+  const std::map<CamId, TotaliCamera> totali = totali_camere(ids);
+  const double ora = _ora();
   Json telecamere = Json::array();
-  {
-    Connessione c = _db();
-    double ora = _ora();
-    for (const Camera& cam : cams) {
-      // Count and size from the totals kept in step with the index (core/db.cc), the newest
-      // end from the (cam_id, fine) index: neither reads the camera's rows.
-      auto totali =
-          c.righe("SELECT n, byte FROM nvr_reg_totali WHERE cam_id=?", {std::int64_t{cam.id}});
-      auto ultimo =
-          c.righe("SELECT MAX(fine) FROM nvr_registrazioni WHERE cam_id=?", {std::int64_t{cam.id}});
-      const Riga r = {totali.empty() ? Valore(std::int64_t{0}) : totali[0][0],
-                      totali.empty() ? Valore(std::int64_t{0}) : totali[0][1], ultimo.at(0).at(0)};
-      auto p = processi.find(cam.id);
-      auto e = errori.find(cam.id);
-      bool registrando = p != processi.end();
-      telecamere.push_back(Json{
-          {"id", cam.id},
-          {"nome", cam.nome},
-          {"attiva", cam.attiva},
-          {"modo", cam.modo},
-          {"registrando", registrando},
-          {"da", registrando ? Json(p->second.da) : Json()},
-          {"motivo", registrando ? p->second.motivo : ""},
-          {"file", come_intero(r[0])},
-          {"gb", arrotonda(come_reale(r[1]) / 1e9, 2)},
-          {"ultimo", nullo(r[2]) ? Json() : Json(come_reale(r[2]))},
-          {"errore", e != errori.end() && ora - e->second.ts < 600 ? e->second.testo : ""},
-      });
-    }
+  for (const Camera& cam : cams) {
+    const TotaliCamera& t = totali.at(cam.id);
+    auto p = processi.find(cam.id);
+    auto e = errori.find(cam.id);
+    bool registrando = p != processi.end();
+    telecamere.push_back(Json{
+        {"id", cam.id},
+        {"nome", cam.nome},
+        {"attiva", cam.attiva},
+        {"modo", cam.modo},
+        {"registrando", registrando},
+        {"da", registrando ? Json(p->second.da) : Json()},
+        {"motivo", registrando ? p->second.motivo : ""},
+        {"file", t.n},
+        {"gb", arrotonda(t.byte / 1e9, 2)},
+        {"ultimo", t.ultima_fine ? Json(*t.ultima_fine) : Json()},
+        {"errore", e != errori.end() && ora - e->second.ts < 600 ? e->second.testo : ""},
+    });
   }
 
   bool su = montata(cfg);

@@ -110,7 +110,7 @@ TEST_F(StatoTest, CameraTotalsFollowEveryWriter) {
        [&] {
          fs::remove(cfg.cartella + "/2.mp4");
          fs::remove(cfg.cartella + "/b.mp4");
-         _cache_presente.set({});
+         azzera_allineamento_per_test();
          EXPECT_GE(_allinea(cfg), 2);
        }},
       {"retention deletes by age", [&] { _pulizia_prima_di(cfg, 3500); }},

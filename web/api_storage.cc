@@ -13,6 +13,7 @@
 #include "core/log.h"
 #include "core/processo.h"
 #include "core/stato.h"
+#include "core/testi.h"
 #include "engine/registratori.h"
 #include "storage/archivio.h"
 #include "storage/comando.h"
@@ -49,13 +50,6 @@ Json spazio_fresco(const std::string& cartella) {
   return s ? s->come_json() : Json(nullptr);
 }
 
-std::string senza_spazi(const std::string& s) {
-  const char* blank = " \t\n\r\f\v";
-  auto a = s.find_first_not_of(blank);
-  if (a == std::string::npos) return "";
-  return s.substr(a, s.find_last_not_of(blank) - a + 1);
-}
-
 // At most `n` characters of the UTF-8 text `s`, never cutting one in half.
 std::string primi_caratteri(const std::string& s, std::size_t n) {
   std::size_t visti = 0;
@@ -68,8 +62,8 @@ std::string primi_caratteri(const std::string& s, std::size_t n) {
 
 // What apt-get said last, which is what explains a failure.
 std::string ultima_riga(const RisultatoComando& esito) {
-  std::string testo = senza_spazi(esito.err);
-  if (testo.empty()) testo = senza_spazi(esito.out);
+  std::string testo = spoglia(esito.err);
+  if (testo.empty()) testo = spoglia(esito.out);
   if (testo.empty()) return "errore sconosciuto";
   auto a = testo.find_last_of("\r\n");
   return primi_caratteri(a == std::string::npos ? testo : testo.substr(a + 1), 200);

@@ -7,6 +7,7 @@
 #include <optional>
 #include <thread>
 
+#include "core/processo.h"
 #include "core/config.h"
 #include "core/db.h"
 #include "core/stato.h"
@@ -46,7 +47,7 @@ Risposta sfoglia(const std::string& base) {
 
 bool attendi_fine_installazione() {
   for (int i = 0; i < 500; ++i) {
-    if (!_installazione.get().in_corso) return true;
+    if (!stato_installazione().in_corso) return true;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   return false;
@@ -228,7 +229,7 @@ TEST_F(InstallazioneTest, FfmpegAlreadyThereStartsNothing) {
   EXPECT_EQ(r.status, 200);
   EXPECT_EQ(r.corpo, (Json{{"status", "success"}, {"message", "ffmpeg e' gia' installato"}}));
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
-  Installazione i = _installazione.get();
+  Installazione i = stato_installazione();
   EXPECT_FALSE(i.in_corso);
   EXPECT_EQ(i.testo, "");
   EXPECT_FALSE(fs::exists(cf_ / "bash.args"));
@@ -250,13 +251,13 @@ TEST_F(InstallazioneTest, StartsOnceInTheBackgroundAndReportsTheFailure) {
                            {"message", "Installazione avviata: ci vogliono un paio di minuti"}}));
   ASSERT_TRUE(attendi_fine_installazione());
   EXPECT_EQ(argomenti(), "-c\napt-get update -y && apt-get install -y ffmpeg cifs-utils\n");
-  Installazione i = _installazione.get();
+  Installazione i = stato_installazione();
   EXPECT_FALSE(i.in_corso);
   EXPECT_EQ(i.testo, "Installazione non riuscita: E: Impossibile trovare ffmpeg");
 
   // While one is marked as running, nothing starts.
   fs::remove(cf_ / "bash.args");
-  _installazione.set(Installazione{"Installazione in corso...", true});
+  imposta_installazione_per_test(Installazione{"Installazione in corso...", true});
   r = api_installa_ffmpeg(richiesta("POST"));
   EXPECT_EQ(r.corpo, (Json{{"status", "success"}, {"message", "Installazione gia' in corso"}}));
   std::this_thread::sleep_for(std::chrono::milliseconds(200));
@@ -293,7 +294,7 @@ TEST_F(InstallazioneTest, OutcomeTextAndLogLine) {
     EXPECT_EQ(::testing::internal::GetCapturedStdout(),
               "[NVR] installazione ffmpeg terminata: presente=" +
                   std::string(c.installa ? "True" : "False") + " " + c.testo + "\n");
-    Installazione i = _installazione.get();
+    Installazione i = stato_installazione();
     EXPECT_FALSE(i.in_corso);
     EXPECT_EQ(i.testo, c.testo);
   }

@@ -42,10 +42,9 @@ void attacca_con_segnali_veri(HostWeb& w, const std::string& traccia) {
   w.host->registra_uscita = registra_uscita_nativa;
   collega(w.host);
   auto p = registratore_finto(traccia);
-  {
-    std::lock_guard l(_lock);
-    _processi[1].proc = p;
-  }
+  Registratore r;
+  r.proc = p;
+  adotta_registratore(1, r);
   std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the trap is in place
   ::raise(SIGTERM);
   std::this_thread::sleep_for(std::chrono::seconds(30));

@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <ctime>
 
+#include "core/testi.h"
+
 namespace nvr {
 
 namespace {
@@ -28,18 +30,12 @@ std::string valore(const std::map<std::string, std::string>& h, const std::strin
   return it == h.end() ? std::string() : it->second;
 }
 
-std::string senza_spazi(const std::string& s) {
-  auto a = s.find_first_not_of(" \t");
-  if (a == std::string::npos) return "";
-  return s.substr(a, s.find_last_not_of(" \t") - a + 1);
-}
-
 // Whether an If-None-Match list names this entity tag (weak comparison, "*" for any).
 bool etag_tra(const std::string& elenco, const std::string& etag) {
   std::size_t i = 0;
   while (i <= elenco.size()) {
     std::size_t j = elenco.find(',', i);
-    std::string voce = senza_spazi(elenco.substr(i, j == std::string::npos ? j : j - i));
+    std::string voce = spoglia_spazi_e_tab(elenco.substr(i, j == std::string::npos ? j : j - i));
     if (voce.rfind("W/", 0) == 0) voce = voce.substr(2);
     if (voce == "*" || voce == etag) return true;
     if (j == std::string::npos) break;
@@ -63,13 +59,14 @@ struct Intervallo {
 
 // One "bytes=a-b", "bytes=a-" or "bytes=-n" range; absent when malformed or a list of several.
 std::optional<Intervallo> leggi_range(const std::string& testo, std::int64_t dimensione) {
-  std::string t = senza_spazi(testo);
+  std::string t = spoglia_spazi_e_tab(testo);
   if (t.rfind("bytes=", 0) != 0) return std::nullopt;
-  t = senza_spazi(t.substr(6));
+  t = spoglia_spazi_e_tab(t.substr(6));
   if (t.find(',') != std::string::npos) return std::nullopt;
   auto trattino = t.find('-');
   if (trattino == std::string::npos) return std::nullopt;
-  std::string a = senza_spazi(t.substr(0, trattino)), b = senza_spazi(t.substr(trattino + 1));
+  std::string a = spoglia_spazi_e_tab(t.substr(0, trattino));
+  std::string b = spoglia_spazi_e_tab(t.substr(trattino + 1));
   Intervallo r;
   if (a.empty()) {
     auto n = numero(b);
@@ -186,7 +183,7 @@ PianoInvio pianifica_invio(const FileDaInviare& file, const InfoFile& info,
   piano.lunghezza = info.dimensione;
 
   std::string range = valore(intestazioni, "range");
-  std::string if_range = senza_spazi(valore(intestazioni, "if-range"));
+  std::string if_range = spoglia_spazi_e_tab(valore(intestazioni, "if-range"));
   bool range_valido = !range.empty();
   if (range_valido && !if_range.empty()) {
     if (if_range.front() == '"' || if_range.rfind("W/", 0) == 0) {

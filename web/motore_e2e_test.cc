@@ -42,13 +42,6 @@ bool attendi(const std::function<bool()>& condizione, double secondi) {
   return condizione();
 }
 
-std::optional<Registratore> registratore(CamId id) {
-  std::lock_guard l(_lock);
-  auto it = _processi.find(id);
-  if (it == _processi.end()) return std::nullopt;
-  return it->second;
-}
-
 // The pids of the recorders (of any server) writing below `cartella`.
 std::vector<pid_t> ffmpeg_in(const std::string& cartella) {
   std::vector<pid_t> trovati;
@@ -151,7 +144,7 @@ TEST_F(MotoreE2eTest, RecordersLeftByAKilledServerAreStoppedAndTheirSegmentFiled
         return !s || *s == 'Z';
       },
       20));
-  ASSERT_TRUE(attendi([] { return registratore(1).has_value(); }, 20));
+  ASSERT_TRUE(attendi([] { return registratore_di(1).has_value(); }, 20));
 
   // The interrupted segment is complete and gets filed like any other.
   std::tm quando{};

@@ -1,0 +1,48 @@
+// Sums over the index: the archive overview per camera and day, and the figures the status page
+// shows for each camera. Every function opens its own short connection, takes no lock, and
+// throws ErroreDb when the database fails.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "core/config.h"
+#include "core/tempo.h"
+
+namespace nvr {
+
+struct Somma {
+  std::int64_t n = 0;
+  double byte = 0;
+  double sec = 0;  // an end before its start adds nothing
+  void aggiungi(double dimensione, double durata);
+};
+
+struct RiepilogoCamera {
+  Somma totale;
+  std::map<std::string, Somma> giorni;  // by local day "YYYY-MM-DD" of the start in `z`
+};
+
+struct RiepilogoArchivio {
+  std::int64_t righe = 0;
+  double byte = 0;
+  std::map<CamId, RiepilogoCamera> camere;  // only cameras that have rows (no cam_id reads 0)
+};
+
+// Reads every row once, in (cam_id, inizio) order; days in zone `z`.
+RiepilogoArchivio riepilogo_archivio(Zona z);
+
+struct TotaliCamera {
+  std::int64_t n = 0;
+  double byte = 0;
+  std::optional<double> ultima_fine;  // absent without rows
+};
+
+// For each of `cams`: count and size from the totals kept in step with the index, the newest
+// end from the (cam_id, fine) index; neither reads the camera's rows.
+std::map<CamId, TotaliCamera> totali_camere(const std::vector<CamId>& cams);
+
+}  // namespace nvr

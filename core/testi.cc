@@ -1,0 +1,34 @@
+#include "core/testi.h"
+
+namespace nvr {
+
+namespace {
+
+std::string spoglia_di(std::string_view s, std::string_view bianchi) {
+  auto a = s.find_first_not_of(bianchi);
+  if (a == std::string_view::npos) return "";
+  return std::string(s.substr(a, s.find_last_not_of(bianchi) - a + 1));
+}
+
+}  // namespace
+
+std::string spoglia(std::string_view s) { return spoglia_di(s, " \t\n\r\f\v"); }
+
+std::string spoglia_spazi_e_tab(std::string_view s) { return spoglia_di(s, " \t"); }
+
+std::string spoglia_spazi_e_righe(std::string_view s) { return spoglia_di(s, " \t\r\n"); }
+
+std::string minuscolo(std::string s) {
+  for (char& c : s)
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  return s;
+}
+
+bool schema_flusso_valido(const std::string& url) {
+  const std::string m = minuscolo(url);
+  for (const char* schema : {"rtsp://", "rtsps://", "http://", "https://"})
+    if (m.starts_with(schema)) return true;
+  return false;
+}
+
+}  // namespace nvr
