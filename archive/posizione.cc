@@ -7,6 +7,8 @@
 #include <system_error>
 
 #include "core/log.h"
+#include "core/percorsi.h"
+#include "core/testi.h"
 #include "core/nomi.h"
 #include "core/stato.h"
 #include "core/tempo.h"
@@ -38,25 +40,6 @@ void azzera_posizione_per_test() {
 }
 
 namespace fs = std::filesystem;
-
-namespace {
-
-std::string minuscolo(std::string s) {
-  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-  return s;
-}
-
-// The path with symbolic links resolved; the part that does not exist yet is kept as written.
-std::optional<fs::path> percorso_reale(const fs::path& p) {
-  std::error_code ec;
-  fs::path assoluto = fs::absolute(p, ec);
-  if (ec) return std::nullopt;
-  fs::path r = fs::weakly_canonical(assoluto, ec);
-  if (ec) return std::nullopt;
-  return r;
-}
-
-}  // namespace
 
 std::string _nome_cartella_cam(const Camera& cam, const std::vector<Camera>& cams) {
   std::string base = _nome_sicuro(cam.nome);
@@ -124,16 +107,16 @@ std::optional<std::string> _sposta_spezzone(const std::string& sorgente,
 }
 
 void _togli_cartelle_vuote(const std::string& percorso, const std::string& radice) {
-  std::optional<fs::path> r = percorso_reale(radice);
-  std::optional<fs::path> p = percorso_reale(fs::path(percorso).parent_path());
-  if (!r || !p) return;
-  const std::string prefisso = r->string() + "/";
+  const std::string r = percorso_reale_o_vuoto(radice);
+  fs::path p = percorso_reale_o_vuoto(fs::path(percorso).parent_path());
+  if (r.empty() || p.empty()) return;
+  const std::string prefisso = r + "/";
   std::error_code ec;
-  while (p->string().starts_with(prefisso) && *p != *r) {
-    if (p->filename() == "in_corso") return;  // the recorder may be writing into it right now
-    if (!fs::is_empty(*p, ec) || ec) return;
-    if (!fs::remove(*p, ec) || ec) return;
-    *p = p->parent_path();
+  while (p.string().starts_with(prefisso)) {
+    if (p.filename() == "in_corso") return;  // the recorder may be writing into it right now
+    if (!fs::is_empty(p, ec) || ec) return;
+    if (!fs::remove(p, ec) || ec) return;
+    p = p.parent_path();
   }
 }
 

@@ -10,6 +10,7 @@
 
 #include "core/db.h"
 #include "core/log.h"
+#include "core/testi.h"
 #include "core/stato.h"
 
 namespace nvr {
@@ -30,10 +31,9 @@ void azzera_decisione_per_test() {
 namespace {
 
 // A whole number as a person types it in a form: blanks around it and a sign allowed.
-std::optional<int> numero(const std::string& s) {
+std::optional<int> numero(const std::string& testo) {
+  const std::string s = spoglia(testo);
   std::size_t a = 0, b = s.size();
-  while (a < b && std::isspace(static_cast<unsigned char>(s[a]))) ++a;
-  while (b > a && std::isspace(static_cast<unsigned char>(s[b - 1]))) --b;
   bool meno = false;
   if (a < b && (s[a] == '+' || s[a] == '-')) meno = s[a++] == '-';
   if (a == b) return std::nullopt;
@@ -94,8 +94,7 @@ const Json& stato_di(const Json& stati, const Json& entita) {
 }
 
 bool attivo_di_ripiego(const Json& stato) {
-  std::string t = testo_di(stato);
-  for (char& c : t) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  std::string t = minuscolo(testo_di(stato));
   static constexpr std::array<std::string_view, 6> kAttivi = {"on", "open",    "true",
                                                               "1",  "playing", "detected"};
   return std::find(kAttivi.begin(), kAttivi.end(), t) != kAttivi.end();

@@ -8,6 +8,7 @@
 #include <cctype>
 
 #include "core/log.h"
+#include "core/testi.h"
 #include "core/tempo.h"
 #include "archive/posizione.h"
 #include "storage/cartelle_fs.h"
@@ -21,11 +22,6 @@ constexpr double kAttesaSigint = 20.0;
 
 // Failures closer together than this belong to one series for the back-off.
 constexpr double kSerieGuasti = 600.0;
-
-std::string minuscolo(std::string s) {
-  std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return std::tolower(c); });
-  return s;
-}
 
 std::mutex _lock;
 std::map<CamId, Registratore> _processi;          // guarded by _lock
@@ -95,10 +91,8 @@ std::pair<bool, std::string> _avvia(const Config& cfg, const Camera& cam, const 
   auto [fatta, err] = _mkdir(cart);
   if (!fatta || !_intesta(cart))
     return {false, "Cartella " + cart + " non scrivibile: " + (err.empty() ? "permessi" : err)};
+  if (!schema_flusso_valido(cam.url)) return {false, "Indirizzo del flusso non valido"};
   std::string url = minuscolo(cam.url);
-  if (!url.starts_with("rtsp://") && !url.starts_with("rtsps://") && !url.starts_with("http://") &&
-      !url.starts_with("https://"))
-    return {false, "Indirizzo del flusso non valido"};
 
   int segmento = cfg.segmento_sec != 0 ? cfg.segmento_sec : 300;
   // Only an RTSP stream needs the version (for the name of its time-out option).

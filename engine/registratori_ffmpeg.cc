@@ -13,6 +13,7 @@
 
 #include "core/condiviso.h"
 #include "core/processo.h"
+#include "core/testi.h"
 #include "engine/registratori.h"
 #include "storage/comando.h"
 
@@ -163,10 +164,7 @@ void dimentica_versione_ffmpeg() { _ffmpeg_info.set(std::nullopt); }
 std::vector<std::string> argomenti_ffmpeg(const std::string& url, int segmento,
                                           const std::string& cartella, int major) {
   std::vector<std::string> a = {"ffmpeg", "-nostdin", "-hide_banner", "-loglevel", "error", "-y"};
-  std::string minuscolo = url;
-  std::transform(minuscolo.begin(), minuscolo.end(), minuscolo.begin(),
-                 [](unsigned char c) { return std::tolower(c); });
-  if (minuscolo.starts_with("rtsp")) {
+  if (minuscolo(url).starts_with("rtsp")) {
     // Over UDP a lossy network tears frames; the socket time-out lets a dead camera end the
     // recorder instead of leaving it waiting for ever.
     a.insert(a.end(), {"-rtsp_transport", "tcp", major < 5 ? "-stimeout" : "-timeout", "5000000"});

@@ -5,6 +5,7 @@
 #include <mutex>
 
 #include "core/log.h"
+#include "core/percorsi.h"
 #include "core/tempo.h"
 #include "storage/archivio.h"
 #include "storage/cartelle_fs.h"
@@ -38,11 +39,6 @@ Json destinazione(const Config& cfg) {
 bool esterna(const Json& dest) {
   std::string tipo = testo(dest, "tipo");
   return tipo == "usb" || tipo == "rete";
-}
-
-std::string senza_barra_finale(std::string s) {
-  while (s.size() > 1 && s.back() == '/') s.pop_back();
-  return s;
 }
 
 // Mounts `dest` again: (ok, message, mount point). A drive plugged in again often gets another
