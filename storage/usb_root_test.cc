@@ -72,7 +72,7 @@ class UsbRootTest : public ::testing::Test {
   std::vector<std::unique_ptr<ImmagineLoop>> altre_;
 };
 
-TEST_F(UsbRootTest, Ext4MountsWithoutOptionsAndUnmountsAfterStoppingRecorders) {
+TEST_F(UsbRootTest, Ext4MountsWithoutOptionsAndUnmounts) {
   std::string mp = radice_ / "My_Disk";
   EXPECT_EQ(monta_usb("/dev/altro", ext4_->uuid()),
             std::make_tuple(true, std::string("Montata"), mp));
