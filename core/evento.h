@@ -33,7 +33,7 @@ class Evento {
  private:
   mutable std::mutex m_;
   std::condition_variable cv_;
-  bool alzato_ = false;
+  bool alzato_ = false;  // guarded by m_
 };
 
 }  // namespace nvr

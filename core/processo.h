@@ -40,8 +40,8 @@ class Processo {
 
   const pid_t pid_;
   std::mutex m_;
-  bool raccolto_ = false;
-  int codice_ = 0;
+  bool raccolto_ = false;  // guarded by m_
+  int codice_ = 0;         // guarded by m_
 };
 
 struct Avvio {

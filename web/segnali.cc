@@ -17,8 +17,8 @@ namespace {
 struct sigaction precedente;
 
 std::mutex uscita_m;
-std::vector<std::function<void()>>* azioni = nullptr;  // never freed: used during exit
-bool uscita_fatta = false;
+std::vector<std::function<void()>>* azioni = nullptr;  // uscita_m; never freed: used during exit
+bool uscita_fatta = false;                             // uscita_m
 
 void esegui_uscita() {
   std::vector<std::function<void()>> da_fare;
