@@ -59,35 +59,6 @@ TEST_F(ConfigTest, StoredValuesReadBackWithDefaults) {
   EXPECT_EQ(senza_riga.come_json(), Config().come_json());
 }
 
-TEST_F(ConfigTest, SavedConfigurationRoundTrips) {
-  Config cfg;
-  cfg.attivo = 7;  // any truthy value is stored as 1
-  cfg.cartella = "/media/zuna_nvr/CHIAVETTA/nvr";
-  cfg.destinazione = Json{{"tipo", "rete"}, {"server", "nas.casa"}, {"share", "video"},
-                          {"utente", "mario"}, {"password", "sègreta"}};
-  cfg.segmento_sec = 600;
-  cfg.giorni = 30;
-  cfg.spazio_min_gb = 5.5;
-  _salva_config(cfg);
-
-  cfg.attivo = 1;
-  EXPECT_EQ(leggi_config().come_json(), cfg.come_json());
-  // Stored as readable text: key order kept, accents not escaped.
-  EXPECT_EQ(testo("SELECT destinazione FROM nvr_config"),
-            "{\"tipo\": \"rete\", \"server\": \"nas.casa\", \"share\": \"video\", \"utente\": "
-            "\"mario\", \"password\": \"sègreta\"}");
-
-  Config zeri;
-  zeri.segmento_sec = 0;
-  zeri.giorni = 0;
-  zeri.spazio_min_gb = 0;
-  zeri.destinazione = Json();
-  _salva_config(zeri);
-  EXPECT_EQ(testo("SELECT segmento_sec || ' ' || giorni || ' ' || spazio_min_gb || ' ' || "
-                  "destinazione FROM nvr_config"),
-            "300 14 2.0 {}");
-}
-
 TEST_F(ConfigTest, CamerasMergeHostTableWithSettings) {
   h.aggiungi_camera(9, "Giardino", "rtsp://10.0.0.9/s1");
   h.aggiungi_camera(7, "", "");

@@ -63,25 +63,6 @@ TEST_F(DbTest, FreshDatabaseGetsSchemaAndSeedRow) {
   EXPECT_EQ(come_intero(c.righe("SELECT COUNT(*) FROM nvr_config WHERE id=1")[0][0]), 1);
 }
 
-TEST_F(DbTest, InitAgainChangesNothingAndLeavesExistingTablesAlone) {
-  h.sql("CREATE TABLE nvr_camere (cam_id INTEGER PRIMARY KEY, attiva INTEGER)");
-  _init_db();
-  h.sql("UPDATE nvr_config SET attivo=1, cartella='/srv/a'");
-  auto schema = [&] {
-    Connessione c = _db();
-    std::string s;
-    for (const Riga& r : c.righe("SELECT sql FROM sqlite_master ORDER BY name"))
-      s += come_testo(r[0]) + "\n";
-    for (const Riga& r : c.righe("SELECT attivo, cartella FROM nvr_config"))
-      s += come_testo(r[0]) + come_testo(r[1]);
-    return s;
-  };
-  std::string prima = schema();
-  _init_db();
-  EXPECT_EQ(schema(), prima);
-  EXPECT_EQ(colonne("nvr_camere").size(), 2u);  // no migration of an older table
-}
-
 TEST_F(DbTest, ConstraintsHold) {
   _init_db();
   EXPECT_THROW(h.sql("INSERT INTO nvr_config (id) VALUES (2)"), std::runtime_error);

@@ -37,24 +37,18 @@ TEST(SpiegaMountTest, EachErrorGetsTheFirstMatchingHint) {
       {"mount: qualcosa di strano", ""},
       // Credentials: the CIFS code wins over the generic words of a later row.
       {"mount error(13): Permission denied", kCredenziali},
-      {"[Errno 13] Permission denied", kCredenziali},
       {"mount error(2): No such file or directory", kCondivisa},
       {"ERRNO 2 cartella", kCondivisa},
       {"mount error(112): Host is down", kServer},
-      {"Host is down", kServer},
       {"No route to host", kServer},
-      {"mount error(113): boh", kServer},
       {"Connection refused", kServer},
       {"mount error(110): Connection timed out", kServer},
       {"mount: only root can do that", kPermessi},
-      {"mount: solo root puo' farlo", kPermessi},
       {"mount: /mnt: Permission denied.", kPermessi},
       {"Permesso negato", kPermessi},
       {"mount: Operation not permitted", kPermessi},
-      {"Operazione non consentita", kPermessi},
       // Filesystems the system cannot read; the quoted type keeps its case only for the Mac.
       {"mount: /media/x: unknown filesystem type 'apfs'.", mac("APFS")},
-      {"unknown filesystem type 'HFSPLUS'", mac("HFSPLUS")},
       {"wrong fs type; filesystem type 'hfs'", mac("HFS")},
       {"unknown filesystem type 'exfat'", exfat},
       {"unknown filesystem type 'NTFS'",
@@ -111,12 +105,10 @@ TEST(MountVivoTest, UsbDriveMustStillBeListedAndMounted) {
       {{{"tipo", "usb"}, {"uuid", "uuid-a"}}, mp / "manca", false},       // listed, but no answer
       {{{"tipo", "usb"}, {"uuid", "uuid-b"}}, mp.percorso(), false},      // present, not mounted
       {{{"tipo", "usb"}, {"uuid", "uuid-tolta"}}, mp.percorso(), false},  // pulled
-      {{{"tipo", "usb"}}, mp.percorso(), false},
       // Other destinations only need the mount point to answer.
       {{{"tipo", "rete"}, {"uuid", "uuid-tolta"}}, mp.percorso(), true},
       {Json::object(), mp.percorso(), true},
       {Json::object(), mp / "manca", false},
-      {Json::object(), "", false},
   };
   for (const Caso& c : casi)
     EXPECT_EQ(_mount_vivo(c.dest, c.mp), c.atteso) << c.dest.dump() << " " << c.mp;
