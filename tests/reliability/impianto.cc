@@ -2,76 +2,68 @@
 
 #include <signal.h>
 
+#include <chrono>
 #include <filesystem>
 
-#include "core/db.h"
+#include "core/processo.h"
 #include "testing/processi.h"
 
 namespace nvr::affidabilita {
 
 namespace fs = std::filesystem;
 
-Impianto::Impianto(std::string dati) : dati_(std::move(dati)) {
-  if (dati_.empty()) {
-    temporanea_ = std::make_unique<testing::CartellaTemporanea>();
-    dati_ = *temporanea_ / "dati";
-  }
+double adesso() {
+  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
+std::int64_t scalare(const std::string& db_file, const std::string& sql,
+                     const std::vector<Valore>& parametri) {
+  Connessione c(db_file);
+  auto r = c.righe(sql, parametri);
+  return r.empty() || r[0].empty() ? 0 : come_intero(r[0][0]);
 }
 
 Impianto::~Impianto() {
   if (in_esecuzione()) ferma();
-  programma_.reset();
-  camera_.reset();
 }
 
 std::string Impianto::avvia_telecamera() {
+  if (!programma_presente("ffmpeg")) return "ffmpeg non installato";
   std::string motivo;
   camera_ = testing::CameraRtsp::avvia(&motivo);
   return camera_ ? "" : "telecamera di prova non disponibile: " + motivo;
 }
 
-void Impianto::archivia_log() {
-  if (!programma_) return;
-  log_passati_ += programma_->uscita() + programma_->errori();
+::testing::AssertionResult Impianto::avvia(std::vector<std::string> altro) {
+  if (programma_) log_passati_ += programma_->uscita() + programma_->errori();
   programma_.reset();
-}
-
-bool Impianto::avvia(std::vector<std::string> altro, std::string* perche) {
-  archivia_log();
   altro.push_back("--nuova-password");
   programma_ = prova::Programma::su(dati_, altro);
-  if (!programma_->pronto()) {
-    if (perche) *perche = programma_->uscita() + programma_->errori();
-    return false;
-  }
-  password_.push_back(programma_->password());
-  if (!programma_->accedi()) {
-    if (perche) *perche = "accesso rifiutato: " + programma_->uscita();
-    return false;
-  }
-  return true;
+  std::string errore;
+  if (!programma_->pronto())
+    errore = programma_->uscita() + programma_->errori();
+  else if (password_.push_back(programma_->password()); !programma_->accedi())
+    errore = "accesso rifiutato: " + programma_->uscita();
+  if (errore.empty()) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << "il programma non parte: " << errore;
 }
 
-std::int64_t Impianto::aggiungi_camera(const std::string& nome, const std::string& url) {
-  auto r = programma_->post("/api/telecamere",
-                            {{"nome", nome}, {"url", url.empty() ? camera_->url() : url}});
-  if (r.status != 200) return 0;
-  const std::int64_t id = r.json.value("id", std::int64_t{0});
+std::int64_t Impianto::aggiungi_camera(const std::string& nome) {
+  auto r = programma_->post("/api/telecamere", {{"nome", nome}, {"url", camera_->url()}});
+  const std::int64_t id = r.status == 200 ? r.json.value("id", std::int64_t{0}) : 0;
   auto c = programma_->post("/api/nvr/camera", {{"id", id}, {"attiva", true}, {"modo", "sempre"}});
   return c.status == 200 ? id : 0;
 }
 
 ::testing::AssertionResult Impianto::registra_fino_a(const std::string& nome, int righe,
                                                      std::int64_t* cam, int segmento) {
-  std::string perche;
-  if (!avvia({}, &perche)) return ::testing::AssertionFailure() << "non parte: " << perche;
+  if (auto a = avvia(); !a) return a;
   *cam = aggiungi_camera(nome);
-  if (*cam == 0) return ::testing::AssertionFailure() << "telecamera non aggiunta";
-  if (registra(true) != 200) return ::testing::AssertionFailure() << "registrazione non accesa";
+  if (*cam == 0 || registra(true) != 200)
+    return ::testing::AssertionFailure() << "telecamera o registrazione rifiutate";
   segmenti_di(segmento);
-  if (!prova::attendi([&] { return righe_indicizzate() >= righe; }, 90))
-    return ::testing::AssertionFailure() << "meno di " << righe << " righe indicizzate\n"
-                                         << tutto_il_log();
+  if (!attendi([&] { return righe_indicizzate() >= righe; }, 90))
+    return ::testing::AssertionFailure() << "meno di " << righe << " righe\n" << tutto_il_log();
   return ::testing::AssertionSuccess();
 }
 
@@ -98,8 +90,9 @@ std::optional<int> Impianto::ferma(double secondi) {
 }
 
 bool Impianto::in_esecuzione() const {
-  return programma_ && programma_->pid() > 0 && testing::stato_processo(programma_->pid()) &&
-         *testing::stato_processo(programma_->pid()) != 'Z';
+  if (!programma_ || programma_->pid() <= 0) return false;
+  auto stato = testing::stato_processo(programma_->pid());
+  return stato && *stato != 'Z';
 }
 
 std::string Impianto::tutto_il_log() const {
@@ -107,8 +100,7 @@ std::string Impianto::tutto_il_log() const {
 }
 
 int Impianto::righe_indicizzate() const {
-  Connessione c(db_file());
-  return static_cast<int>(come_intero(c.righe("SELECT COUNT(*) FROM nvr_registrazioni")[0][0]));
+  return static_cast<int>(scalare(db_file(), "SELECT COUNT(*) FROM nvr_registrazioni"));
 }
 
 std::vector<pid_t> registratori_in(const std::string& cartella) {
@@ -117,12 +109,11 @@ std::vector<pid_t> registratori_in(const std::string& cartella) {
   for (const auto& voce : fs::directory_iterator("/proc", ec)) {
     const std::string nome = voce.path().filename();
     if (nome.find_first_not_of("0123456789") != std::string::npos) continue;
-    const pid_t pid = std::stoi(nome);
-    const auto riga = testing::riga_di_comando(pid);
+    const auto riga = testing::riga_di_comando(std::stoi(nome));
     if (riga.empty() || fs::path(riga[0]).filename() != "ffmpeg") continue;
     for (const auto& a : riga)
       if (a.rfind(cartella, 0) == 0) {
-        trovati.push_back(pid);
+        trovati.push_back(std::stoi(nome));
         break;
       }
   }

@@ -26,33 +26,22 @@ bool Integrita::coerente() const {
 
 std::string Integrita::descrizione() const {
   std::ostringstream s;
-  s << file << " file finiti (" << byte << " byte), " << righe << " righe, " << in_corso.size()
-    << " file ancora in corso\n";
-  auto elenco = [&](const char* titolo, const std::vector<std::string>& v) {
-    if (v.empty()) return;
-    s << titolo << " (" << v.size() << "):\n";
-    for (const auto& f : v) s << "  " << f << "\n";
-  };
-  elenco("file senza riga", senza_riga);
-  elenco("righe senza file", senza_file);
-  elenco("file indicizzati due volte", doppi);
-  elenco("file illeggibili", illeggibili);
+  s << file << " file finiti, " << righe << " righe, " << in_corso.size() << " in corso\n";
+  for (const auto& [titolo, v] : {std::pair{"senza riga", &senza_riga},
+                                  {"senza file", &senza_file},
+                                  {"doppi", &doppi},
+                                  {"illeggibili", &illeggibili}})
+    for (const auto& f : *v) s << titolo << ": " << f << "\n";
   for (const Buco& b : buchi)
     s << "buco telecamera " << b.cam_id << ": " << std::fixed << b.secondi() << " s da " << b.da
       << "\n";
   return s.str();
 }
 
-bool riproducibile(const std::string& file) {
-  auto r = _comando({"ffprobe", "-v", "error", "-select_streams", "v:0", "-show_entries",
-                     "format=duration", "-of", "default=noprint_wrappers=1:nokey=1", file},
-                    30);
-  if (r.codice != 0) return false;
-  try {
-    return std::stod(r.out) > 0;
-  } catch (const std::exception&) {
-    return false;
-  }
+bool riproducibile(const std::string& f) {
+  auto r = _comando(
+      {"ffprobe", "-v", "error", "-show_entries", "format=duration", "-of", "csv=p=0", f}, 30);
+  return r.codice == 0 && std::atof(r.out.c_str()) > 0;
 }
 
 Integrita verifica_integrita(const std::string& db_file, const std::string& archivio,
@@ -62,14 +51,12 @@ Integrita verifica_integrita(const std::string& db_file, const std::string& arch
   std::map<std::int64_t, std::vector<std::pair<double, double>>> per_camera;
   {
     Connessione c(db_file);
-    for (const auto& r :
-         c.righe("SELECT cam_id, inizio, fine, file FROM nvr_registrazioni ORDER BY inizio")) {
+    for (const auto& r : c.righe("SELECT cam_id, inizio, fine, file FROM nvr_registrazioni")) {
       ++esito.righe;
       ++indicizzati[fs::path(come_testo(r[3])).lexically_normal().string()];
       per_camera[come_intero(r[0])].emplace_back(come_reale(r[1]), come_reale(r[2]));
     }
   }
-
   std::set<std::string> su_disco;
   std::error_code ec;
   for (auto it = fs::recursive_directory_iterator(archivio, ec);
@@ -82,7 +69,6 @@ Integrita verifica_integrita(const std::string& db_file, const std::string& arch
     }
     su_disco.insert(p);
     ++esito.file;
-    esito.byte += static_cast<std::int64_t>(it->file_size());
     if (!indicizzati.count(p)) esito.senza_riga.push_back(p);
     if (ffprobe && !riproducibile(p)) esito.illeggibili.push_back(p);
   }

@@ -1,6 +1,6 @@
 // What "nothing was lost" means for an archive, checked from the outside after a fault: every
 // finished segment on disk has exactly one index row, every row has its file, every file plays,
-// and the timeline of each camera has no holes longer than the fault explains.
+// and no hole in a camera's timeline is longer than the fault explains.
 #pragma once
 
 #include <cstdint>
@@ -17,27 +17,22 @@ struct Buco {
 };
 
 struct Integrita {
-  int file = 0;   // finished segments on disk (every .mp4 outside the in-progress folders)
-  int righe = 0;  // rows of the index
+  int file = 0, righe = 0;               // finished segments on disk; rows of the index
   std::vector<std::string> senza_riga;   // finished files the index does not know
   std::vector<std::string> senza_file;   // rows whose file is gone
   std::vector<std::string> doppi;        // files indexed more than once
-  std::vector<std::string> illeggibili;  // files ffprobe cannot read or that hold no video
-  std::vector<std::string> in_corso;     // files still in in-progress folders (not yet filed)
-  std::vector<Buco> buchi;               // every hole longer than 1 s, in time order per camera
-  std::int64_t byte = 0;                 // bytes of all finished files
+  std::vector<std::string> illeggibili;  // files ffprobe cannot read as video
+  std::vector<std::string> in_corso;     // files still in in-progress folders
+  std::vector<Buco> buchi;               // every hole longer than 1 s
 
-  // The holes longer than `secondi`.
   std::vector<Buco> buchi_oltre(double secondi) const;
-  // True when disk, index and files agree (holes are judged by the caller, who knows the fault).
+  // Disk, index and files agree (holes are judged by the caller, who knows the fault).
   bool coerente() const;
-  // Everything found, readable in a failure message.
-  std::string descrizione() const;
+  std::string descrizione() const;  // for failure messages
 };
 
-// Checks the archive below `archivio` against the index in `db_file`. Run it when the program
-// is stopped (or at least not indexing), or files being moved will look lost. With `ffprobe`
-// false the files are not played (for archives of thousands of files).
+// Checks the archive below `archivio` against the index in `db_file`; run it with the program
+// stopped, or files being moved look lost. `ffprobe` false skips playing every file.
 Integrita verifica_integrita(const std::string& db_file, const std::string& archivio,
                              bool ffprobe = true);
 
