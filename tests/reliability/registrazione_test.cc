@@ -174,11 +174,16 @@ TEST_F(RegistrazioneTest, FrozenThenKilledCameraRecorderGivesUpAndRecordingResum
     ASSERT_TRUE(attendi([&] { return imp.righe_indicizzate() >= al_ritorno + 2; },
                         attesa_massima(ritorno - guasto) + 60))
         << imp.tutto_il_log();
-    // The segment cut by the stall was closed and indexed.
-    EXPECT_GE(scalare(imp.db_file(),
-                      "SELECT COUNT(*) FROM nvr_registrazioni WHERE inizio <= ? AND fine >= ?",
-                      {guasto, guasto - 4}),
-              1);
+    // The segment cut by the stall was closed and indexed (once it aged in the in-progress
+    // folder).
+    EXPECT_TRUE(attendi(
+        [&] {
+          return scalare(imp.db_file(),
+                         "SELECT COUNT(*) FROM nvr_registrazioni WHERE inizio <= ? "
+                         "AND fine >= ?",
+                         {guasto, guasto - 4}) > 0;
+        },
+        60));
     peggiore = std::max(peggiore, ritorno - guasto);
   }
   ASSERT_EQ(imp.ferma(), 0);
