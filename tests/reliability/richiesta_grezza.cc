@@ -9,6 +9,8 @@
 
 #include <cctype>
 #include <cerrno>
+#include <cstdio>
+#include <cstring>
 
 #include "core/json.h"
 
@@ -99,13 +101,9 @@ std::string accedi_grezzo(int porta, const std::string& password) {
 std::string codifica_url(const std::string& s) {
   std::string t;
   for (unsigned char c : s) {
-    if (std::isalnum(c) || c == '-' || c == '.' || c == '_' || c == '~') {
-      t += static_cast<char>(c);
-    } else {
-      t += '%';
-      t += "0123456789ABCDEF"[c >> 4];
-      t += "0123456789ABCDEF"[c & 15];
-    }
+    char esc[4];
+    std::snprintf(esc, sizeof(esc), "%%%02X", c);
+    t += std::isalnum(c) || (c != 0 && std::strchr("-._~", c)) ? std::string(1, c) : esc;
   }
   return t;
 }
