@@ -193,7 +193,7 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     await fine('07-stato-in-registrazione');
   });
 
-  test('registrazioni: la linea del giorno, riproduzione dal punto cliccato, segmento successivo, salto', async () => {
+  test('registrazioni: la linea del giorno, riproduzione dal punto cliccato', async () => {
     const giorno = await fino_a('tre segmenti in archivio', async () => {
       const g = await json(`/api/nvr/giorni?cam=${cam_id}`);
       if (!g.giorni.length) return null;
