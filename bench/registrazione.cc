@@ -26,7 +26,7 @@
 #include "engine/registratori.h"
 #include "testing/ambiente.h"
 #include "testing/camera_rtsp.h"
-#include "testing/video_di_prova.h"
+#include "bench/video_di_prova.h"
 
 namespace fs = std::filesystem;
 using nvr::Json;

@@ -92,25 +92,12 @@ export async function avvia_camera() {
   return p;
 }
 
-// ambiente: extra environment variables for the program (e.g. a PATH without ffmpeg).
-export async function avvia_programma(dati, ambiente = {}) {
+export async function avvia_programma(dati) {
   const porta = await porta_libera();
-  const p = new Processo('nvr', programma(), ['--dati', dati, '--porta', String(porta)],
-                         { env: { ...process.env, ...ambiente } });
-  const m = await p.aspetta(/Password dell'amministratore: (\S+)/, 20000);
-  p.password = m[1];
+  const p = new Processo('nvr', programma(), ['--dati', dati, '--porta', String(porta)]);
+  p.password = (await p.aspetta(/Password dell'amministratore: (\S+)/, 20000))[1];
+  await p.aspetta(/nvr in ascolto/, 20000);
   p.base = `http://127.0.0.1:${porta}`;
-  const limite = Date.now() + 20000;
-  for (;;) {
-    try {
-      const r = await fetch(`${p.base}/api/sessione`);
-      if (r.ok) break;
-    } catch (e) {
-      // not listening yet
-    }
-    if (Date.now() > limite) throw new Error(`nvr non risponde su ${p.base}:\n${p.uscita.slice(-2000)}`);
-    await new Promise((r) => setTimeout(r, 200));
-  }
   return p;
 }
 
@@ -137,7 +124,6 @@ export async function avvia_browser(cartella_profilo) {
   return playwright.chromium.launchPersistentContext(cartella_profilo, {
     executablePath: CHROMIUM,
     headless: true,
-    acceptDownloads: true,
     viewport: { width: 1280, height: 900 },
     locale: 'it-IT',
     args: [

@@ -42,10 +42,6 @@ async function fino_a(descrizione, prova, ms, passo = 1000) {
   }
 }
 
-async function nodo_pausa() {
-  await pagina.evaluate(() => document.getElementById('video').pause());
-}
-
 async function video() {
   return pagina.evaluate(() => {
     const v = document.getElementById('video');
@@ -86,7 +82,6 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     await pagina.fill('#password-accesso', `${nvr.password}x`);
     await pagina.click('#modulo-accesso button[type=submit]');
     await pagina.locator('#errore-accesso', { hasText: 'Password errata' }).waitFor();
-    await schermata('01-accesso-errato');
     await pagina.fill('#password-accesso', nvr.password);
     await pagina.click('#modulo-accesso button[type=submit]');
     await pagina.locator('#stato-attivo-testo', { hasText: 'spenta' }).waitFor();
@@ -117,7 +112,6 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     await scheda.locator('.orario-a').fill('22:00');
     await scheda.getByRole('button', { name: 'Salva impostazioni' }).click();
     await scheda.locator('.errore-campo', { hasText: 'Inizio e fine coincidono' }).waitFor();
-    await schermata('03-telecamera-errore-orario');
     // A past-midnight interval is accepted and stored whole.
     await scheda.locator('.orario-a').fill('06:00');
     await scheda.locator('.nota-notte', { hasText: 'prosegue dopo mezzanotte' }).waitFor();
@@ -126,27 +120,6 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     let cfg = await json('/api/nvr/config');
     let c = cfg.telecamere.find((t) => t.id === cam_id);
     assert.deepEqual([c.modo, c.orari], ['orari', [{ da: '22:00', a: '06:00' }]]);
-
-    // Event mode: an empty entity row and an out-of-range post-roll are refused beside their
-    // fields; the entity the host knows is offered and stored.
-    const stati = await pagina.request.post(`${nvr.base}/api/stati`, { data: { 'binary_sensor.porta': 'off' } });
-    assert.equal(stati.status(), 200);
-    await pagina.reload();
-    await scheda.getByLabel('Quando registrare').selectOption('eventi');
-    await scheda.getByRole('button', { name: 'Aggiungi entità' }).click();
-    await scheda.getByLabel('Post-roll').fill('5000');
-    await scheda.getByRole('button', { name: 'Salva impostazioni' }).click();
-    await scheda.locator('.errore-campo', { hasText: "Scrivi l'entità o togli la riga." }).waitFor();
-    await scheda.locator('.errore-campo', { hasText: 'Un numero intero di secondi fra 0 e 3600.' }).waitFor();
-    assert.deepEqual(await pagina.locator('#entita-note option').evaluateAll((o) => o.map((x) => x.value)),
-                     ['binary_sensor.porta']);
-    await scheda.locator('input.entita').fill('binary_sensor.porta');
-    await scheda.getByLabel('Post-roll').fill('45');
-    await scheda.getByRole('button', { name: 'Salva impostazioni' }).click();
-    await scheda.locator('.avviso.ok', { hasText: 'Impostazioni salvate.' }).waitFor();
-    cfg = await json('/api/nvr/config');
-    c = cfg.telecamere.find((t) => t.id === cam_id);
-    assert.deepEqual([c.modo, c.eventi, c.post_roll], ['eventi', ['binary_sensor.porta'], 45]);
 
     await scheda.getByLabel('Quando registrare').selectOption('sempre');
     await scheda.getByRole('button', { name: 'Salva impostazioni' }).click();
@@ -173,7 +146,6 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     const esito = pagina.locator('#esito-archiviazione');
     await pagina.locator('#esito-archiviazione.errore').waitFor();
     assert.equal(await esito.textContent(), NON_AMMESSA);
-    await schermata('05-archiviazione-errore');
 
     console_.atteso(400, '/api/nvr/cartelle');
     await pagina.fill('#cartella-locale', '/etc');
@@ -221,38 +193,7 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     await fine('07-stato-in-registrazione');
   });
 
-  test('telecamere: una telecamera guasta mostra il suo errore, si rinomina e si rimuove', async () => {
-    // Nothing listens on this port: ffmpeg fails at once and the recorder reports why.
-    const url = `rtsp://127.0.0.1:${await porta_libera()}/nessuna`;
-    const nuova = await pagina.request.post(`${nvr.base}/api/telecamere`, { data: { nome: 'Guasta', url } });
-    const id = (await nuova.json()).id;
-    const imp = await pagina.request.post(`${nvr.base}/api/nvr/camera`, { data: { id, attiva: true, modo: 'sempre' } });
-    assert.equal(imp.status(), 200);
-    await pagina.goto(`${nvr.base}/#stato`);
-    const errore = pagina.locator(`#stato-camere article[data-id="${id}"] .testo-errore`);
-    await errore.waitFor({ timeout: 40000 });
-    const st = await json('/api/nvr/stato');
-    const testo = st.telecamere.find((t) => t.id === id).errore;
-    assert.ok(testo);
-    assert.equal(await errore.textContent(), testo);
-    await schermata('08-stato-telecamera-guasta');
-
-    await pagina.goto(`${nvr.base}/#telecamere`);
-    const scheda = pagina.locator(`article.telecamera[data-id="${id}"]`);
-    await scheda.getByLabel('Nome').fill('Guasta davvero');
-    await scheda.getByRole('button', { name: 'Salva nome e indirizzo' }).click();
-    await scheda.locator('h3', { hasText: 'Guasta davvero' }).waitFor();
-    await scheda.getByRole('button', { name: 'Rimuovi' }).click();
-    const dialogo = pagina.locator('#dialogo-conferma');
-    await dialogo.locator('#dialogo-testo', { hasText: 'Rimuovere la telecamera "Guasta davvero"?' }).waitFor();
-    await dialogo.getByRole('button', { name: 'Rimuovi' }).click();
-    await scheda.waitFor({ state: 'detached' });
-    const cams = (await json('/api/telecamere')).telecamere;
-    assert.deepEqual(cams.map((c) => c.nome), ['Ingresso']);
-    await fine('08-telecamera-rimossa');
-  });
-
-  test('registrazioni: la linea del giorno, riproduzione dal punto cliccato, segmento successivo, salto', async () => {
+  test('registrazioni: la linea del giorno, riproduzione dal punto cliccato', async () => {
     const giorno = await fino_a('tre segmenti in archivio', async () => {
       const g = await json(`/api/nvr/giorni?cam=${cam_id}`);
       if (!g.giorni.length) return null;
@@ -262,7 +203,6 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     await pagina.goto(`${nvr.base}/#registrazioni`);
     await pagina.locator(`#calendario button.con-registrazioni[data-giorno="${giorno}"][aria-pressed="true"]`).waitFor();
     await pagina.locator('#linea-tempo .segmento').first().waitFor();
-    await schermata('09-registrazioni-giorno');
 
     await pagina.selectOption('#reg-zoom', { label: '1 minuto' });
     const segs = (await json(`/api/nvr/registrazioni?cam=${cam_id}&giorno=${giorno}`)).registrazioni;
@@ -273,13 +213,6 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
       assert.equal(v.errore, null, 'errore del video');
       return v.url === segs[0].url && v.t > 0.3 && !v.pausa;
     }, 15000, 100);
-    // It moves on to the next segment by itself and keeps playing.
-    await fino_a('passa al segmento successivo', async () => (await video()).url === segs[1].url, 30000, 100);
-    const a = await video();
-    await pagina.waitForTimeout(800);
-    const b = await video();
-    assert.ok(b.url !== a.url || b.t > a.t + 0.3, `currentTime fermo: ${JSON.stringify([a, b])}`);
-
     // A click inside the third segment plays it from that point.
     const terzo = pagina.locator('#linea-tempo .segmento[data-indice="2"]');
     await terzo.scrollIntoViewIfNeeded();
@@ -292,31 +225,7 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     }, 15000, 100);
     assert.ok(Math.abs(v.t - atteso) < 1.5, `salto a ${v.t} s invece di circa ${atteso} s`);
     assert.ok(risposte_video.includes(206), `nessuna risposta parziale (206) al video: ${risposte_video}`);
-    await schermata('09-registrazioni-riproduzione');
-
-    // The timeline is a slider for the keyboard too: Home goes to midnight, Enter plays from
-    // there, that is from the day's first segment.
-    await nodo_pausa();
-    await pagina.focus('#linea-tempo');
-    await pagina.keyboard.press('Home');
-    assert.equal(await pagina.getAttribute('#linea-tempo', 'aria-valuenow'), '0');
-    await pagina.keyboard.press('Enter');
-    await fino_a('riparte dal primo segmento', async () => {
-      const x = await video();
-      return x.url === segs[0].url && !x.pausa;
-    }, 15000, 100);
     await fine('09-registrazioni-riproduzione');
-  });
-
-  test('registrazioni: scaricare un segmento', async () => {
-    const link = pagina.locator('#elenco-segmenti tbody tr').first().getByRole('link', { name: 'Scarica' });
-    const [scaricato] = await Promise.all([pagina.waitForEvent('download'), link.click()]);
-    const file = path.join(uscita(), 'segmento-scaricato.mp4');
-    await scaricato.saveAs(file);
-    const contenuto = fs.readFileSync(file);
-    assert.ok(contenuto.length > 1000, `file scaricato di ${contenuto.length} byte`);
-    assert.equal(contenuto.subarray(4, 8).toString('latin1'), 'ftyp', 'non e\' un MP4');
-    await fine('10-registrazioni-scaricato');
   });
 
   test("archivio: conteggi per giorno, e le voci rimaste senza file tolte dal bottone", async () => {
@@ -343,96 +252,4 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     await fine('12-archivio-senza-file');
   });
 
-  test('registrazioni: eliminare chiede conferma, annullare non toglie nulla, confermare toglie il giorno', async () => {
-    await pagina.goto(`${nvr.base}/#registrazioni`);
-    await pagina.locator('#elenco-segmenti tbody tr').first().waitFor();
-    const giorno = await pagina.locator('#calendario button[aria-pressed="true"]').getAttribute('data-giorno');
-    const prima = (await json(`/api/nvr/registrazioni?cam=${cam_id}&giorno=${giorno}`)).registrazioni;
-    const dialogo = pagina.locator('#dialogo-conferma');
-
-    await pagina.locator('#elenco-segmenti tbody tr').first().getByRole('button', { name: 'Elimina' }).click();
-    await dialogo.locator('#dialogo-testo', { hasText: 'Eliminare il segmento di Ingresso' }).waitFor();
-    await dialogo.getByRole('button', { name: 'Annulla' }).click();
-    await dialogo.waitFor({ state: 'hidden' });
-    const ancora = (await json(`/api/nvr/registrazioni?cam=${cam_id}&giorno=${giorno}`)).registrazioni;
-    assert.ok(ancora.some((s) => s.id === prima[0].id), 'annullare ha eliminato il segmento');
-
-    // This time with the keyboard only: the dialog opens on "Annulla", Tab reaches "Elimina".
-    await pagina.focus('#elimina-giorno');
-    await pagina.keyboard.press('Enter');
-    await dialogo.waitFor();
-    const testo = await dialogo.locator('#dialogo-testo').textContent();
-    assert.match(testo, /Eliminare tutte le registrazioni di Ingresso del .* Verranno cancellati \d+ segmenti/);
-    assert.equal(await pagina.evaluate(() => document.activeElement.id), 'dialogo-no');
-    await schermata('13-conferma-giorno');
-    await pagina.keyboard.press('Tab');
-    assert.equal(await pagina.evaluate(() => document.activeElement.id), 'dialogo-si');
-    await pagina.keyboard.press('Enter');
-    await pagina.locator('#esito-registrazioni', { hasText: /Eliminate \d+ registrazioni/ }).waitFor();
-    const dopo = (await json(`/api/nvr/registrazioni?cam=${cam_id}&giorno=${giorno}`)).registrazioni;
-    const rimasti = dopo.filter((s) => prima.some((p) => p.id === s.id));
-    assert.deepEqual(rimasti, [], 'segmenti del giorno ancora in archivio');
-    for (const s of prima.slice(0, 3)) {
-      const r = await pagina.request.get(`${nvr.base}${s.url}`);
-      assert.equal(r.status(), 404);
-    }
-    await fine('14-giorno-eliminato');
-  });
-
-  test("stato: senza ffmpeg c'e' il bottone per installarlo, e il suo errore si vede com'e'", async () => {
-    // A second program whose search path holds neither ffmpeg nor apt-get: the page offers the
-    // installation and shows the server's refusal word for word.
-    const dati2 = fs.mkdtempSync(path.join(os.tmpdir(), 'nvr-browser-senza-ffmpeg-'));
-    const vuota = fs.mkdtempSync(path.join(os.tmpdir(), 'nvr-browser-path-'));
-    const nvr2 = await avvia_programma(dati2, { PATH: vuota });
-    try {
-      await pagina.goto(`${nvr2.base}/`);
-      await pagina.fill('#password-accesso', nvr2.password);
-      await pagina.click('#modulo-accesso button[type=submit]');
-      const scheda = pagina.locator('#stato-ffmpeg');
-      await scheda.getByRole('button', { name: 'Installa ffmpeg' }).waitFor();
-      console_.atteso(400, '/api/nvr/installa_ffmpeg');
-      await scheda.getByRole('button', { name: 'Installa ffmpeg' }).click();
-      await scheda.locator('.testo-errore', { hasText: 'Installazione automatica non disponibile su questo sistema' }).waitFor();
-      // Switched on without ffmpeg, the engine reports a problem: the banner shows the status
-      // API's text as it is.
-      await pagina.locator('label[for="stato-attivo"]').click();
-      const banner = pagina.locator('#stato-problema');
-      await banner.waitFor({ timeout: 40000 });
-      const problema = (await (await pagina.request.get(`${nvr2.base}/api/nvr/stato`)).json()).problema;
-      assert.ok(problema);
-      await pagina.locator('#stato-problema', { hasText: problema }).waitFor();
-      await fine('15-stato-senza-ffmpeg');
-    } finally {
-      await nvr2.ferma();
-      for (const d of [dati2, vuota]) fs.rmSync(d, { recursive: true, force: true });
-    }
-  });
-
-  test('schermo di un telefono: nessuna pagina piu\' larga dello schermo', async () => {
-    await pagina.setViewportSize({ width: 390, height: 844 });
-    await pagina.goto(`${nvr.base}/`);
-    // Cookies do not tell ports apart: the second program's session may have replaced ours.
-    await pagina.locator('#menu:visible, #password-accesso:visible').first().waitFor();
-    if (await pagina.locator('#password-accesso').isVisible()) {
-      await pagina.fill('#password-accesso', nvr.password);
-      await pagina.click('#modulo-accesso button[type=submit]');
-      await pagina.locator('#menu').waitFor();
-    }
-    for (const p of ['stato', 'telecamere', 'archiviazione', 'registrazioni', 'archivio']) {
-      await pagina.goto(`${nvr.base}/#${p}`);
-      await pagina.locator(`#${p} h2`).waitFor();
-      await pagina.waitForLoadState('networkidle').catch(() => {});
-      const largo = await pagina.evaluate(() => {
-        const fuori = [...document.querySelectorAll('body *')]
-          .filter((e) => e.getBoundingClientRect().right > window.innerWidth + 1)
-          .map((e) => `${e.tagName.toLowerCase()}#${e.id}.${e.className}`);
-        return { px: document.documentElement.scrollWidth - window.innerWidth, fuori: fuori.slice(0, 5) };
-      });
-      await schermata(`16-telefono-${p}`);
-      assert.ok(largo.px <= 1, `#${p} piu' largo dello schermo di ${largo.px} px: ${largo.fuori}`);
-    }
-    await pagina.setViewportSize({ width: 1280, height: 900 });
-    await fine('17-fine');
-  });
 });

@@ -2,76 +2,147 @@
 
 #include <signal.h>
 
+#include <algorithm>
+#include <chrono>
 #include <filesystem>
+#include <map>
+#include <set>
+#include <sstream>
 
-#include "core/db.h"
+#include "core/processo.h"
+#include "storage/comando.h"
 #include "testing/processi.h"
 
 namespace nvr::affidabilita {
 
 namespace fs = std::filesystem;
 
-Impianto::Impianto(std::string dati) : dati_(std::move(dati)) {
-  if (dati_.empty()) {
-    temporanea_ = std::make_unique<testing::CartellaTemporanea>();
-    dati_ = *temporanea_ / "dati";
+std::vector<Buco> Integrita::buchi_oltre(double secondi) const {
+  std::vector<Buco> oltre;
+  for (const Buco& b : buchi)
+    if (b.secondi() > secondi) oltre.push_back(b);
+  return oltre;
+}
+
+bool Integrita::coerente() const {
+  return senza_riga.empty() && senza_file.empty() && doppi.empty() && illeggibili.empty();
+}
+
+std::string Integrita::descrizione() const {
+  std::ostringstream s;
+  s << file << " file finiti, " << righe << " righe, " << in_corso.size() << " in corso\n";
+  for (const auto& [titolo, v] : {std::pair{"senza riga", &senza_riga},
+                                  {"senza file", &senza_file},
+                                  {"doppi", &doppi},
+                                  {"illeggibili", &illeggibili}})
+    for (const auto& f : *v) s << titolo << ": " << f << "\n";
+  for (const Buco& b : buchi)
+    s << "buco telecamera " << b.cam_id << ": " << std::fixed << b.secondi() << " s da " << b.da
+      << "\n";
+  return s.str();
+}
+
+namespace {
+bool riproducibile(const std::string& f) {
+  auto r = _comando(
+      {"ffprobe", "-v", "error", "-show_entries", "format=duration", "-of", "csv=p=0", f}, 30);
+  return r.codice == 0 && std::atof(r.out.c_str()) > 0;
+}
+}  // namespace
+
+Integrita verifica_integrita(const std::string& db_file, const std::string& archivio,
+                             bool ffprobe) {
+  Integrita esito;
+  std::map<std::string, int> indicizzati;
+  std::map<std::int64_t, std::vector<std::pair<double, double>>> per_camera;
+  {
+    Connessione c(db_file);
+    for (const auto& r : c.righe("SELECT cam_id, inizio, fine, file FROM nvr_registrazioni")) {
+      ++esito.righe;
+      ++indicizzati[fs::path(come_testo(r[3])).lexically_normal().string()];
+      per_camera[come_intero(r[0])].emplace_back(come_reale(r[1]), come_reale(r[2]));
+    }
   }
+  std::set<std::string> su_disco;
+  std::error_code ec;
+  for (auto it = fs::recursive_directory_iterator(archivio, ec);
+       !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
+    if (!it->is_regular_file() || it->path().extension() != ".mp4") continue;
+    const std::string p = it->path().lexically_normal().string();
+    if (it->path().parent_path().filename() == "in_corso") {
+      esito.in_corso.push_back(p);
+      continue;
+    }
+    su_disco.insert(p);
+    ++esito.file;
+    if (!indicizzati.count(p)) esito.senza_riga.push_back(p);
+    if (ffprobe && !riproducibile(p)) esito.illeggibili.push_back(p);
+  }
+  for (const auto& [f, n] : indicizzati) {
+    if (!su_disco.count(f)) esito.senza_file.push_back(f);
+    if (n > 1) esito.doppi.push_back(f);
+  }
+  for (auto& [cam, tratti] : per_camera) {
+    std::sort(tratti.begin(), tratti.end());
+    for (std::size_t i = 1; i < tratti.size(); ++i)
+      if (tratti[i].first - tratti[i - 1].second > 1.0)
+        esito.buchi.push_back({cam, tratti[i - 1].second, tratti[i].first});
+  }
+  return esito;
+}
+
+double adesso() {
+  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
+std::int64_t scalare(const std::string& db_file, const std::string& sql,
+                     const std::vector<Valore>& parametri) {
+  Connessione c(db_file);
+  auto r = c.righe(sql, parametri);
+  return r.empty() || r[0].empty() ? 0 : come_intero(r[0][0]);
 }
 
 Impianto::~Impianto() {
   if (in_esecuzione()) ferma();
-  programma_.reset();
-  camera_.reset();
 }
 
 std::string Impianto::avvia_telecamera() {
+  if (!programma_presente("ffmpeg")) return "ffmpeg non installato";
   std::string motivo;
   camera_ = testing::CameraRtsp::avvia(&motivo);
   return camera_ ? "" : "telecamera di prova non disponibile: " + motivo;
 }
 
-void Impianto::archivia_log() {
-  if (!programma_) return;
-  log_passati_ += programma_->uscita() + programma_->errori();
+::testing::AssertionResult Impianto::avvia(std::vector<std::string> altro) {
+  if (programma_) log_passati_ += programma_->uscita() + programma_->errori();
   programma_.reset();
-}
-
-bool Impianto::avvia(std::vector<std::string> altro, std::string* perche) {
-  archivia_log();
   altro.push_back("--nuova-password");
   programma_ = prova::Programma::su(dati_, altro);
-  if (!programma_->pronto()) {
-    if (perche) *perche = programma_->uscita() + programma_->errori();
-    return false;
-  }
-  password_.push_back(programma_->password());
-  if (!programma_->accedi()) {
-    if (perche) *perche = "accesso rifiutato: " + programma_->uscita();
-    return false;
-  }
-  return true;
+  std::string errore;
+  if (!programma_->pronto())
+    errore = programma_->uscita() + programma_->errori();
+  else if (password_.push_back(programma_->password()); !programma_->accedi())
+    errore = "accesso rifiutato: " + programma_->uscita();
+  if (errore.empty()) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << "il programma non parte: " << errore;
 }
 
-std::int64_t Impianto::aggiungi_camera(const std::string& nome, const std::string& url) {
-  auto r = programma_->post("/api/telecamere",
-                            {{"nome", nome}, {"url", url.empty() ? camera_->url() : url}});
-  if (r.status != 200) return 0;
-  const std::int64_t id = r.json.value("id", std::int64_t{0});
+std::int64_t Impianto::aggiungi_camera(const std::string& nome) {
+  auto r = programma_->post("/api/telecamere", {{"nome", nome}, {"url", camera_->url()}});
+  const std::int64_t id = r.status == 200 ? r.json.value("id", std::int64_t{0}) : 0;
   auto c = programma_->post("/api/nvr/camera", {{"id", id}, {"attiva", true}, {"modo", "sempre"}});
   return c.status == 200 ? id : 0;
 }
 
 ::testing::AssertionResult Impianto::registra_fino_a(const std::string& nome, int righe,
                                                      std::int64_t* cam, int segmento) {
-  std::string perche;
-  if (!avvia({}, &perche)) return ::testing::AssertionFailure() << "non parte: " << perche;
+  if (auto a = avvia(); !a) return a;
   *cam = aggiungi_camera(nome);
-  if (*cam == 0) return ::testing::AssertionFailure() << "telecamera non aggiunta";
-  if (registra(true) != 200) return ::testing::AssertionFailure() << "registrazione non accesa";
+  if (*cam == 0 || registra(true) != 200)
+    return ::testing::AssertionFailure() << "telecamera o registrazione rifiutate";
   segmenti_di(segmento);
-  if (!prova::attendi([&] { return righe_indicizzate() >= righe; }, 90))
-    return ::testing::AssertionFailure() << "meno di " << righe << " righe indicizzate\n"
-                                         << tutto_il_log();
+  if (!attendi([&] { return righe_indicizzate() >= righe; }, 90))
+    return ::testing::AssertionFailure() << "meno di " << righe << " righe\n" << tutto_il_log();
   return ::testing::AssertionSuccess();
 }
 
@@ -98,8 +169,9 @@ std::optional<int> Impianto::ferma(double secondi) {
 }
 
 bool Impianto::in_esecuzione() const {
-  return programma_ && programma_->pid() > 0 && testing::stato_processo(programma_->pid()) &&
-         *testing::stato_processo(programma_->pid()) != 'Z';
+  if (!programma_ || programma_->pid() <= 0) return false;
+  auto stato = testing::stato_processo(programma_->pid());
+  return stato && *stato != 'Z';
 }
 
 std::string Impianto::tutto_il_log() const {
@@ -107,8 +179,7 @@ std::string Impianto::tutto_il_log() const {
 }
 
 int Impianto::righe_indicizzate() const {
-  Connessione c(db_file());
-  return static_cast<int>(come_intero(c.righe("SELECT COUNT(*) FROM nvr_registrazioni")[0][0]));
+  return static_cast<int>(scalare(db_file(), "SELECT COUNT(*) FROM nvr_registrazioni"));
 }
 
 std::vector<pid_t> registratori_in(const std::string& cartella) {
@@ -117,12 +188,11 @@ std::vector<pid_t> registratori_in(const std::string& cartella) {
   for (const auto& voce : fs::directory_iterator("/proc", ec)) {
     const std::string nome = voce.path().filename();
     if (nome.find_first_not_of("0123456789") != std::string::npos) continue;
-    const pid_t pid = std::stoi(nome);
-    const auto riga = testing::riga_di_comando(pid);
+    const auto riga = testing::riga_di_comando(std::stoi(nome));
     if (riga.empty() || fs::path(riga[0]).filename() != "ffmpeg") continue;
     for (const auto& a : riga)
       if (a.rfind(cartella, 0) == 0) {
-        trovati.push_back(pid);
+        trovati.push_back(std::stoi(nome));
         break;
       }
   }

@@ -1,4 +1,4 @@
-#include "testing/video_di_prova.h"
+#include "bench/video_di_prova.h"
 
 #include <cstdlib>
 #include <sstream>
