@@ -10,7 +10,6 @@
 #include "testing/ambiente.h"
 #include "testing/cartella_ammessa.h"
 #include "testing/sonda.h"
-#include "testing/stand_in.h"
 #include "web/api_config.h"
 
 namespace nvr {
@@ -18,7 +17,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::CartellaAmmessa;
-using testing::Controfigure;
 using testing::HostDiProva;
 using testing::TmpfsIn;
 
@@ -69,17 +67,6 @@ TEST_F(ApiConfigRootTest, FolderThatCannotBeWrittenNorTakenOverIsRefused) {
   r = salva(Json{{"cartella", srv / "ro/nuova"}, {"destinazione", {{"tipo", "locale"}}}});
   EXPECT_EQ(r.status, 200) << r.corpo.dump();
 
-  // A drive keeps the owner its mount options give: it is not taken over, nor refused here.
-  Controfigure cf;
-  cf.lsblk_fisso(R"({"blockdevices": [
-    {"name": "sdz1", "path": "/dev/sdz1", "size": 1000000, "type": "part", "rm": true,
-     "mountpoint": ")" +
-                 srv / "ro" + R"(", "label": "RO", "fstype": "vfat", "uuid": "RO-1",
-     "partuuid": null, "tran": "usb", "hotplug": true, "model": null, "vendor": null}
-  ]})");
-  r = salva(Json{{"cartella", srv / "ro"}, {"destinazione", {{"tipo", "usb"}, {"uuid", "RO-1"}}}});
-  EXPECT_EQ(r.status, 200) << r.corpo.dump();
-  EXPECT_EQ(leggi_config().destinazione["mountpoint"], srv / "ro");
 }
 
 TEST_F(ApiConfigRootTest, ServerUserThatCannotWriteTheFolderIsNamed) {
