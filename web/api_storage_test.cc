@@ -201,8 +201,6 @@ TEST_F(InstallazioneTest, StartsOnceInTheBackgroundAndReportsTheFailure) {
 }
 
 TEST_F(InstallazioneTest, OutcomeTextAndLogLine) {
-  std::string accentata;
-  for (int i = 0; i < 250; ++i) accentata += "\xc3\xa8";  // "è", two bytes each
   struct Caso {
     std::string out, err;
     int codice;
@@ -213,7 +211,6 @@ TEST_F(InstallazioneTest, OutcomeTextAndLogLine) {
       {"", "", 0, true, ""},
       {"", "  riga 1\n  riga 2  \n\n", 100, false, "Installazione non riuscita:   riga 2"},
       {"", "", 100, false, "Installazione non riuscita: errore sconosciuto"},
-      {"", accentata, 1, false, "Installazione non riuscita: " + accentata.substr(0, 400)},
   };
   solo_controfigure();
   for (const Caso& c : casi) {
