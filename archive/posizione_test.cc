@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <optional>
 
 #include "core/stato.h"
 #include "testing/ambiente.h"
@@ -105,25 +104,6 @@ TEST_F(PosizioneTest, UnmovableSegmentStaysAndIsReportedOnce) {
   // A segment that vanished is reported as gone, in silence too.
   EXPECT_EQ(_sposta_spezzone(cam + "/in_corso/sparito.mp4", cam, 0), std::nullopt);
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
-}
-
-TEST_F(PosizioneTest, ArchiveGoneFromUnderTheMoveKeepsTheSegment) {
-  // The archive is given relative to a working folder that no longer exists, so creating the
-  // day folder really fails with "not found" while the segment itself is still there.
-  const std::string sorgente = radice / "in_corso/20240501_120000.mp4";
-  scrivi_file(sorgente, "x");
-  const fs::path prima = fs::current_path();
-  std::optional<CartellaTemporanea> sparita(std::in_place);
-  fs::current_path(sparita->percorso());
-  sparita.reset();
-
-  ::testing::internal::CaptureStdout();
-  auto dove = _sposta_spezzone(sorgente, "Garage", quasi_mezzanotte());
-  std::string uscita = ::testing::internal::GetCapturedStdout();
-  fs::current_path(prima);
-  EXPECT_EQ(dove, sorgente);
-  EXPECT_EQ(uscita, "");  // not worth a message: the next pass tries again
-  EXPECT_TRUE(fs::exists(sorgente));
 }
 
 TEST_F(PosizioneTest, EmptyFoldersAreTidiedUpToTheRoot) {
