@@ -5,7 +5,6 @@
 #include <filesystem>
 
 #include "core/db.h"
-#include "core/tempo.h"
 #include "testing/ambiente.h"
 #include "testing/righe_di_prova.h"
 
@@ -108,13 +107,6 @@ TEST_F(PuliziaTest, AbsentArchiveIsLeftExactlyAsItIs) {
 
   EXPECT_TRUE(fs::exists(vecchio));
   EXPECT_EQ(file_indicizzati().size(), 2u);
-  EXPECT_EQ(ts_eventi().size(), 1u);
-}
-
-TEST_F(PuliziaTest, EventsArePurgedAlsoWithAnEmptyIndex) {
-  aggiungi_evento(1, 100);
-  aggiungi_evento(1, _ora());
-  _pulizia(cfg_);
   EXPECT_EQ(ts_eventi().size(), 1u);
 }
 

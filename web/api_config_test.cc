@@ -12,7 +12,6 @@
 #include "core/db.h"
 #include "core/processo.h"
 #include "core/stato.h"
-#include "core/tempo.h"
 #include "engine/motore.h"
 #include "engine/registratori.h"
 #include "testing/ambiente.h"
@@ -49,29 +48,19 @@ class ApiConfigTest : public ::testing::Test {
   }
   void TearDown() override { _ferma_tutto(); }
 
-  static Risposta config(const Json& corpo, const std::string& metodo = "POST") {
+  static Risposta config(const Json& corpo, const std::string& metodo = "POST",
+                         Risposta (*api)(const Richiesta&) = api_config) {
     Richiesta r;
     r.metodo = metodo;
     r.corpo = corpo;
-    return api_config(r);
+    return api(r);
   }
-  static Risposta camera(const Json& corpo) {
-    Richiesta r;
-    r.metodo = "POST";
-    r.corpo = corpo;
-    return api_camera(r);
-  }
+  static Risposta camera(const Json& corpo) { return config(corpo, "POST", api_camera); }
 
   // A child standing in for camera `cid`'s recorder; the caller keeps the process to watch it.
   static std::shared_ptr<Processo> registratore_finto(CamId cid) {
-    Avvio avvio;
-    avvio.argomenti = {"sleep", "60"};
-    auto proc = avvia_processo(avvio);
-    EXPECT_TRUE(proc.ok());
     Registratore r;
-    r.proc = proc.valore();
-    r.da = _ora();
-    r.motivo = "continua";
+    r.proc = avvia_processo({{"sleep", "60"}}).valore();
     adotta_registratore(cid, r);
     return r.proc;
   }
@@ -82,8 +71,6 @@ class ApiConfigTest : public ::testing::Test {
     c.cartella = cartella;
     c.destinazione = dest.is_null() ? Json::object() : std::move(dest);
     c.segmento_sec = 120;
-    c.giorni = 7;
-    c.spazio_min_gb = 3.5;
     _salva_config(c);
     return c;
   }

@@ -6,13 +6,12 @@
 #include <filesystem>
 
 #include "core/config.h"
-#include "core/db.h"
 #include "core/processo.h"
 #include "core/stato.h"
-#include "archive/indice.h"
 #include "engine/motore.h"
 #include "engine/registratori.h"
 #include "testing/ambiente.h"
+#include "testing/righe_di_prova.h"
 
 namespace nvr {
 namespace {
@@ -35,28 +34,13 @@ class EliminaTest : public ::testing::Test {
     _salva_config(cfg);
     // Two cameras, two days each, and events on both days.
     for (CamId cam : {1, 2})
-      for (double giorno : {kGiorno, kGiorno + 86400}) {
-        std::string file = archivio + "/" + (cam == 1 ? "Garage" : "Orto") + "/" +
-                           (giorno == kGiorno ? "2024-05-01" : "2024-05-02") + "/10-00-00.mp4";
-        riga(cam, giorno + 36000, file);
-        h.sql("INSERT INTO nvr_eventi (cam_id, ts, entity_id, stato) VALUES (" +
-              std::to_string(cam) + ", " + std::to_string(giorno + 3600) + ", 'porta', 'on')");
+      for (int d : {1, 2}) {
+        std::string file = archivio + (cam == 1 ? "/Garage" : "/Orto") + "/2024-05-0" +
+                           std::to_string(d) + "/10-00-00.mp4";
+        testing::scrivi_file(file, "v");
+        testing::aggiungi_registrazione(cam, kGiorno + (d - 1) * 86400 + 36000, file);
+        testing::aggiungi_evento(cam, kGiorno + (d - 1) * 86400 + 3600);
       }
-  }
-
-  void riga(CamId cam, double inizio, const std::string& file) {
-    testing::scrivi_file(file, std::string(1000, 'v'));
-    Connessione c = _db();
-    c.esegui(
-        "INSERT INTO nvr_registrazioni (cam_id, inizio, fine, file, dimensione, motivo) VALUES "
-        "(?,?,?,?,?,?)",
-        {cam, inizio, inizio + 60, file, std::int64_t{1000}, std::string("continua")});
-    c.commit();
-  }
-
-  std::int64_t conta(const std::string& sql) {
-    Connessione c = _db();
-    return come_intero(c.righe(sql).at(0).at(0));
   }
 
   Risposta elimina(const Json& corpo) {
@@ -88,8 +72,8 @@ TEST_F(EliminaTest, BadSelectionsAndAnAbsentArchiveDeleteNothing) {
   Risposta r = elimina(Json{{"tutto", true}});
   EXPECT_EQ(r.status, 409);
   EXPECT_EQ(r.corpo["message"], "Unità di archivio non collegata: collegala e riprova.");
-  EXPECT_EQ(conta("SELECT COUNT(*) FROM nvr_registrazioni"), 4);
-  EXPECT_EQ(conta("SELECT COUNT(*) FROM nvr_eventi"), 4);
+  EXPECT_EQ(testing::file_indicizzati().size(), 4u);
+  EXPECT_EQ(testing::ts_eventi().size(), 4u);
   EXPECT_TRUE(fs::exists(t / "altrove/Garage/2024-05-01/10-00-00.mp4"));
 }
 
@@ -106,7 +90,7 @@ TEST_F(EliminaTest, FilesGoWithTheirEmptiedFoldersNeverTheRoot) {
 
   Richiesta una;
   una.metodo = "DELETE";
-  una.rid = conta("SELECT id FROM nvr_registrazioni WHERE cam_id=1 LIMIT 1");
+  una.rid = 2;  // camera 1's second day: the rows went in as 1 to 4
   EXPECT_EQ(api_elimina_registrazione(una).status, 200);
   EXPECT_FALSE(fs::exists(archivio + "/Garage"));
   EXPECT_EQ(api_elimina_registrazione(una).corpo, (Json{{"status", "success"}}));  // twice is fine
