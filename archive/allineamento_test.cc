@@ -133,11 +133,7 @@ TEST_F(AllineamentoTest, CountOfRowsWithoutFilesFollowsEveryChange) {
   EXPECT_EQ(conta(), 2);
   fs::remove(vecchia + "/10-00-00.mp4");
   EXPECT_EQ(conta(), 3);
-  {
-    Connessione c = _db();
-    c.esegui("DELETE FROM nvr_registrazioni WHERE id=?", {senza});
-    c.commit();
-  }
+  h_.sql("DELETE FROM nvr_registrazioni WHERE id=" + std::to_string(senza));
   EXPECT_EQ(conta(), 2) << "la cartella e' la stessa, le righe no";
   fs::remove_all(archivio_ / "cam");
   EXPECT_EQ(conta(), 3);

@@ -1,4 +1,4 @@
-// The folder rules of the configuration against real mounts and a server user without rights.
+// The folder rules of the configuration for a server user without rights.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -18,7 +18,6 @@ namespace {
 namespace fs = std::filesystem;
 using testing::CartellaAmmessa;
 using testing::HostDiProva;
-using testing::TmpfsIn;
 
 Risposta salva(const Json& corpo) {
   Richiesta r;
@@ -54,20 +53,6 @@ class ApiConfigRootTest : public ::testing::Test {
   HostDiProva h;
   CartellaAmmessa srv;
 };
-
-TEST_F(ApiConfigRootTest, FolderThatCannotBeWrittenNorTakenOverIsRefused) {
-  TmpfsIn sola_lettura(srv / "ro", TmpfsIn::Modo::kSolaLettura);
-  ASSERT_TRUE(sola_lettura.montato());
-  Risposta r = salva(Json{{"cartella", srv / "ro"}, {"destinazione", {{"tipo", "locale"}}}});
-  EXPECT_EQ(r.status, 400);
-  EXPECT_EQ(r.corpo, errore(non_scrivibile(_utente_app().nome)));
-  EXPECT_EQ(leggi_config().cartella, "");
-
-  // A folder not created yet is not probed: creating it is the engine's job.
-  r = salva(Json{{"cartella", srv / "ro/nuova"}, {"destinazione", {{"tipo", "locale"}}}});
-  EXPECT_EQ(r.status, 200) << r.corpo.dump();
-
-}
 
 TEST_F(ApiConfigRootTest, ServerUserThatCannotWriteTheFolderIsNamed) {
   ::chmod(srv.percorso().c_str(), 0755);
