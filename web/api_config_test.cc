@@ -233,6 +233,7 @@ TEST_F(ApiConfigTest, CameraRequests) {
   EXPECT_TRUE(giro_richiesto());
   EXPECT_FALSE(_telecamere()[0].attiva);
   // A post_roll that is no number saves nothing.
+  ASSERT_EQ(camera(Json{{"id", 4}, {"attiva", true}}).status, 200);
   EXPECT_THROW(camera(Json{{"id", 4}, {"attiva", false}, {"post_roll", "tanto"}}),
                std::invalid_argument);
   EXPECT_FALSE(p4->terminato());

@@ -5,7 +5,9 @@
 
 #include <filesystem>
 
+#include "archive/allineamento.h"
 #include "core/config.h"
+#include "core/db.h"
 #include "core/processo.h"
 #include "core/stato.h"
 #include "engine/motore.h"
@@ -69,6 +71,7 @@ TEST_F(EliminaTest, BadSelectionsAndAnAbsentArchiveDeleteNothing) {
     EXPECT_EQ(r.corpo, (Json{{"status", "error"}, {"message", messaggio}}));
   }
   fs::rename(archivio, t / "altrove");
+  azzera_allineamento_per_test();  // look again now
   Risposta r = elimina(Json{{"tutto", true}});
   EXPECT_EQ(r.status, 409);
   EXPECT_EQ(r.corpo["message"], "Unità di archivio non collegata: collegala e riprova.");

@@ -22,6 +22,7 @@ class StatoTest : public ::testing::Test {
     h.aggiungi_camera(1, "Garage", "rtsp://x/1");
     h.aggiungi_camera(2, "Orto", "rtsp://x/2");
     cfg.cartella = t / "archivio";
+    cfg.spazio_min_gb = 0;
     fs::create_directories(cfg.cartella);
   }
 
@@ -35,7 +36,8 @@ class StatoTest : public ::testing::Test {
   // {file, gb, ultimo} of each camera: from the status, and from the rows themselves.
   std::vector<Json> dallo_stato() {
     std::vector<Json> v;
-    for (const Json& cam : stato_generale()["telecamere"])
+    const Json stato = stato_generale();
+    for (const Json& cam : stato["telecamere"])
       v.push_back(Json{cam["file"], cam["gb"], cam["ultimo"]});
     return v;
   }

@@ -12,6 +12,7 @@
 #include "core/stato.h"
 #include "testing/ambiente.h"
 #include "testing/cartella_ammessa.h"
+#include "testing/processi.h"
 #include "testing/stand_in.h"
 
 namespace nvr {
