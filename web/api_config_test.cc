@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
-#include <csignal>
 #include <filesystem>
 #include <optional>
 #include <stdexcept>
@@ -107,25 +106,6 @@ TEST_F(ApiConfigTest, NumbersAreClampedOrRefused) {
   ASSERT_EQ(config(Json::object()).status, 200);
   EXPECT_EQ(leggi_config().segmento_sec, 60);
   EXPECT_EQ(leggi_config().giorni, 365);
-}
-
-TEST_F(ApiConfigTest, SwitchingOffKeepsTheRestAndStopsEveryRecorder) {
-  Config prima = salvata(srv / "archivio", Json{{"tipo", "locale"}});
-  auto p3 = registratore_finto(3);
-  auto p4 = registratore_finto(4);
-  azzera_motore_per_test();
-
-  ::testing::internal::CaptureStdout();
-  Risposta r = config(Json{{"attivo", 0}});
-  EXPECT_EQ(::testing::internal::GetCapturedStdout(),
-            "[NVR] registrazione telecamera 3 fermata (NVR disattivato)\n"
-            "[NVR] registrazione telecamera 4 fermata (NVR disattivato)\n");
-  ASSERT_EQ(r.status, 200);
-  prima.attivo = 0;
-  EXPECT_EQ(leggi_config().come_json(), prima.come_json());
-  EXPECT_EQ(p3->codice(), -SIGINT);
-  EXPECT_TRUE(p4->terminato());
-  EXPECT_TRUE(giro_richiesto());
 }
 
 TEST_F(ApiConfigTest, RefusedFolderAnswers400AndChangesNothing) {

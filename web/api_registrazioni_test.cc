@@ -122,19 +122,5 @@ TEST_F(RegistrazioniTest, VideoIsServedOrNotFound) {
   EXPECT_TRUE(r.file->allegato);
 }
 
-TEST_F(RegistrazioniTest, ArchiveOverviewCountsRowsOfCamerasNoLongerConfigured) {
-  h.imposta_zona("UTC");
-  riga(1, kMaggio + 100, kMaggio + 400, "g1.mp4", 2000000);
-  riga(9, kMaggio, kMaggio - 5, "x.mp4", 1000000, false);
-  Json j = chiama(api_archivio, {}).corpo;
-  EXPECT_EQ(j["totale"], (Json{{"n", 2}, {"gb", 0.0}}));
-  EXPECT_EQ(j["senza_file"], 1);
-  ASSERT_EQ(j["telecamere"].size(), 3u);
-  EXPECT_EQ(j["telecamere"][0]["giorni"],
-            Json::parse(R"([{"giorno": "2024-05-01", "n": 1, "mb": 2, "sec": 300.0}])"));
-  EXPECT_EQ(j["telecamere"][2]["cartella"], "cam_9");
-  EXPECT_EQ(j["telecamere"][2]["sec"], 0.0);  // an end before its start adds nothing
-}
-
 }  // namespace
 }  // namespace nvr
