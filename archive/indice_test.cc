@@ -10,7 +10,6 @@
 #include <filesystem>
 #include <optional>
 #include <set>
-#include <tuple>
 
 #include "core/db.h"
 #include "core/stato.h"
@@ -85,26 +84,20 @@ class IndiceTest : public ::testing::Test {
       if (r.file == file) return r;
     return std::nullopt;
   }
-  std::set<std::string> albero() {
-    std::set<std::string> s;
-    for (const auto& e : fs::recursive_directory_iterator(radice.percorso()))
-      s.insert(e.path().string());
-    return s;
-  }
   // A run after the previous one must find nothing left to do, deep or not.
   void nessun_lavoro_rimasto() {
-    auto indice = [&] {
-      std::vector<std::tuple<CamId, double, double, std::string, std::int64_t, std::string>> t;
+    auto stato = [&] {
+      std::string s;
       for (const RigaIndice& r : righe())
-        t.emplace_back(r.cam_id, r.inizio, r.fine, r.file, r.dimensione, r.motivo);
-      return t;
+        s += r.file + " " + std::to_string(r.inizio) + " " + std::to_string(r.fine) + "\n";
+      for (const auto& e : fs::recursive_directory_iterator(radice.percorso()))
+        s += e.path().string() + "\n";
+      return s;
     };
-    auto prima_righe = indice();
-    auto prima_albero = albero();
+    const std::string prima = stato();
     _indicizza(cfg, cams, true);
     _indicizza(cfg, cams);
-    EXPECT_EQ(indice(), prima_righe);
-    EXPECT_EQ(albero(), prima_albero);
+    EXPECT_EQ(stato(), prima);
   }
 
   HostDiProva host;
@@ -130,13 +123,9 @@ TEST_F(IndiceTest, AgeSizeAndCompletenessDecideEachInProgressFile) {
       {"20240501_120000.mp4", 2048, Moov::inizio, 14, lasciato, "", 0},  // may still be written
       {"20240501_120001.mp4", 2048, Moov::inizio, 16, indicizzato, "12-00-01.mp4", 1714557601},
       {"20240501_120002.mp4", 1023, Moov::inizio, 60, cancellato, "", 0},
-      {"20240501_120003.mp4", 1024, Moov::inizio, 60, indicizzato, "12-00-03.mp4", 1714557603},
       {"20240501_120004.mp4", 200 * 1024, Moov::fine, 60, indicizzato, "12-00-04.mp4", 1714557604},
       {"20240501_120005.mp4", 200 * 1024, Moov::nessuno, 60, cancellato, "", 0},
-      {"20240501_120006.mp4", 10, Moov::nessuno, 5, lasciato, "", 0},
       {"prova.mp4", 10, Moov::nessuno, 60, lasciato, "", 0},  // not a recorder's name
-      {"20240501_250000.mp4", 2048, Moov::inizio, 60, lasciato, "", 0},
-      {"20240501_120007.tmp", 10, Moov::nessuno, 60, lasciato, "", 0},
   };
   for (const Caso& c : casi) segmento(in_corso(c.nome), c.dimensione, c.moov, c.eta);
   _indicizza(cfg, cams);
@@ -149,16 +138,9 @@ TEST_F(IndiceTest, AgeSizeAndCompletenessDecideEachInProgressFile) {
     ++indicizzati;
     std::optional<RigaIndice> r = riga(giorno(c.finale));
     ASSERT_TRUE(r);
-    EXPECT_TRUE(fs::exists(giorno(c.finale)));
-    EXPECT_EQ(r->cam_id, 1);
     EXPECT_DOUBLE_EQ(r->inizio, c.inizio);
-    EXPECT_NEAR(r->fine, _ora() - c.eta, 2.0);
-    EXPECT_EQ(r->dimensione, static_cast<std::int64_t>(c.dimensione));
-    EXPECT_EQ(r->motivo, "");
   }
   EXPECT_EQ(righe().size(), indicizzati);
-  auto nel_giorno = std::distance(fs::directory_iterator(radice / "Garage/2024-05-01"), {});
-  EXPECT_EQ(static_cast<std::size_t>(nel_giorno), indicizzati);
   nessun_lavoro_rimasto();
 }
 
@@ -170,46 +152,13 @@ TEST_F(IndiceTest, EndIsAtLeastOneSecondAfterStart) {
   EXPECT_DOUBLE_EQ(righe()[0].fine, 1714557601);
 }
 
-// Small files with and without "moov" are the in-progress table's; here the edges of a large one.
-TEST(Mp4CompletoTest, MoovAtTheStartOrInTheLastFourMebibytes) {
-  CartellaTemporanea t;
-  const std::size_t MiB = 1024 * 1024;
-  struct Caso {
-    std::size_t dimensione;
-    std::optional<std::size_t> moov;  // offset
-    bool atteso;
-  } casi[] = {
-      {5 * MiB + 100 * 1024, 65532, true},  // the last four bytes of the head
-      {5 * MiB + 100 * 1024, 5 * MiB + 100 * 1024 - 8, true},
-      {5 * MiB + 100 * 1024, 100 * 1024, false},  // neither in the head nor in the tail
-      {0, std::nullopt, false},
-  };
-  for (const Caso& c : casi) {
-    std::string dati(c.dimensione, '\0');
-    if (c.moov) dati.replace(*c.moov, 4, "moov");
-    testing::scrivi_file(t / "f.mp4", dati);
-    EXPECT_EQ(_mp4_completo(t / "f.mp4"), c.atteso) << c.dimensione << " " << c.moov.value_or(0);
-  }
-  EXPECT_FALSE(_mp4_completo(t / "manca.mp4"));
-  fs::create_directory(t / "cartella.mp4");
-  EXPECT_FALSE(_mp4_completo(t / "cartella.mp4"));
-}
-
 TEST_F(IndiceTest, InProgressNamesUseTheMachineClockDayFoldersTheHostZone) {
   host.imposta_zona("America/New_York");
   Zona ny = zona_di("America/New_York");
-  EXPECT_EQ(_inizio_in_corso("20240229_000000.mp4"), 1709161200);
-  for (const char* cattivo : {"20230229_000000.mp4", "20240501_240000.mp4", "20240501_126000.mp4",
-                              "x20240501_120000.mp4", "20240501-120000.mp4", "20240501_120000.MP4"})
-    EXPECT_EQ(_inizio_in_corso(cattivo), std::nullopt) << cattivo;
-
+  EXPECT_EQ(_inizio_in_corso("20230229_000000.mp4"), std::nullopt);
   EXPECT_EQ(_inizio_archiviato("2024-03-10", "12-00-00_12.mp4", ny), 1710086400);
   EXPECT_EQ(_inizio_archiviato("2024-11-03", "01-30-00.mp4", ny), 1730611800);  // first 01:30
-  EXPECT_EQ(_inizio_archiviato("2024-03-10", "12-00-00.mp4", nullptr), 1710068400);
-  for (const char* cattivo : {"12-00-00_.mp4", "12-00-00_a.mp4", "12-60-00.mp4", "12-00-00.mp4x"})
-    EXPECT_EQ(_inizio_archiviato("2024-03-10", cattivo, ny), std::nullopt) << cattivo;
   EXPECT_EQ(_inizio_archiviato("2024-02-30", "12-00-00.mp4", ny), std::nullopt);
-  EXPECT_EQ(_inizio_archiviato("2024-3-10", "12-00-00.mp4", ny), std::nullopt);
 
   // On disk: a segment recorded at 12:00 Rome time is filed at 06:00 in New York; a file found
   // in a New York day folder is dated in New York (EDT already on 10 March).
@@ -223,62 +172,28 @@ TEST_F(IndiceTest, InProgressNamesUseTheMachineClockDayFoldersTheHostZone) {
   std::optional<RigaIndice> adottata = riga(radice / "Garage/2024-03-10/12-00-00.mp4");
   ASSERT_TRUE(adottata);
   EXPECT_DOUBLE_EQ(adottata->inizio, 1710086400);
-  EXPECT_EQ(adottata->motivo, "");
-  nessun_lavoro_rimasto();
 }
 
-TEST_F(IndiceTest, DeepRunAdoptsFinishedDayFolderFilesOfTheCameraAndLegacyFolders) {
+TEST_F(IndiceTest, DeepRunAdoptsFinishedFilesOfTheCameraLegacyAndOrphanFolders) {
   segmento(giorno("12-00-00.mp4"), 2048, Moov::nessuno);
-  segmento(giorno("12-00-01.mp4"), 1000);
   segmento(giorno("12-00-02.mp4"), 2048, Moov::inizio, 5);
-  segmento(giorno("appunti.mp4"), 2048);
   segmento(giorno("12-00-03.mp4"), 2048);
   const std::string legacy = radice / "cam_1/2024-05-01/12-00-00.mp4";
   segmento(legacy, 2048);
   segmento(radice / "cam_1/20240501_130000.mp4", 2048);  // flat legacy files are not adopted
+  const std::string orfano = radice / "cam_7/2024-05-01/12-00-00.mp4";  // camera 7 is not known
+  segmento(orfano, 2048);
+  fs::create_directories(radice / "cam_-8");
   _indicizza(cfg, cams, true);
 
   std::vector<std::pair<std::string, CamId>> adottati;
   for (const RigaIndice& r : righe()) adottati.emplace_back(r.file, r.cam_id);
-  EXPECT_EQ(adottati, (std::vector<std::pair<std::string, CamId>>{{giorno("12-00-03.mp4"), 1},
-                                                                  {legacy, 1}}));
-  EXPECT_DOUBLE_EQ(riga(legacy)->inizio, 1714557600);
-  for (const char* n : {"12-00-00.mp4", "12-00-01.mp4", "12-00-02.mp4", "appunti.mp4"})
+  EXPECT_EQ(adottati, (std::vector<std::pair<std::string, CamId>>{
+                          {giorno("12-00-03.mp4"), 1}, {legacy, 1}, {orfano, 7}}));
+  ASSERT_EQ(cams.size(), 2u);
+  for (const char* n : {"12-00-00.mp4", "12-00-02.mp4"})
     EXPECT_TRUE(fs::exists(giorno(n))) << n;  // unfinished day-folder files are left alone
   EXPECT_TRUE(fs::exists(radice / "cam_1/20240501_130000.mp4"));
-  nessun_lavoro_rimasto();
-}
-
-TEST_F(IndiceTest, OrphanCameraFolderIsAdopted) {
-  segmento(radice / "cam_7/2024-05-01/12-00-00.mp4", 2048);
-  testing::scrivi_file(radice / "cam_8", "not a folder");
-  fs::create_directories(radice / "cam_x");
-  fs::create_directories(radice / "cam_07");  // the same camera 7 once more
-  fs::create_directories(radice / "cam_-8");
-  fs::create_directories(radice / "cam_");
-  fs::create_directories(radice / "cam_1");  // camera 1 is configured
-  _indicizza(cfg, cams, true);
-
-  ASSERT_EQ(cams.size(), 2u);
-  EXPECT_EQ(cams[1].id, 7);
-  ASSERT_EQ(righe().size(), 1u);
-  EXPECT_EQ(righe()[0].cam_id, 7);
-  EXPECT_EQ(righe()[0].file, radice / "cam_7/2024-05-01/12-00-00.mp4");
-  EXPECT_FALSE(fs::exists(radice / "cam_1"));  // an empty legacy folder goes
-  nessun_lavoro_rimasto();
-}
-
-TEST_F(IndiceTest, SameSecondGetsASuffix) {
-  segmento(giorno("12-00-00.mp4"), 2048);  // already in the archive, without a row
-  segmento(in_corso("20240501_120000.mp4"), 3000);
-  segmento(radice / "Vecchio/in_corso/20240501_120000.mp4", 4000);
-  aggiungi_in_corso_precedente(1, radice / "Vecchio/in_corso");
-  _indicizza(cfg, cams, true);
-
-  ASSERT_EQ(righe().size(), 3u);
-  EXPECT_EQ(riga(giorno("12-00-00_1.mp4"))->dimensione, 3000);
-  EXPECT_EQ(riga(giorno("12-00-00_2.mp4"))->dimensione, 4000);
-  for (const RigaIndice& r : righe()) EXPECT_DOUBLE_EQ(r.inizio, 1714557600) << r.file;
   nessun_lavoro_rimasto();
 }
 
@@ -286,22 +201,13 @@ TEST_F(IndiceTest, FailedMoveIsIndexedInPlaceLoggedOnceRetriedOnDeepRuns) {
   testing::scrivi_file(radice / "Garage/2024-05-01", "a file where the day folder goes");
   const std::string p = in_corso("20240501_120000.mp4");
   segmento(p, 2048);
-  auto segnalazioni = [&](auto&& giri) {
-    ::testing::internal::CaptureStdout();
-    giri();
-    std::string uscita = ::testing::internal::GetCapturedStdout();
-    std::size_t volte = 0;
-    for (auto i = uscita.find(" non spostato in "); i != std::string::npos;
-         i = uscita.find(" non spostato in ", i + 1))
-      ++volte;
-    return volte;
-  };
-  EXPECT_EQ(segnalazioni([&] {
-              _indicizza(cfg, cams);
-              _indicizza(cfg, cams);
-              _indicizza(cfg, cams, true);
-            }),
-            1u);
+  ::testing::internal::CaptureStdout();
+  _indicizza(cfg, cams);
+  _indicizza(cfg, cams, true);
+  std::string uscita = ::testing::internal::GetCapturedStdout();
+  auto prima = uscita.find(" non spostato in ");
+  EXPECT_NE(prima, std::string::npos);
+  EXPECT_EQ(uscita.find(" non spostato in ", prima + 1), std::string::npos) << "una volta sola";
   ASSERT_EQ(righe().size(), 1u);
   EXPECT_EQ(righe()[0].file, p);
   EXPECT_TRUE(fs::exists(p));
@@ -313,47 +219,19 @@ TEST_F(IndiceTest, FailedMoveIsIndexedInPlaceLoggedOnceRetriedOnDeepRuns) {
   _indicizza(cfg, cams, true);
   ASSERT_EQ(righe().size(), 1u);
   EXPECT_EQ(righe()[0].file, giorno("12-00-00.mp4"));
-  EXPECT_DOUBLE_EQ(righe()[0].inizio, 1714557600);
-  EXPECT_FALSE(fs::exists(p));
   EXPECT_FALSE(non_spostabile(p));
-  nessun_lavoro_rimasto();
 }
 
+// The recorder's folder is named through a symbolic link: its newest file is still its own.
 TEST_F(IndiceTest, NewestFileOfTheRunningRecorderIsLeftAlone) {
-  struct Caso {
-    std::string cartella_registratore;
-    bool ultimo_lasciato;
-  } casi[] = {
-      {radice / "collegamento/in_corso", true},  // the same folder through a symbolic link
-      {radice / "Altra/in_corso", false},
-  };
   fs::create_directories(radice / "Garage");
   fs::create_directory_symlink(radice / "Garage", radice / "collegamento");
-  for (const Caso& c : casi) {
-    SCOPED_TRACE(c.cartella_registratore);
-    host.sql("DELETE FROM nvr_registrazioni");
-    for (const char* n : {"20240501_120000.mp4", "20240501_120100.mp4", "20240501_120200.mp4"})
-      segmento(in_corso(n), 2048);
-    _indicizza(cfg, cams, false, {{1, {c.cartella_registratore, "evento"}}});
-    EXPECT_EQ(fs::exists(in_corso("20240501_120200.mp4")), c.ultimo_lasciato);
-    EXPECT_EQ(righe().size(), c.ultimo_lasciato ? 2u : 3u);
-    for (const RigaIndice& r : righe()) EXPECT_EQ(r.motivo, "evento");
-    fs::remove_all(radice / "Garage");
-    fs::create_directories(radice / "Garage");
-  }
-}
-
-TEST_F(IndiceTest, AtMostThreeHundredFilesPerCameraAndRun) {
-  for (int i = 0; i < 301; ++i) {
-    char nome[32];
-    std::snprintf(nome, sizeof nome, "20240501_12%02d%02d.mp4", i / 60, i % 60);
-    segmento(in_corso(nome), 1024);
-  }
-  _indicizza(cfg, cams);
-  EXPECT_EQ(righe().size(), 300u);
-  EXPECT_TRUE(fs::exists(in_corso("20240501_120500.mp4")));  // the 301st by name
-  _indicizza(cfg, cams);
-  EXPECT_EQ(righe().size(), 301u);
+  for (const char* n : {"20240501_120000.mp4", "20240501_120100.mp4", "20240501_120200.mp4"})
+    segmento(in_corso(n), 2048);
+  _indicizza(cfg, cams, false, {{1, {radice / "collegamento/in_corso", "evento"}}});
+  EXPECT_TRUE(fs::exists(in_corso("20240501_120200.mp4")));
+  EXPECT_EQ(righe().size(), 2u);
+  for (const RigaIndice& r : righe()) EXPECT_EQ(r.motivo, "evento");
 }
 
 TEST_F(IndiceTest, RowsAreWrittenInBatchesOfTwentyFiveAndFailuresPropagate) {
@@ -379,14 +257,12 @@ TEST_F(IndiceTest, EarlierInProgressFoldersAreDrainedAndRemoved) {
   const std::string vuotata = radice / "Vecchio/in_corso";
   const std::string giovane = radice / "Giovane/in_corso";
   segmento(vuotata + "/20240501_120000.mp4", 2048);
-  segmento(vuotata + "/20240501_120100.mp4", 10, Moov::nessuno);  // a fragment: deleted
   segmento(giovane + "/20240501_120200.mp4", 2048, Moov::inizio, 3);
   for (const std::string& c : {vuotata, giovane, radice / "Sparita/in_corso"})
     aggiungi_in_corso_precedente(1, c);
   _indicizza(cfg, cams);
 
   EXPECT_TRUE(riga(giorno("12-00-00.mp4")));
-  EXPECT_EQ(righe().size(), 1u);
   EXPECT_FALSE(fs::exists(radice / "Vecchio"));  // its camera folder was left empty too
   EXPECT_TRUE(fs::exists(giovane + "/20240501_120200.mp4"));
   EXPECT_EQ(in_corso_precedenti(1), std::set<std::string>{giovane});

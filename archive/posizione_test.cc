@@ -1,15 +1,10 @@
 #include "archive/posizione.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <ctime>
 #include <filesystem>
-#include <mutex>
-#include <optional>
 
 #include "core/stato.h"
-#include "core/tempo.h"
 #include "testing/ambiente.h"
 #include "testing/processi.h"
 
@@ -29,35 +24,21 @@ Camera camera(CamId id, const std::string& nome) {
   return c;
 }
 
-std::tm ore(int anno, int mese, int giorno, int h, int m, int s) {
-  std::tm t{};
-  t.tm_year = anno - 1900;
-  t.tm_mon = mese - 1;
-  t.tm_mday = giorno;
-  t.tm_hour = h;
-  t.tm_min = m;
-  t.tm_sec = s;
-  return t;
-}
-
 class PosizioneTest : public ::testing::Test {
  protected:
   void SetUp() override { h.imposta_zona("Europe/Rome"); }
 
   // 2024-05-01 23:59:58.9 in Rome (21:59:58.9 UTC): the last seconds of the day.
-  double quasi_mezzanotte() {
-    return epoch_di(ore(2024, 5, 1, 23, 59, 58), zona_di("Europe/Rome")) + 0.9;
-  }
+  double quasi_mezzanotte() { return 1714600798.9; }
 
   HostDiProva h;
   CartellaTemporanea radice;
 };
 
-TEST_F(PosizioneTest, CameraFolderNames) {
-  const std::vector<Camera> cams = {
-      camera(3, "Garage"), camera(7, "garage"),   camera(8, "Porta d'ingresso"),
-      camera(9, ""),       camera(10, "///"),     camera(11, "unita"),
-      camera(12, "  "),    camera(13, "Cucina!"), camera(14, "Cucina")};
+TEST_F(PosizioneTest, CameraFolderNamesAreSafeAndApart) {
+  const std::vector<Camera> cams = {camera(3, "Garage"), camera(7, "garage"),
+                                    camera(8, "Porta d'ingresso"), camera(10, "///"),
+                                    camera(13, "Cucina!"), camera(14, "Cucina")};
   struct Caso {
     Camera cam;
     std::vector<Camera> cams;
@@ -65,15 +46,10 @@ TEST_F(PosizioneTest, CameraFolderNames) {
   };
   const Caso casi[] = {
       {cams[0], cams, "Garage_3"},
-      {cams[1], cams, "garage_7"},
       {cams[0], {cams[0], cams[2]}, "Garage"},
       {cams[2], cams, "Porta_d_ingresso"},
-      // Nothing usable in the name: the id keeps the cameras apart, no clash suffix added.
-      {cams[3], cams, "telecamera_9"},
-      {cams[5], cams, "telecamera_11"},
-      // Different display names, same safe name.
-      {cams[7], cams, "Cucina_13"},
-      {cams[8], cams, "Cucina_14"},
+      {cams[3], cams, "telecamera_10"},  // nothing usable in the name
+      {cams[4], cams, "Cucina_13"},      // different display names, same safe name
       // Only another id counts as a clash, not the camera's own older record.
       {camera(3, "Garage"), {camera(3, "garage")}, "Garage"},
   };
@@ -81,30 +57,6 @@ TEST_F(PosizioneTest, CameraFolderNames) {
     SCOPED_TRACE(c.cam.nome + " #" + std::to_string(c.cam.id));
     EXPECT_EQ(_nome_cartella_cam(c.cam, c.cams), c.atteso);
   }
-
-  Config cfg;
-  cfg.cartella = "/srv/nvr/";
-  EXPECT_EQ(_cartella_camera(cfg, cams[0], cams), "/srv/nvr/Garage_3");
-  cfg.cartella = "/srv/nvr";
-  EXPECT_EQ(_cartella_in_corso(cfg, cams[2], cams), "/srv/nvr/Porta_d_ingresso/in_corso");
-}
-
-TEST_F(PosizioneTest, DayAndTimeFollowTheHostZone) {
-  const double ts = quasi_mezzanotte();
-  EXPECT_EQ(_giorno_di(ts), std::make_pair(std::string("2024-05-01"), std::string("23-59-58")));
-  h.imposta_zona("Asia/Tokyo");
-  EXPECT_EQ(_giorno_di(ts), std::make_pair(std::string("2024-05-02"), std::string("06-59-58")));
-
-  // Without a host zone the machine's own local time applies.
-  h.imposta_zona(std::nullopt);
-  std::pair<std::string, std::string> locale;
-  {
-    testing::VariabileDiProva tz("TZ", "America/New_York");
-    ::tzset();
-    locale = _giorno_di(ts);
-  }
-  ::tzset();
-  EXPECT_EQ(locale, std::make_pair(std::string("2024-05-01"), std::string("17-59-58")));
 }
 
 // Moved (after midnight, as it happens) into the day of its start; segments of the same second
@@ -112,24 +64,23 @@ TEST_F(PosizioneTest, DayAndTimeFollowTheHostZone) {
 TEST_F(PosizioneTest, SegmentsAreMovedIntoTheDayOfTheirStartUnderFreeNames) {
   const std::string cam = radice / "Garage";
   const double inizio = quasi_mezzanotte();
-  const char* attesi[] = {"23-59-58.mp4", "23-59-58_1.mp4", "23-59-58_2.mp4"};
+  const char* attesi[] = {"23-59-58.mp4", "23-59-58_1.mp4"};
   ::testing::internal::CaptureStdout();
-  for (int i = 0; i < 3; ++i) {
+  for (int i = 0; i < 2; ++i) {
     std::string sorgente = cam + "/in_corso/seg" + std::to_string(i) + ".mp4";
     scrivi_file(sorgente, std::to_string(i));
-    EXPECT_EQ(_destinazione_spezzone(cam, inizio), cam + "/2024-05-01/" + attesi[i]);
     auto dove = _sposta_spezzone(sorgente, cam, inizio);
     ASSERT_TRUE(dove);
     EXPECT_EQ(*dove, cam + "/2024-05-01/" + attesi[i]);
     EXPECT_FALSE(fs::exists(sorgente));
   }
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
-  for (int i = 0; i < 3; ++i)
+  for (int i = 0; i < 2; ++i)
     EXPECT_EQ(leggi_file(cam + "/2024-05-01/" + attesi[i]), std::to_string(i));  // none overwritten
 
   // A folder standing at a name takes it as much as a file does.
-  fs::create_directories(cam + "/2024-05-01/23-59-58_3.mp4");
-  EXPECT_EQ(_destinazione_spezzone(cam, inizio), cam + "/2024-05-01/23-59-58_4.mp4");
+  fs::create_directories(cam + "/2024-05-01/23-59-58_2.mp4");
+  EXPECT_EQ(_destinazione_spezzone(cam, inizio), cam + "/2024-05-01/23-59-58_3.mp4");
 }
 
 TEST_F(PosizioneTest, UnmovableSegmentStaysAndIsReportedOnce) {
@@ -150,34 +101,9 @@ TEST_F(PosizioneTest, UnmovableSegmentStaysAndIsReportedOnce) {
   segna_non_spostabile(sorgente, true);
   ::testing::internal::CaptureStdout();
   EXPECT_EQ(_sposta_spezzone(sorgente, cam, quasi_mezzanotte()), sorgente);
+  // A segment that vanished is reported as gone, in silence too.
+  EXPECT_EQ(_sposta_spezzone(cam + "/in_corso/sparito.mp4", cam, 0), std::nullopt);
   EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
-}
-
-TEST_F(PosizioneTest, VanishedSegmentIsReportedAsGone) {
-  const std::string cam = radice / "Garage";
-  ::testing::internal::CaptureStdout();
-  EXPECT_EQ(_sposta_spezzone(cam + "/in_corso/20240501_120000.mp4", cam, quasi_mezzanotte()),
-            std::nullopt);
-  EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
-}
-
-TEST_F(PosizioneTest, ArchiveGoneFromUnderTheMoveKeepsTheSegment) {
-  // The archive is given relative to a working folder that no longer exists, so creating the
-  // day folder really fails with "not found" while the segment itself is still there.
-  const std::string sorgente = radice / "in_corso/20240501_120000.mp4";
-  scrivi_file(sorgente, "x");
-  const fs::path prima = fs::current_path();
-  std::optional<CartellaTemporanea> sparita(std::in_place);
-  fs::current_path(sparita->percorso());
-  sparita.reset();
-
-  ::testing::internal::CaptureStdout();
-  auto dove = _sposta_spezzone(sorgente, "Garage", quasi_mezzanotte());
-  std::string uscita = ::testing::internal::GetCapturedStdout();
-  fs::current_path(prima);
-  EXPECT_EQ(dove, sorgente);
-  EXPECT_EQ(uscita, "");  // not worth a message: the next pass tries again
-  EXPECT_TRUE(fs::exists(sorgente));
 }
 
 TEST_F(PosizioneTest, EmptyFoldersAreTidiedUpToTheRoot) {
@@ -202,16 +128,8 @@ TEST_F(PosizioneTest, EmptyFoldersAreTidiedUpToTheRoot) {
         "arch/Garage");
   prova("the camera folder keeps its in_corso", {"arch/Garage/2024-05-01", "arch/Garage/in_corso"},
         {}, file, "arch/Garage/in_corso", "arch/Garage/2024-05-01");
-  prova("a file right in the root", {"arch"}, {}, "arch/12-00-00.mp4", "arch", "");
-  prova("an emptied in_corso is never removed", {"arch/Garage/in_corso"}, {},
-        "arch/Garage/in_corso/20240501_120000.mp4", "arch/Garage/in_corso", "");
   prova("a sibling whose name starts like the root is outside", {"arch", "arch2/Garage/2024-05-01"},
         {}, "arch2/Garage/2024-05-01/12-00-00.mp4", "arch2/Garage/2024-05-01", "");
-  prova("root given through a symbolic link", {"dischi/arch/Garage/2024-05-01"},
-        {"arch", "dischi/arch"}, "dischi/" + file, "dischi/arch", "dischi/arch/Garage");
-  prova("file given through a symbolic link", {"arch/Garage/2024-05-01"},
-        {"scorciatoia", "arch/Garage"}, "scorciatoia/2024-05-01/12-00-00.mp4", "arch",
-        "arch/Garage");
   prova("a camera folder linked to elsewhere is outside", {"arch", "altrove/2024-05-01"},
         {"arch/Garage", "altrove"}, file, "altrove/2024-05-01", "");
   prova("a root that does not exist", {"Garage/2024-05-01"}, {}, "Garage/2024-05-01/12-00-00.mp4",

@@ -1,4 +1,4 @@
-// The folder rules of the configuration against real mounts and a server user without rights.
+// The folder rules of the configuration for a server user without rights.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -10,7 +10,6 @@
 #include "testing/ambiente.h"
 #include "testing/cartella_ammessa.h"
 #include "testing/sonda.h"
-#include "testing/stand_in.h"
 #include "web/api_config.h"
 
 namespace nvr {
@@ -18,9 +17,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using testing::CartellaAmmessa;
-using testing::Controfigure;
 using testing::HostDiProva;
-using testing::TmpfsIn;
 
 Risposta salva(const Json& corpo) {
   Richiesta r;
@@ -56,31 +53,6 @@ class ApiConfigRootTest : public ::testing::Test {
   HostDiProva h;
   CartellaAmmessa srv;
 };
-
-TEST_F(ApiConfigRootTest, FolderThatCannotBeWrittenNorTakenOverIsRefused) {
-  TmpfsIn sola_lettura(srv / "ro", TmpfsIn::Modo::kSolaLettura);
-  ASSERT_TRUE(sola_lettura.montato());
-  Risposta r = salva(Json{{"cartella", srv / "ro"}, {"destinazione", {{"tipo", "locale"}}}});
-  EXPECT_EQ(r.status, 400);
-  EXPECT_EQ(r.corpo, errore(non_scrivibile(_utente_app().nome)));
-  EXPECT_EQ(leggi_config().cartella, "");
-
-  // A folder not created yet is not probed: creating it is the engine's job.
-  r = salva(Json{{"cartella", srv / "ro/nuova"}, {"destinazione", {{"tipo", "locale"}}}});
-  EXPECT_EQ(r.status, 200) << r.corpo.dump();
-
-  // A drive keeps the owner its mount options give: it is not taken over, nor refused here.
-  Controfigure cf;
-  cf.lsblk_fisso(R"({"blockdevices": [
-    {"name": "sdz1", "path": "/dev/sdz1", "size": 1000000, "type": "part", "rm": true,
-     "mountpoint": ")" +
-                 srv / "ro" + R"(", "label": "RO", "fstype": "vfat", "uuid": "RO-1",
-     "partuuid": null, "tran": "usb", "hotplug": true, "model": null, "vendor": null}
-  ]})");
-  r = salva(Json{{"cartella", srv / "ro"}, {"destinazione", {{"tipo", "usb"}, {"uuid", "RO-1"}}}});
-  EXPECT_EQ(r.status, 200) << r.corpo.dump();
-  EXPECT_EQ(leggi_config().destinazione["mountpoint"], srv / "ro");
-}
 
 TEST_F(ApiConfigRootTest, ServerUserThatCannotWriteTheFolderIsNamed) {
   ::chmod(srv.percorso().c_str(), 0755);

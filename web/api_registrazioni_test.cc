@@ -1,18 +1,13 @@
 #include "web/api_registrazioni.h"
 
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <time.h>
 
-#include <algorithm>
 #include <filesystem>
-#include <set>
 
 #include "archive/allineamento.h"
 #include "core/config.h"
 #include "core/db.h"
 #include "core/stato.h"
-#include "engine/registratori.h"
 #include "core/tempo.h"
 #include "testing/ambiente.h"
 
@@ -27,10 +22,6 @@ constexpr double kMaggio = 1714521600.0;  // 2024-05-01 00:00:00 UTC
 class RegistrazioniTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    const char* tz = std::getenv("TZ");
-    tz_ = tz ? std::optional<std::string>(tz) : std::nullopt;
-    ::setenv("TZ", "UTC", 1);  // the days list uses the machine's local dates
-    ::tzset();
     h.imposta_zona("Europe/Rome");
     _init_db();
     h.aggiungi_camera(1, "Garage", "rtsp://x/1");
@@ -39,11 +30,6 @@ class RegistrazioniTest : public ::testing::Test {
     cfg.cartella = archivio;
     _salva_config(cfg);
   }
-  void TearDown() override {
-    tz_ ? ::setenv("TZ", tz_->c_str(), 1) : ::unsetenv("TZ");
-    ::tzset();
-  }
-
   std::int64_t riga(CamId cam, double inizio, double fine, const std::string& nome,
                     std::int64_t dimensione = 1234567, bool con_file = true) {
     std::string file = archivio + "/" + nome;
@@ -67,7 +53,6 @@ class RegistrazioniTest : public ::testing::Test {
     return f(r);
   }
 
-  std::optional<std::string> tz_;
   HostDiProva h;
   testing::CartellaTemporanea t;
   std::string archivio = t / "archivio";
@@ -80,43 +65,20 @@ TEST_F(RegistrazioniTest, DayRangesFollowTheHostZone) {
   auto [c, d] = *_intervallo_giorno("2024-10-27");
   EXPECT_EQ(d - c, 25 * 3600);
   EXPECT_FALSE(_intervallo_giorno("2024-02-30"));
-  h.imposta_zona(std::nullopt);  // machine time (UTC here)
-  EXPECT_EQ(_intervallo_giorno("2024-05-01")->first, kMaggio);
 }
 
 TEST_F(RegistrazioniTest, OneCamerasDay) {
   double mezzanotte = _intervallo_giorno("2024-05-01")->first;  // Rome
   riga(1, mezzanotte - 60, mezzanotte + 60, "Garage/2024-04-30/23-59-00.mp4");
-  std::int64_t id =
-      riga(1, mezzanotte + 3600, mezzanotte + 3899.5, "Garage/2024-05-01/01-00-00.mp4");
+  riga(1, mezzanotte + 3600, mezzanotte + 3899.5, "Garage/2024-05-01/01-00-00.mp4");
   riga(1, mezzanotte + 7200, mezzanotte + 7500, "Garage/2024-05-01/02-00-00.mp4", 10, false);
-  riga(3, mezzanotte + 3600, mezzanotte + 3900, "Orto/2024-05-01/01-00-00.mp4");
-  h.sql("INSERT INTO nvr_eventi (cam_id, ts, entity_id, stato) VALUES (1, " +
-        std::to_string(mezzanotte + 10) + ", 'binary_sensor.porta', 'on')");
-  Registratore finto;
-  finto.da = 1714550000.5;
-  finto.motivo = "orario";
-  adotta_registratore(1, finto);
-
   Risposta r = chiama(api_registrazioni, {{"cam", "1"}, {"giorno", "2024-05-01"}});
   ASSERT_EQ(r.status, 200);
-  const Json& j = r.corpo;
-  EXPECT_EQ(j["inizio_giorno"], mezzanotte);
-  EXPECT_EQ(j["fine_giorno"], mezzanotte + 86400);
-  EXPECT_EQ(j["archivio_ok"], true);
+  EXPECT_EQ(r.corpo["archivio_ok"], true);
   // The segment across midnight is listed with its real start; the one whose file is gone is not.
-  ASSERT_EQ(j["registrazioni"].size(), 2u);
-  EXPECT_EQ(j["registrazioni"][0]["inizio"], mezzanotte - 60);
-  EXPECT_EQ(j["registrazioni"][1], (Json{{"id", id},
-                                         {"inizio", mezzanotte + 3600},
-                                         {"fine", mezzanotte + 3899.5},
-                                         {"durata", 300},  // 299.5 rounds to the even neighbour
-                                         {"mb", 1.2},
-                                         {"motivo", "orario"},
-                                         {"url", "/api/nvr/video/" + std::to_string(id)}}));
-  EXPECT_EQ(j["eventi"], Json::parse(R"([{"ts": )" + Json(mezzanotte + 10).dump() +
-                                     R"(, "entita": "binary_sensor.porta", "stato": "on"}])"));
-  EXPECT_EQ(j["in_corso"], (Json{{"da", 1714550000.5}, {"motivo", "orario"}}));
+  ASSERT_EQ(r.corpo["registrazioni"].size(), 2u);
+  EXPECT_EQ(r.corpo["registrazioni"][0]["inizio"], mezzanotte - 60);
+  EXPECT_EQ(r.corpo["registrazioni"][1]["durata"], 300);  // 299.5 rounds to the even neighbour
 
   // With the archive gone, rows are listed as they are and the answer says so.
   fs::rename(archivio, t / "via");
@@ -126,74 +88,38 @@ TEST_F(RegistrazioniTest, OneCamerasDay) {
   EXPECT_EQ(senza.corpo["registrazioni"].size(), 3u);
 }
 
-TEST_F(RegistrazioniTest, BadQueriesAndToday) {
-  EXPECT_EQ(chiama(api_registrazioni, {{"cam", "abc"}}).corpo,
-            (Json{{"status", "error"}, {"message", "Telecamera non valida"}}));
-  EXPECT_EQ(chiama(api_registrazioni, {{"cam", ""}}).status, 400);
-  EXPECT_EQ(chiama(api_registrazioni, {{"cam", "1"}, {"giorno", "2024-02-30"}}).corpo,
-            (Json{{"status", "error"}, {"message", "Giorno non valido"}}));
-  EXPECT_EQ(chiama(api_registrazioni, {{"giorno", "../../etc"}}).status, 400);
-  Risposta oggi = chiama(api_registrazioni, {});
-  EXPECT_EQ(oggi.status, 200);
-  EXPECT_EQ(oggi.corpo["giorno"], formatta(scomponi(_ora(), zona_di("Europe/Rome")), "%Y-%m-%d"));
-  EXPECT_EQ(oggi.corpo["in_corso"], Json());
+TEST_F(RegistrazioniTest, BadQueriesAreRefused) {
+  struct Caso {
+    std::map<std::string, std::string> query;
+    const char* messaggio;
+  };
+  const Caso casi[] = {
+      {{{"cam", "abc"}}, "Telecamera non valida"},
+      {{{"cam", "1"}, {"giorno", "2024-02-30"}}, "Giorno non valido"},
+      {{{"giorno", "../../etc"}}, "Giorno non valido"},
+  };
+  for (const Caso& c : casi) {
+    Risposta r = chiama(api_registrazioni, c.query);
+    EXPECT_EQ(r.status, 400);
+    EXPECT_EQ(r.corpo, (Json{{"status", "error"}, {"message", c.messaggio}}));
+  }
 }
 
-TEST_F(RegistrazioniTest, DaysOfOneCameraOrOfAll) {
-  riga(1, kMaggio + 10, kMaggio + 70, "a.mp4", 1, false);
-  riga(3, kMaggio + 86400, kMaggio + 86460, "b.mp4", 1, false);
-  const Json tutti = {{"giorni", {"2024-05-01", "2024-05-02"}}};
-  EXPECT_EQ(chiama(api_giorni, {}).corpo, tutti);
-  EXPECT_EQ(chiama(api_giorni, {{"cam", "zzz"}}).corpo, tutti);  // not a number: every camera
-  EXPECT_EQ(chiama(api_giorni, {{"cam", "3"}}).corpo, (Json{{"giorni", {"2024-05-02"}}}));
-}
-
-TEST_F(RegistrazioniTest, VideoIsServedWithRangesOrNotFound) {
+TEST_F(RegistrazioniTest, VideoIsServedOrNotFound) {
   std::int64_t id = riga(1, kMaggio, kMaggio + 60, "Garage/2024-05-01/02-00-00.mp4", 5000);
   std::int64_t via = riga(1, kMaggio, kMaggio + 60, "Garage/2024-05-01/03-00-00.mp4", 10, false);
+  std::int64_t cartella = riga(1, kMaggio, kMaggio + 60, "cartella.mp4", 10, false);
+  fs::create_directories(archivio + "/cartella.mp4");  // not a regular file
   for (auto rid : {std::optional<std::int64_t>(9999), std::optional<std::int64_t>(via),
-                   std::optional<std::int64_t>()}) {
+                   std::optional<std::int64_t>(cartella), std::optional<std::int64_t>()}) {
     Risposta r = chiama(api_video, {}, rid);
     EXPECT_EQ(r.status, 404);
     EXPECT_EQ(r.corpo, (Json{{"status", "error"}, {"message", "Registrazione non trovata"}}));
   }
-  fs::create_directories(archivio + "/cartella.mp4");
-  h.sql("UPDATE nvr_registrazioni SET file='" + archivio +
-        "/cartella.mp4' WHERE id=" + std::to_string(via));
-  EXPECT_EQ(chiama(api_video, {}, via).status, 404);  // not a regular file
-
-  Risposta r = chiama(api_video, {}, id);
+  Risposta r = chiama(api_video, {{"scarica", "1"}}, id);
   ASSERT_TRUE(r.file);
   EXPECT_EQ(r.file->percorso, archivio + "/Garage/2024-05-01/02-00-00.mp4");
-  EXPECT_EQ(r.file->tipo, "video/mp4");
-  EXPECT_FALSE(r.file->allegato);
-  EXPECT_EQ(r.file->nome_download, "02-00-00.mp4");
-  EXPECT_TRUE(chiama(api_video, {{"scarica", "1"}}, id).file->allegato);
-  EXPECT_FALSE(chiama(api_video, {{"scarica", "true"}}, id).file->allegato);
-}
-
-TEST_F(RegistrazioniTest, ArchiveOverviewPerCameraAndDay) {
-  h.imposta_zona("UTC");
-  riga(1, kMaggio + 100, kMaggio + 400, "g1.mp4", 2000000);
-  riga(1, kMaggio + 86400, kMaggio + 86400 + 60, "g2.mp4", 500000);
-  riga(9, kMaggio, kMaggio - 5, "x.mp4", 1000000, false);  // camera no longer configured
-  Json j = chiama(api_archivio, {}).corpo;
-  EXPECT_EQ(j["archivio_ok"], true);
-  EXPECT_EQ(j["totale"], (Json{{"n", 3}, {"gb", 0.0}}));
-  EXPECT_EQ(j["senza_file"], 1);
-  ASSERT_EQ(j["telecamere"].size(), 3u);
-  EXPECT_EQ(j["telecamere"][0],
-            Json::parse(R"({"id": 1, "nome": "Garage", "presente": true, "n": 2, "gb": 0.0,
-              "sec": 360.0, "cartella": "Garage", "giorni": [
-              {"giorno": "2024-05-02", "n": 1, "mb": 0, "sec": 60.0},
-              {"giorno": "2024-05-01", "n": 1, "mb": 2, "sec": 300.0}]})"));
-  EXPECT_EQ(j["telecamere"][1],
-            Json::parse(R"({"id": 3, "nome": "Orto", "presente": true, "n": 0, "gb": 0.0,
-              "sec": 0.0, "cartella": "Orto", "giorni": []})"));
-  EXPECT_EQ(j["telecamere"][2]["nome"], "Telecamera 9");
-  EXPECT_EQ(j["telecamere"][2]["cartella"], "cam_9");
-  EXPECT_EQ(j["telecamere"][2]["presente"], false);
-  EXPECT_EQ(j["telecamere"][2]["sec"], 0.0);  // an end before its start adds nothing
+  EXPECT_TRUE(r.file->allegato);
 }
 
 }  // namespace

@@ -37,39 +37,33 @@ void gestore_precedente(int sig) {
   ::_exit(7);
 }
 
-void attacca_con_segnali_veri(HostWeb& w, const std::string& traccia) {
-  w.host->installa_sigterm = installa_sigterm_nativo;
-  w.host->registra_uscita = registra_uscita_nativa;
-  collega(w.host);
-  auto p = registratore_finto(traccia);
-  Registratore r;
-  r.proc = p;
-  adotta_registratore(1, r);
-  std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the trap is in place
-  ::raise(SIGTERM);
-  std::this_thread::sleep_for(std::chrono::seconds(30));
-}
-
 // In a new process: attaches with the real SIGTERM handling (after installing a previous handler
 // that exits with 7, if asked), and checks the recorder saw SIGINT before the process ended.
-void ferma_su_sigterm(bool con_precedente) {
+TEST(SigtermTest, StopsRecordersThenExitsOrRunsThePreviousHandler) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  // A fixed path: the death test runs this body again in a new process.
-  std::string traccia = "/tmp/nvr_prova_sigterm_" + std::to_string(con_precedente);
-  std::filesystem::remove(traccia);
-  EXPECT_EXIT(
-      {
-        if (con_precedente) ::signal(SIGTERM, gestore_precedente);
-        HostWeb w;
-        attacca_con_segnali_veri(w, traccia);
-      },
-      ::testing::ExitedWithCode(con_precedente ? 7 : 0), "");
-  EXPECT_EQ(testing::leggi_file(traccia), "INT\n");
-  std::filesystem::remove(traccia);
+  for (bool con_precedente : {false, true}) {
+    // A fixed path: the death test runs this body again in a new process.
+    std::string traccia = "/tmp/nvr_prova_sigterm_" + std::to_string(con_precedente);
+    std::filesystem::remove(traccia);
+    EXPECT_EXIT(
+        {
+          if (con_precedente) ::signal(SIGTERM, gestore_precedente);
+          HostWeb w;
+          w.host->installa_sigterm = installa_sigterm_nativo;
+          w.host->registra_uscita = registra_uscita_nativa;
+          collega(w.host);
+          Registratore r;
+          r.proc = registratore_finto(traccia);
+          adotta_registratore(1, r);
+          std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the trap is in place
+          ::raise(SIGTERM);
+          std::this_thread::sleep_for(std::chrono::seconds(30));
+        },
+        ::testing::ExitedWithCode(con_precedente ? 7 : 0), "");
+    EXPECT_EQ(testing::leggi_file(traccia), "INT\n");
+    std::filesystem::remove(traccia);
+  }
 }
-
-TEST(SigtermTest, StopsRecordersThenExitsWithZero) { ferma_su_sigterm(false); }
-TEST(SigtermTest, StopsRecordersThenRunsThePreviousHandler) { ferma_su_sigterm(true); }
 
 }  // namespace
 }  // namespace nvr

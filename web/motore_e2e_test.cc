@@ -67,28 +67,12 @@ class MotoreE2eTest : public ::testing::Test {
     arresta_motore();
     attendi_fine_motore();
     _ferma_tutto("fine prova");
-    if (catturo) log = ::testing::internal::GetCapturedStdout();
-  }
-  // Attaches the host with the archive in a temporary folder, saved directly: the API only
-  // takes folders under the usual roots.
-  void aggancia() {
-    ::testing::internal::CaptureStdout();
-    catturo = true;
-    ASSERT_TRUE(collega(h.host));
-    h.sql("UPDATE nvr_config SET cartella='" + archivio + "'");
-  }
-  std::string fine_log() {
-    if (catturo) log = ::testing::internal::GetCapturedStdout();
-    catturo = false;
-    return log;
   }
 
   std::unique_ptr<testing::CameraRtsp> camera;
   HostWeb h;
   testing::CartellaTemporanea t;
   std::string archivio = t / "archivio";
-  bool catturo = false;
-  std::string log;
 };
 
 // A server process killed with SIGKILL leaves its recorder running in its own session; the next
@@ -103,17 +87,15 @@ TEST_F(MotoreE2eTest, RecordersLeftByAKilledServerAreStoppedAndTheirSegmentFiled
   auto server = figlio.valore();
 
   // Once the first server has made its tables, switch recording on for it.
-  ASSERT_TRUE(attendi(
-      [&] {
-        try {
-          h.sql("SELECT 1 FROM nvr_config");
-          return true;
-        } catch (const std::exception&) {
-          return false;
-        }
-      },
-      15));
-  h.sql("UPDATE nvr_config SET attivo=1, segmento_sec=2, cartella='" + archivio + "'");
+  auto accendi = [&] {
+    try {
+      h.sql("UPDATE nvr_config SET attivo=1, segmento_sec=2, cartella='" + archivio + "'");
+      return true;
+    } catch (const std::exception&) {
+      return false;
+    }
+  };
+  ASSERT_TRUE(attendi(accendi, 15));
   h.sql("INSERT INTO nvr_camere (cam_id, attiva) VALUES (1, 1)");
   std::string in_corso = archivio + "/Ingresso/in_corso";
   auto segmenti = [&] {
@@ -130,40 +112,39 @@ TEST_F(MotoreE2eTest, RecordersLeftByAKilledServerAreStoppedAndTheirSegmentFiled
   ASSERT_TRUE(server->attendi(5));
   auto rimasti = ffmpeg_in(archivio);
   ASSERT_EQ(rimasti.size(), 1u) << "il registratore sopravvive al server";
-  pid_t vecchio = rimasti[0];
   std::this_thread::sleep_for(std::chrono::milliseconds(500));
   std::string interrotto = segmenti().back();
 
   // The next start: the leftover is interrupted before the first pass.
-  aggancia();
-  h.sql("UPDATE nvr_config SET attivo=1, segmento_sec=2");
+  ::testing::internal::CaptureStdout();
+  ASSERT_TRUE(collega(h.host));
+  ASSERT_TRUE(accendi());
   _giro_sicuro();
-  ASSERT_TRUE(attendi(
+  bool fermato = attendi(
       [&] {
-        auto s = testing::stato_processo(vecchio);
+        auto s = testing::stato_processo(rimasti[0]);
         return !s || *s == 'Z';
       },
-      20));
-  ASSERT_TRUE(attendi([] { return registratore_di(1).has_value(); }, 20));
+      20);
+  std::string log = ::testing::internal::GetCapturedStdout();
+  ASSERT_TRUE(fermato);
+  EXPECT_THAT(log, HasSubstr("[NVR] ffmpeg rimasti da un avvio precedente: fermati\n"));
 
   // The interrupted segment is complete and gets filed like any other.
   std::tm quando{};
   ASSERT_TRUE(strptime(interrotto.c_str(), "%Y%m%d_%H%M%S", &quando));
-  double inizio = epoch_di(quando, nullptr);
   std::string file;
   ASSERT_TRUE(attendi(
       [&] {
         Connessione c = _db();
-        auto righe =
-            c.righe("SELECT file FROM nvr_registrazioni WHERE cam_id=1 AND inizio=?", {inizio});
-        if (righe.empty()) return false;
-        file = come_testo(righe[0][0]);
-        return true;
+        auto righe = c.righe("SELECT file FROM nvr_registrazioni WHERE cam_id=1 AND inizio=?",
+                             {epoch_di(quando, nullptr)});
+        if (!righe.empty()) file = come_testo(righe[0][0]);
+        return !righe.empty();
       },
       60));
   EXPECT_FALSE(fs::exists(in_corso + "/" + interrotto));
   EXPECT_TRUE(_mp4_completo(file));
-  EXPECT_THAT(fine_log(), HasSubstr("[NVR] ffmpeg rimasti da un avvio precedente: fermati\n"));
 }
 
 }  // namespace
