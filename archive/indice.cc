@@ -80,7 +80,8 @@ std::optional<std::string> cartella_registratore(const RegistratoriInCorso& regi
                                                  CamId id) {
   auto it = registratori.find(id);
   if (it == registratori.end()) return std::nullopt;
-  return it->second.cartella.empty() ? std::string() : percorso_reale_o_normale(it->second.cartella);
+  const std::string& c = it->second.cartella;
+  return c.empty() ? std::string() : percorso_reale_o_normale(c);
 }
 
 std::string motivo_registratore(const RegistratoriInCorso& registratori, CamId id) {

@@ -35,7 +35,8 @@ std::pair<bool, std::string> _archivio_pronto(Config& cfg) {
   if (!sotto_la_soglia(_spazio_sicuro(cfg.cartella, 0), cfg.spazio_min_gb)) return {true, ""};
   _pulizia(cfg, true);
   std::optional<Spazio> sp = _spazio_sicuro(cfg.cartella, 0);
-  if (sotto_la_soglia(sp, cfg.spazio_min_gb)) return {false, messaggio_spazio_esaurito(sp->libero_gb)};
+  if (sotto_la_soglia(sp, cfg.spazio_min_gb))
+    return {false, messaggio_spazio_esaurito(sp->libero_gb)};
   return {true, ""};
 }
 

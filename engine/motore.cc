@@ -72,7 +72,8 @@ std::map<CamId, std::pair<bool, std::string>> decidi(const std::vector<Camera>& 
 }
 
 void esegui(const Situazione& s, const Azione& a) {
-  auto cam = std::find_if(s.cams.begin(), s.cams.end(), [&](const Camera& c) { return c.id == a.cam; });
+  auto cam =
+      std::find_if(s.cams.begin(), s.cams.end(), [&](const Camera& c) { return c.id == a.cam; });
   switch (a.mossa) {
     case Mossa::ferma:
       _ferma(a.cam, a.perche);
@@ -162,9 +163,8 @@ void _giro() {
   else
     segnala_problema(piano.problema, piano.log_problema);
 
-  bool eventi = std::any_of(s.cams.begin(), s.cams.end(), [](const Camera& c) {
-    return c.attiva && c.modo == "eventi";
-  });
+  bool eventi = std::any_of(s.cams.begin(), s.cams.end(),
+                            [](const Camera& c) { return c.attiva && c.modo == "eventi"; });
   if (registra && eventi) {
     if (!stati || stati->empty()) stati = _stati_attuali();
     _segna_eventi(s.cams, *stati);

@@ -52,8 +52,8 @@ enum class Mossa {
 struct Azione {
   CamId cam = 0;
   Mossa mossa = Mossa::conferma;
-  std::string motivo;  // "continua", "orario" or "evento" (avvia, riavvia, conferma)
-  std::string perche;  // the stop's reason in the log (ferma, riavvia)
+  std::string motivo;              // "continua", "orario" or "evento" (avvia, riavvia, conferma)
+  std::string perche;              // the stop's reason in the log (ferma, riavvia)
   bool cartella_cambiata = false;  // riavvia: the old folder must still be drained
   bool operator==(const Azione&) const = default;
 };

@@ -44,14 +44,16 @@ TEST(PianoGiroTest, RecordingOffArchiveMissingOrNoFfmpegStopEverythingOrNothing)
   Situazione spento = s;
   spento.cfg.attivo = false;
   PianoGiro p = pianifica_giro(spento);
-  EXPECT_EQ(p.azioni, (std::vector<Azione>{ferma(1, "NVR disattivato"), ferma(2, "NVR disattivato")}));
+  EXPECT_EQ(p.azioni,
+            (std::vector<Azione>{ferma(1, "NVR disattivato"), ferma(2, "NVR disattivato")}));
   EXPECT_EQ(p.problema, "");
 
   Situazione assente = s;
   assente.non_pronto = "Unita' USB non collegata: x";
   assente.tempi = {};
   p = pianifica_giro(assente);
-  EXPECT_EQ(p.azioni, (std::vector<Azione>{ferma(1, assente.non_pronto), ferma(2, assente.non_pronto)}));
+  EXPECT_EQ(p.azioni,
+            (std::vector<Azione>{ferma(1, assente.non_pronto), ferma(2, assente.non_pronto)}));
   EXPECT_EQ(p.problema, assente.non_pronto);
   EXPECT_EQ(p.log_problema, assente.non_pronto);
   EXPECT_EQ(p.lavori, Lavori{}) << "no job touches an archive that is not there";
@@ -124,7 +126,7 @@ TEST(PianoGiroTest, FailedCameraWaitsFiveSecondsPerFailureUpToAMinute) {
     double fa;
     bool parte;
   } casi[] = {
-      {1, 4.9, false}, {1, 5.0, true},   {3, 14.9, false}, {3, 15.0, true},
+      {1, 4.9, false},   {1, 5.0, true},   {3, 14.9, false},  {3, 15.0, true},
       {12, 59.9, false}, {12, 60.0, true}, {40, 59.9, false}, {40, 60.0, true},
   };
   Situazione s = base();

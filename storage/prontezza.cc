@@ -144,8 +144,8 @@ std::pair<bool, std::string> prepara_cartella(const Config& cfg) {
     // An empty mount-point folder lies on the system disk: recording there would fill it.
     std::string radice = _radice_montaggio(cfg.cartella);
     if (radice == "/" || radice.empty())
-      return {false, "La cartella " + cfg.cartella +
-                         " non sta sull'unita' esterna: unita' non montata"};
+      return {false,
+              "La cartella " + cfg.cartella + " non sta sull'unita' esterna: unita' non montata"};
   }
   auto [creata, perche] = _mkdir(cfg.cartella);
   if (!creata) return {false, "Cartella non creabile: " + perche};
