@@ -51,8 +51,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-std::string testo_o_vuoto(const Json& v) { return vuoto(v) ? "" : testo_di(v); }
-
 // Folder and name of a path, split at its last "/" the way the shell's dirname and basename
 // do: "a.mp4" lies in "", "/a.mp4" in "/", and "a//b.mp4" in "a". Views into `p`.
 std::pair<std::string_view, std::string_view> cartella_e_nome(std::string_view p) {

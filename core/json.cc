@@ -155,4 +155,11 @@ std::string testo_di(const Json& v) {
   return testo_json(v, Ascii::kTieni);
 }
 
+std::string testo_o_vuoto(const Json& v) { return vuoto(v) ? "" : testo_di(v); }
+
+std::string testo_campo(const Json& oggetto, const std::string& chiave) {
+  const Json& v = campo(oggetto, chiave);
+  return v.is_null() ? "" : testo_di(v);
+}
+
 }  // namespace nvr

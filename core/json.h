@@ -43,4 +43,12 @@ std::optional<double> reale(const Json& v);
 // booleans as "True"/"False", anything else in its JSON text.
 std::string testo_di(const Json& v);
 
+// testo_di(v), or "" when `v` is empty by vuoto's rule: stored settings read absent, null, zero
+// and empty alike.
+std::string testo_o_vuoto(const Json& v);
+
+// The text of `oggetto`'s field `chiave`, "" only when it is absent or null (a request's 0 stays
+// "0").
+std::string testo_campo(const Json& oggetto, const std::string& chiave);
+
 }  // namespace nvr

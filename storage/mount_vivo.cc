@@ -11,12 +11,6 @@
 
 namespace nvr {
 
-namespace {
-
-std::string testo_o_vuoto(const Json& v) { return vuoto(v) ? "" : testo_di(v); }
-
-}  // namespace
-
 bool _mount_vivo(const Json& dest, const std::string& mp) {
   if (campo(dest, "tipo") == "usb") {
     // A pulled drive may leave its mount in place, and statvfs there can still answer: only

@@ -28,8 +28,7 @@ void segna_fallito(const std::string& msg) {
 }
 
 std::string testo(const Json& dest, const std::string& chiave) {
-  const Json& v = campo(dest, chiave);
-  return vuoto(v) ? "" : testo_di(v);
+  return testo_o_vuoto(campo(dest, chiave));
 }
 
 Json destinazione(const Config& cfg) {

@@ -26,8 +26,7 @@ namespace {
 namespace fs = std::filesystem;
 
 std::string testo(const Json& dest, const std::string& chiave) {
-  const Json& v = campo(dest, chiave);
-  return vuoto(v) ? "" : testo_di(v);
+  return testo_o_vuoto(campo(dest, chiave));
 }
 
 bool server_valido(const std::string& s) {

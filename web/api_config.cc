@@ -34,13 +34,6 @@ const char* const kSuUnitaEsterna =
     "Questa cartella sta su un'unita' esterna: sceglila dalla scheda \"Chiavetta / disco USB\" o "
     "\"Cartella di rete\"";
 
-// A request value used as a name or a path: "" when absent or null.
-std::string testo_campo(const Json& oggetto, const std::string& chiave) {
-  const Json& v = campo(oggetto, chiave);
-  if (v.is_null()) return "";
-  return testo_di(v);
-}
-
 // The real path of `p` (symbolic links resolved as far as it exists). A path on a hung mount is
 // compared as it was written rather than holding the request up.
 std::string percorso_reale(const std::string& p) {

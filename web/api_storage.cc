@@ -38,13 +38,6 @@ const char* const kComandoInstallazione =
 
 Json corpo_di(const Richiesta& r) { return r.corpo.is_object() ? r.corpo : Json::object(); }
 
-// A request value used as a name or a path: "" when absent or null.
-std::string testo_campo(const Json& oggetto, const std::string& chiave) {
-  const Json& v = campo(oggetto, chiave);
-  if (v.is_null()) return "";
-  return testo_di(v);
-}
-
 Json spazio_fresco(const std::string& cartella) {
   auto s = _spazio_sicuro(cartella, 0);
   return s ? s->come_json() : Json(nullptr);
