@@ -13,18 +13,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// The text between single quotes in a shell script.
-std::string tra_apici(const std::string& s) {
-  std::string fuori = "'";
-  for (char c : s) {
-    if (c == '\'')
-      fuori += "'\\''";
-    else
-      fuori += c;
-  }
-  return fuori + "'";
-}
-
 std::vector<std::string> righe(const std::string& testo) {
   std::vector<std::string> fuori;
   std::istringstream in(testo);
@@ -33,6 +21,12 @@ std::vector<std::string> righe(const std::string& testo) {
 }
 
 }  // namespace
+
+std::string tra_apici(const std::string& s) {
+  std::string fuori = "'";
+  for (char c : s) fuori += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return fuori + "'";
+}
 
 Controfigure::Controfigure() {
   ::chmod(cartella_.percorso().c_str(), 0755);
