@@ -58,8 +58,8 @@ struct RispostaGrezza {
   }
 };
 
-// Sends `richiesta` as it is to the loopback port and reads the answer until the server closes
-// the connection (every request here asks it to), each read waiting up to `secondi`.
+// Sends `richiesta` as it is to the loopback port and reads the answer until its body is complete
+// or the server closes, each read waiting up to `secondi`.
 RispostaGrezza invia_grezza(int porta, const std::string& richiesta, int secondi) {
   RispostaGrezza r;
   const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
@@ -79,18 +79,26 @@ RispostaGrezza invia_grezza(int porta, const std::string& richiesta, int secondi
       if (n <= 0) break;
       resto.remove_prefix(static_cast<std::size_t>(n));
     }
+    // Until the body is complete: a broken request may leave the connection open.
     char blocco[64 * 1024];
-    for (ssize_t n; (n = ::recv(fd, blocco, sizeof(blocco), 0)) != 0;) {
+    for (std::size_t testa = std::string::npos, attesi = std::string::npos;
+         testa == std::string::npos || dati.size() < testa + 4 + attesi;) {
+      const ssize_t n = ::recv(fd, blocco, sizeof(blocco), 0);
       if (n < 0 && errno == EINTR) continue;
-      r.scaduta = n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);  // SO_RCVTIMEO
-      if (n < 0) break;
+      r.scaduta = n < 0;  // SO_RCVTIMEO
+      if (n <= 0) break;
       dati.append(blocco, static_cast<std::size_t>(n));
+      if (testa == std::string::npos && (testa = dati.find("\r\n\r\n")) != std::string::npos) {
+        r.testata = dati.substr(0, testa);
+        const std::string cl = r.intestazione("Content-Length");
+        attesi = cl.empty() ? std::string::npos - testa - 4 : std::stoull(cl);
+        if (richiesta.starts_with("HEAD ")) attesi = 0;
+      }
     }
   }
   ::close(fd);
   const std::size_t testa = dati.find("\r\n\r\n");
   if (testa == std::string::npos || !dati.starts_with("HTTP/")) return r;
-  r.testata = dati.substr(0, testa);
   r.status = std::atoi(dati.c_str() + 9);
   r.corpo = dati.substr(testa + 4);
   return r;
@@ -266,21 +274,8 @@ struct Generatore {
                         "Cookie: " + uscito, "Cookie: nvr_sessione=" + std::string(5000, 'a')}) +
                 "\r\n";
         break;
-      case 6:
-        break;    // as it is
-      default: {  // broken HTTP
-        const std::string k = "Cookie: " + cookie + "\r\n";
-        return {scegli({"GET\r\n\r\n", "GET /api/nvr/stato HTTP/9.9\r\n\r\n",
-                        std::string("GET /api/nvr/\0stato HTTP/1.1\r\n\r\n", 32),
-                        "GET / HTTP/1.1\r\nX: " + std::string(1 << 20, 'h') + "\r\n\r\n",
-                        "POST /api/nvr/config HTTP/1.1\r\n" + k + "Content-Length: -5\r\n\r\n{}",
-                        "POST /api/nvr/config HTTP/1.1\r\n" + k +
-                            "Transfer-Encoding: chunked\r\n\r\nzz\r\n"}),
-                "HTTP rotto",
-                false,
-                true,
-                {}};
-      }
+      default:  // as it is, or broken HTTP
+        if (caso(0.3)) return rotto();
     }
     for (const auto& [k, v] : parametri)  // percent-encoded, or now and then sent raw
       query += (query.empty() ? "?" : "&") + k + "=" +
@@ -299,6 +294,17 @@ struct Generatore {
         rid.find_first_not_of("0123456789") == std::string::npos)
       c.video = std::atoll(rid.c_str());
     return c;
+  }
+
+  Colpo rotto() {
+    const std::string k = "Cookie: " + cookie + "\r\n";
+    const std::string testo = scegli(
+        {"GET\r\n\r\n", "GET /api/nvr/stato HTTP/9.9\r\n\r\n",
+         std::string("GET /api/nvr/\0stato HTTP/1.1\r\n\r\n", 32),
+         "GET / HTTP/1.1\r\nX: " + std::string(1 << 20, 'h') + "\r\n\r\n",
+         "POST /api/nvr/config HTTP/1.1\r\n" + k + "Content-Length: -5\r\n\r\n{}",
+         "POST /api/nvr/config HTTP/1.1\r\n" + k + "Transfer-Encoding: chunked\r\n\r\nzz\r\n"});
+    return {testo, "HTTP rotto", false, true, {}};
   }
 };
 

@@ -120,10 +120,11 @@ std::string Impianto::avvia_telecamera() {
                                               const std::vector<Valore>& parametri) {
   auto r = programma_->post("/api/telecamere", {{"nome", "Ingresso"}, {"url", camera_->url()}});
   cam_ = r.status == 200 ? r.json.value("id", std::int64_t{0}) : 0;
+  sql("UPDATE nvr_config SET attivo=1, " + impostazioni, parametri);
+  // Switching the camera on runs a pass at once: the recorder starts with these settings.
   r = programma_->post("/api/nvr/camera", {{"id", cam_}, {"attiva", true}, {"modo", "sempre"}});
   if (cam_ == 0 || r.status != 200)
     return ::testing::AssertionFailure() << "telecamera rifiutata: " << r.corpo;
-  sql("UPDATE nvr_config SET attivo=1, " + impostazioni, parametri);
   if (!attendi([&] { return righe_indicizzate() >= righe; }, 90))
     return ::testing::AssertionFailure() << "meno di " << righe << " righe\n" << tutto_il_log();
   return ::testing::AssertionSuccess();

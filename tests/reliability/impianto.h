@@ -63,10 +63,10 @@ class Impianto {
   // Starts the program with `altro` arguments, waits until it listens and logs in; a failure
   // carries the program's output.
   ::testing::AssertionResult avvia(std::vector<std::string> altro = {});
-  // On the running program: adds camera "Ingresso" recording always from the test camera (its
-  // id in cam()), switches recording on with the settings `impostazioni` written straight into
-  // the database (the API keeps segments of 60 s or more and 0.5 GB free), and waits up to 90 s
-  // for `righe` rows.
+  // On the running program: switches recording on with the settings `impostazioni` written
+  // straight into the database (the API keeps segments of 60 s or more and 0.5 GB free), adds
+  // camera "Ingresso" recording always from the test camera (its id in cam()), and waits up to
+  // 90 s for `righe` rows.
   ::testing::AssertionResult registra(int righe, const std::string& impostazioni = "segmento_sec=3",
                                       const std::vector<Valore>& parametri = {});
   std::int64_t cam() const { return cam_; }
