@@ -13,7 +13,6 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
-#include <strings.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -29,6 +28,7 @@
 #include <string_view>
 #include <thread>
 
+#include "core/testi.h"
 #include "testing/processi.h"
 #include "testing/stand_in.h"
 #include "tests/reliability/impianto.h"
@@ -45,16 +45,11 @@ struct RispostaGrezza {
   int status = 0;        // 0: no status line came back (refused, closed, or time-out)
   bool scaduta = false;  // the answer was not complete within the time limit
   std::string testata, corpo;
-  std::string intestazione(const std::string& nome) const {  // "" when absent
-    for (std::size_t i = testata.find("\r\n"); i != std::string::npos;) {
-      const std::size_t fine = testata.find("\r\n", i + 2);
-      const std::string riga = testata.substr(i + 2, fine - std::min(fine, i + 2));
-      if (riga.find(':') == nome.size() &&
-          ::strncasecmp(riga.c_str(), nome.c_str(), nome.size()) == 0)
-        return riga.substr(std::min(riga.size(), riga.find_first_not_of(' ', nome.size() + 1)));
-      i = fine;
-    }
-    return "";
+  std::string intestazione(const std::string& nome) const {  // `nome` in lower case; "" if absent
+    std::size_t i = minuscolo(testata).find("\r\n" + nome + ":");
+    if (i == std::string::npos) return "";
+    i = std::min(testata.size(), testata.find_first_not_of(' ', i + nome.size() + 3));
+    return testata.substr(i, testata.find("\r\n", i) - i);
   }
 };
 
@@ -90,7 +85,7 @@ RispostaGrezza invia_grezza(int porta, const std::string& richiesta, int secondi
       dati.append(blocco, static_cast<std::size_t>(n));
       if (testa == std::string::npos && (testa = dati.find("\r\n\r\n")) != std::string::npos) {
         r.testata = dati.substr(0, testa);
-        const std::string cl = r.intestazione("Content-Length");
+        const std::string cl = r.intestazione("content-length");
         attesi = cl.empty() ? std::string::npos - testa - 4 : std::stoull(cl);
         if (richiesta.starts_with("HEAD ")) attesi = 0;
       }
@@ -122,7 +117,7 @@ std::string accedi_grezzo(int porta, const std::string& password) {
                    testo_richiesta("POST", "/api/accesso", "Content-Type: application/json\r\n",
                                    Json{{"password", password}}.dump()),
                    60);
-  const std::string c = r.intestazione("Set-Cookie");
+  const std::string c = r.intestazione("set-cookie");
   return r.status == 200 ? c.substr(0, c.find(';')) : "";
 }
 
@@ -446,7 +441,7 @@ TEST(AbusiTest, SecretsNeverLeakAndMalformedRequestsNeverCrashLeakOrLose) {
         ASSERT_TRUE(voci.count(*c.video)) << traccia;
         std::stringstream file;
         file << std::ifstream(voci[*c.video], std::ios::binary).rdbuf();
-        const std::string cr = a.intestazione("Content-Range");
+        const std::string cr = a.intestazione("content-range");
         ASSERT_TRUE(a.status == 200 || cr.starts_with("bytes ")) << cr << traccia;
         const std::size_t da = a.status == 206 ? std::stoull(cr.substr(6)) : 0;
         EXPECT_EQ(file.str().compare(da, a.corpo.size(), a.corpo), 0) << traccia;
