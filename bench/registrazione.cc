@@ -1,6 +1,6 @@
 // Recording: what the standalone program costs beside its ffmpeg recorders, how soon a switched
 // on camera has bytes on disk and a row in the index, and whether consecutive segments lose
-// frames. Cameras are the looped 1080p30 file of testing/camera_rtsp.py; the baselines are bare
+// frames. Cameras are the looped 1080p30 file of bench/camera_in_loop.py; the baselines are bare
 // ffmpeg processes with the recorder's own argument list, started by a shell.
 //
 //   bench_registrazione [--quick] [--solo carico|avvio|continuita]
@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "autonomo/programma_di_prova.h"
+#include "bench/camera_in_loop.h"
 #include "bench/tabella.h"
 #include "bench/uso_processi.h"
 #include "core/db.h"
@@ -82,7 +83,7 @@ struct Telecamere {
     const int n = (clienti + kClientiPerCamera - 1) / kClientiPerCamera;
     while (static_cast<int>(tutte.size()) < n) {
       std::string motivo;
-      auto c = CameraRtsp::avvia(&motivo, 15, 0, nvr::testing::Sorgente::kFileInLoop);
+      auto c = nvr::bench::avvia_camera_in_loop(&motivo);
       if (!c) {
         std::fprintf(stderr, "telecamera di prova non disponibile: %s\n", motivo.c_str());
         return false;
@@ -453,7 +454,7 @@ bool continuita(int segmenti, int durata, Telecamere& cams) {
       return false;
     }
     std::string errore;
-    auto sorgente = nvr::testing::impronte_fotogrammi(nvr::testing::file_in_loop(), &errore);
+    auto sorgente = nvr::testing::impronte_fotogrammi(nvr::bench::file_in_loop(), &errore);
     if (!sorgente) {
       std::fprintf(stderr, "%s\n", errore.c_str());
       return false;

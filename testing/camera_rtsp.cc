@@ -10,7 +10,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <thread>
 
@@ -28,12 +27,6 @@ constexpr const char* kPython = "/usr/bin/python3";
 
 }  // namespace
 
-std::string file_in_loop() {
-  const char* cartella = std::getenv("NVR_CACHE_BENCH");
-  const std::string c = cartella != nullptr && *cartella != '\0' ? cartella : "/var/tmp/nvr-bench";
-  return c + "/testsrc2_1080p30_4M_gop60_20s.h264";
-}
-
 int porta_libera() {
   const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in ind{};
@@ -49,9 +42,8 @@ int porta_libera() {
 }
 
 std::unique_ptr<CameraRtsp> CameraRtsp::avvia(std::string* motivo, double attesa, int porta,
-                                              Sorgente sorgente) {
-  const std::string file = file_in_loop();
-  if (sorgente == Sorgente::kFileInLoop && access(file.c_str(), R_OK) != 0) attesa += 300;
+                                              std::vector<std::string> script) {
+  if (script.empty()) script = {NVR_SORGENTI "/testing/camera_rtsp.py"};
   const auto limite = Orologio::now() + std::chrono::duration<double>(attesa);
   // porta_libera() only says the port was free a moment ago; if someone grabs it before the
   // camera binds, the camera says so and we try another one.
@@ -70,12 +62,9 @@ std::unique_ptr<CameraRtsp> CameraRtsp::avvia(std::string* motivo, double attesa
     }
     cam->log_errori_ = modello;
     // -E: ignore PYTHONPATH/PYTHONHOME that may point at another interpreter's tree.
-    Avvio avvio{{kPython, "-E", NVR_SORGENTI "/testing/camera_rtsp.py", "--port",
-                 std::to_string(cam->porta_)},
-                tubo[1],
-                fd_err};
-    if (sorgente == Sorgente::kFileInLoop)
-      avvio.argomenti.insert(avvio.argomenti.end(), {"--loop-file", file});
+    Avvio avvio{{kPython, "-E"}, tubo[1], fd_err};
+    avvio.argomenti.insert(avvio.argomenti.end(), script.begin(), script.end());
+    avvio.argomenti.insert(avvio.argomenti.end(), {"--port", std::to_string(cam->porta_)});
     auto p = avvia_processo(avvio);
     close(tubo[1]);
     close(fd_err);

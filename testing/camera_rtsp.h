@@ -1,36 +1,25 @@
 // A real RTSP camera for end-to-end tests: runs testing/camera_rtsp.py
-// (GStreamer RTSP server, live H.264 test pattern or a looped 1080p30 file) as a child process.
+// (GStreamer RTSP server, live 640x360 25 fps H.264 test pattern) as a child process.
 #pragma once
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "core/processo.h"
 
 namespace nvr::testing {
 
-// What the camera sends.
-enum class Sorgente {
-  kSchema,  // a live 640x360 25 fps test pattern, encoded while serving
-  // file_in_loop(): 1920x1080, 30 fps, ~4 Mbit/s, a keyframe every 60 frames (2 s), 600 frames
-  // looped for ever, paced in real time, timestamps increasing across loops; nothing is encoded
-  // while serving, so the camera costs little CPU
-  kFileInLoop,
-};
-
-// The file kFileInLoop serves: /var/tmp/nvr-bench/ (or $NVR_CACHE_BENCH) plus a name that says
-// how it was encoded. The first camera that needs it makes it with ffmpeg (about a minute).
-std::string file_in_loop();
-
 class CameraRtsp {
  public:
-  // Starts the camera on a free loopback port; waits up to `attesa` seconds for its ready line,
-  // plus up to 5 minutes while the file of kFileInLoop is still to be made.
+  // Starts the camera on a free loopback port; waits up to `attesa` seconds for its ready line.
   // Returns nullptr (with the reason in `motivo`) when python3-gi/GStreamer are missing
   // or the camera does not come up, so the caller can GTEST_SKIP() with that reason.
   // With `porta` > 0 it listens on that port (a camera that comes back where it was).
+  // `script`: another camera script speaking the same --port / ready-line protocol, with its
+  // own options (the benchmarks' looped-file camera in bench/).
   static std::unique_ptr<CameraRtsp> avvia(std::string* motivo, double attesa = 15.0, int porta = 0,
-                                           Sorgente sorgente = Sorgente::kSchema);
+                                           std::vector<std::string> script = {});
 
   ~CameraRtsp() { ferma(); }
   CameraRtsp(const CameraRtsp&) = delete;
