@@ -312,7 +312,7 @@ TEST(FuzzTest, MalformedRequestsNeverCrashLeakOrLose) {
       ASSERT_TRUE(a.status != 0 || c.http_rotto) << "chiusa senza risposta: " << traccia;
       if (a.status == 500 && c.puo_500)
         EXPECT_NE(a.corpo.find("non e' un"), std::string::npos) << a.corpo << traccia;
-      else
+      else if (!(c.http_rotto && a.status == 505))  // "HTTP/9.9" is answered as such
         ASSERT_LT(a.status, 500) << a.corpo.substr(0, 300) << traccia;
       for (const std::string& vietato : {segreto, std::string("root:x:0:0"), admin})
         ASSERT_EQ(a.corpo.find(vietato), std::string::npos) << traccia;
