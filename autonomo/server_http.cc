@@ -69,7 +69,7 @@ struct StatoServer {
   LimitiServer limiti;
   int ascolto = -1;
   MHD_Daemon* demone = nullptr;
-  Lavoratori lavoratori{8};
+  Lavoratori lavoratori{32};  // a live request waits up to 7 s for its first bytes
 
   std::mutex m;
   std::condition_variable cv;

@@ -13,8 +13,11 @@ bool corrisponde_rotta(const std::string& regola, const std::string& percorso,
                        std::optional<std::int64_t>& rid) {
   const auto segnaposto = regola.find("<int:rid>");
   if (segnaposto == std::string::npos) return regola == percorso;
+  const std::string_view dopo = std::string_view(regola).substr(segnaposto + 9);
+  if (percorso.size() < segnaposto + dopo.size()) return false;
   if (percorso.compare(0, segnaposto, regola, 0, segnaposto) != 0) return false;
-  const std::string resto = percorso.substr(std::min(segnaposto, percorso.size()));
+  if (!std::string_view(percorso).ends_with(dopo)) return false;
+  const std::string resto = percorso.substr(segnaposto, percorso.size() - segnaposto - dopo.size());
   // 18 digits always fit an int64, so the conversion below cannot throw.
   if (resto.empty() || resto.size() > 18) return false;
   for (char c : resto)

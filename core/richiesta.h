@@ -66,8 +66,8 @@ struct Risposta {
 
 // How every host turns its raw request into a Richiesta.
 
-// Whether `percorso` matches the route `regola`; a "<int:rid>" segment of the route takes a
-// non-negative integer of at most 18 digits and nothing else, and fills `rid`.
+// Whether `percorso` matches the route `regola`; one "<int:rid>" segment of the route (the last
+// or not) takes a non-negative integer of at most 18 digits and nothing else, and fills `rid`.
 bool corrisponde_rotta(const std::string& regola, const std::string& percorso,
                        std::optional<std::int64_t>& rid);
 
