@@ -9,6 +9,7 @@
 #include "core/db.h"
 #include "core/tempo.h"
 #include "testing/ambiente.h"
+#include "testing/processi.h"
 #include "testing/righe_di_prova.h"
 
 namespace nvr {
@@ -18,13 +19,9 @@ using testing::aggiungi_registrazione;
 
 class ElenchiTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    const char* tz = std::getenv("TZ");
-    tz_ = tz ? std::optional<std::string>(tz) : std::nullopt;
-    _init_db();
-  }
-  void TearDown() override {
-    tz_ ? ::setenv("TZ", tz_->c_str(), 1) : ::unsetenv("TZ");
+  void SetUp() override { _init_db(); }
+  void TearDown() override {  // the machine's zone back, after the tests changed it
+    tz_.reset();
     ::tzset();
   }
   void riga(std::optional<CamId> cam, std::optional<double> inizio, double fine,
@@ -35,7 +32,7 @@ class ElenchiTest : public ::testing::Test {
     c.commit();
   }
 
-  std::optional<std::string> tz_;
+  std::optional<testing::VariabileDiProva> tz_{std::in_place, "TZ", "UTC"};
   testing::HostDiProva h;
 };
 

@@ -2,17 +2,16 @@
 // a temporary data folder, its output collected, spoken to over real HTTP on loopback.
 #pragma once
 
-#include <fcntl.h>
 #include <httplib.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -32,59 +31,23 @@ inline bool attendi(const std::function<bool()>& condizione, double secondi) {
   return condizione();
 }
 
-// Reads a child's output pipe to the end in a thread, so the child never blocks on a full pipe.
-class Lettore {
+// A child's output, kept in an anonymous in-memory file and read from the start at any time: the
+// child never blocks on a full pipe, and no reader thread has to outlive it.
+class Uscita {
  public:
-  explicit Lettore(int fd) : fd_(fd), t_([this] { leggi(); }) {}
-  ~Lettore() {
-    t_.join();
-    ::close(fd_);
-  }
+  Uscita() : fd_(::memfd_create("nvr-prova", MFD_CLOEXEC)) {}
+  ~Uscita() { ::close(fd_); }
+  int fd() const { return fd_; }
   std::string testo() const {
-    std::lock_guard l(m_);
-    return testo_;
-  }
-  // The first line that begins with `prefisso`, waiting up to `secondi`.
-  std::optional<std::string> riga(const std::string& prefisso, double secondi) const {
-    std::unique_lock l(m_);
-    std::optional<std::string> trovata;
-    cv_.wait_for(l, std::chrono::duration<double>(secondi), [&] {
-      for (std::size_t i = 0; i < testo_.size();) {
-        std::size_t fine = testo_.find('\n', i);
-        if (fine == std::string::npos) break;
-        if (testo_.compare(i, prefisso.size(), prefisso) == 0) {
-          trovata = testo_.substr(i, fine - i);
-          return true;
-        }
-        i = fine + 1;
-      }
-      return chiuso_;
-    });
-    return trovata;
+    std::string t;
+    char b[65536];
+    for (ssize_t n; (n = ::pread(fd_, b, sizeof b, static_cast<off_t>(t.size()))) > 0;)
+      t.append(b, static_cast<std::size_t>(n));
+    return t;
   }
 
  private:
-  void leggi() {
-    char b[4096];
-    for (;;) {
-      ssize_t n = ::read(fd_, b, sizeof(b));
-      if (n < 0 && errno == EINTR) continue;
-      std::lock_guard l(m_);
-      if (n <= 0) {
-        chiuso_ = true;
-        cv_.notify_all();
-        return;
-      }
-      testo_.append(b, static_cast<std::size_t>(n));
-      cv_.notify_all();
-    }
-  }
   int fd_;
-  mutable std::mutex m_;
-  mutable std::condition_variable cv_;
-  std::string testo_;
-  bool chiuso_ = false;
-  std::thread t_;
 };
 
 struct RispostaHttp {
@@ -103,14 +66,8 @@ class Programma {
   // Starts NVR_PROGRAMMA with `argomenti` (the port and data folder are the caller's), or the
   // command `argomenti` as it is when `comando` is true.
   explicit Programma(std::vector<std::string> argomenti, bool comando = false) {
-    int out[2], err[2];
-    if (::pipe2(out, O_CLOEXEC) != 0 || ::pipe2(err, O_CLOEXEC) != 0) return;
     if (!comando) argomenti.insert(argomenti.begin(), NVR_PROGRAMMA);
-    auto p = avvia_processo({argomenti, out[1], err[1], true});
-    ::close(out[1]);
-    ::close(err[1]);
-    uscita_ = std::make_unique<Lettore>(out[0]);
-    errori_ = std::make_unique<Lettore>(err[0]);
+    auto p = avvia_processo({argomenti, uscita_.fd(), errori_.fd(), true});
     if (p) proc_ = p.valore();
   }
   // Starts it on a free port with data folder `dati` and the extra arguments.
@@ -134,16 +91,16 @@ class Programma {
   }
 
   // Waits for the line saying where to connect; false when the program ended instead.
-  bool pronto(double secondi = 20) { return uscita_->riga("nvr in ascolto:", secondi).has_value(); }
+  bool pronto(double secondi = 20) { return riga("nvr in ascolto:", secondi).has_value(); }
   // The password printed at the first start, "" when none was printed.
   std::string password(double secondi = 20) {
-    auto r = uscita_->riga("Password dell'amministratore: ", secondi);
+    auto r = riga("Password dell'amministratore: ", secondi);
     if (!r) return "";
     auto inizio = r->find(": ") + 2;
     return r->substr(inizio, r->find(' ', inizio) - inizio);
   }
-  std::string uscita() const { return uscita_->testo(); }
-  std::string errori() const { return errori_->testo(); }
+  std::string uscita() const { return uscita_.testo(); }
+  std::string errori() const { return errori_.testo(); }
   // The exit status once it ended within `secondi` (minus the signal number), else nothing.
   std::optional<int> fine(double secondi) {
     if (!proc_ || !proc_->attendi(secondi)) return std::nullopt;
@@ -169,7 +126,6 @@ class Programma {
     if (!cookie_.empty()) h.emplace("Cookie", cookie_);
     httplib::Result r = metodo == "GET"      ? c.Get(percorso, h)
                         : metodo == "DELETE" ? c.Delete(percorso, h, corpo, "application/json")
-                        : metodo == "PUT"    ? c.Put(percorso, h, corpo, "application/json")
                                              : c.Post(percorso, h, corpo, "application/json");
     RispostaHttp risposta;
     if (!r) return risposta;
@@ -188,8 +144,25 @@ class Programma {
   }
 
  private:
+  // The first whole output line that begins with `prefisso`, waiting up to `secondi`; nothing
+  // once the program ended without it.
+  std::optional<std::string> riga(const std::string& prefisso, double secondi) {
+    std::optional<std::string> trovata;
+    attendi(
+        [&] {
+          const bool finito = !proc_ || proc_->terminato();  // before reading: nothing is missed
+          std::string t = uscita_.testo();
+          std::istringstream righe(t.erase(t.rfind('\n') + 1));  // a line still being written waits
+          for (std::string r; !trovata && std::getline(righe, r);)
+            if (r.starts_with(prefisso)) trovata = r;
+          return trovata || finito;
+        },
+        secondi);
+    return trovata;
+  }
+
+  Uscita uscita_, errori_;
   std::shared_ptr<Processo> proc_;
-  std::unique_ptr<Lettore> uscita_, errori_;
   int porta_ = 0;
   std::string cookie_;
 };

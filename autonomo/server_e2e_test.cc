@@ -181,13 +181,11 @@ TEST(AvvioE2eTest, StartUpErrorsAreOneLineAndANonZeroExit) {
 TEST(AvvioE2eTest, WithoutFfmpegTheDemoRefusesToStart) {
   testing::CartellaTemporanea t;
   testing::VariabileDiProva path("PATH", t.percorso());  // an empty folder: no ffmpeg on it
-  {
-    Programma p({"--porta", std::to_string(testing::porta_libera()), "--dati", t / "a", "--demo"});
-    EXPECT_EQ(p.fine(20), 1);
-    EXPECT_EQ(p.errori(),
-              "ffmpeg non trovato: installa il pacchetto ffmpeg: apt-get install ffmpeg (serve "
-              "anche alla telecamera dimostrativa)\n");
-  }
+  Programma p({"--porta", std::to_string(testing::porta_libera()), "--dati", t / "a", "--demo"});
+  EXPECT_EQ(p.fine(20), 1);
+  EXPECT_EQ(p.errori(),
+            "ffmpeg non trovato: installa il pacchetto ffmpeg: apt-get install ffmpeg (serve "
+            "anche alla telecamera dimostrativa)\n");
 }
 
 }  // namespace

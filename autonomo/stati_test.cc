@@ -11,15 +11,11 @@ TEST(StatiTest, NormalizeStateTurnsActiveWordsIntoOn) {
     Json stato;
     Json atteso;
   };
+  // A few words of the active list: what matters is how a state is read before the match.
   for (const Caso& c : std::vector<Caso>{{"on", "on"},
                                          {"OPEN", "on"},
                                          {" Aperto ", "on"},
-                                         {"detected", "on"},
-                                         {"Home", "on"},
-                                         {"presente", "on"},
-                                         {"si", "on"},
                                          {true, "on"},
-                                         {1, "on"},
                                          {-0.5, "on"},
                                          {"off", "off"},
                                          {"Chiuso", "chiuso"},

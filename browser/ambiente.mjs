@@ -29,47 +29,27 @@ export async function porta_libera() {
   });
 }
 
-// A child process whose output is collected; aspetta(re) resolves with the first match.
+// A child process whose output is collected; aspetta(re) resolves with the first match and fails
+// once the child has closed its output or the time is up.
 class Processo {
-  constructor(nome, comando, argomenti, opzioni = {}) {
+  constructor(nome, comando, argomenti) {
     this.nome = nome;
     this.uscita = '';
-    this.figlio = spawn(comando, argomenti, { stdio: ['ignore', 'pipe', 'pipe'], ...opzioni });
+    this.figlio = spawn(comando, argomenti, { stdio: ['ignore', 'pipe', 'pipe'] });
     this.finito = new Promise((fatto) => this.figlio.on('exit', (codice, segnale) => fatto({ codice, segnale })));
-    this.attese = [];
-    const leggi = (b) => {
-      this.uscita += b.toString();
-      for (const a of [...this.attese]) {
-        const m = this.uscita.match(a.re);
-        if (m) {
-          this.attese.splice(this.attese.indexOf(a), 1);
-          a.fatto(m);
-        }
-      }
-    };
-    this.figlio.stdout.on('data', leggi);
-    this.figlio.stderr.on('data', leggi);
-    this.figlio.on('exit', (codice, segnale) => {
-      for (const a of this.attese) {
-        a.errore(new Error(`${nome} terminato (${codice ?? segnale}) prima di «${a.re}»:\n${this.uscita.slice(-2000)}`));
-      }
-      this.attese = [];
-    });
+    this.figlio.on('close', (codice, segnale) => { this.chiuso = `terminato (${codice ?? segnale})`; });
+    for (const flusso of [this.figlio.stdout, this.figlio.stderr]) flusso.on('data', (b) => { this.uscita += b; });
   }
 
-  aspetta(re, ms) {
-    const m = this.uscita.match(re);
-    if (m) return Promise.resolve(m);
-    return new Promise((fatto, errore) => {
-      const a = { re, fatto, errore };
-      const timer = setTimeout(() => {
-        this.attese.splice(this.attese.indexOf(a), 1);
-        errore(new Error(`${this.nome}: «${re}» non arrivato in ${ms} ms:\n${this.uscita.slice(-2000)}`));
-      }, ms);
-      a.fatto = (m) => { clearTimeout(timer); fatto(m); };
-      a.errore = (e) => { clearTimeout(timer); errore(e); };
-      this.attese.push(a);
-    });
+  async aspetta(re, ms) {
+    const limite = Date.now() + ms;
+    for (;;) {
+      const m = this.uscita.match(re);
+      if (m) return m;
+      const perche = this.chiuso || (Date.now() > limite && `non arrivato in ${ms} ms`);
+      if (perche) throw new Error(`${this.nome}: «${re}» ${perche}:\n${this.uscita.slice(-2000)}`);
+      await new Promise((fatto) => setTimeout(fatto, 50));
+    }
   }
 
   // SIGINT first (the program stops its recorders), then SIGKILL after the deadline; always reaped.

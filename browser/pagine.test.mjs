@@ -132,12 +132,9 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
 
   test("archiviazione: l'errore del server mostrato com'e', poi una cartella creata e scelta", async () => {
     await pagina.goto(`${nvr.base}/#archiviazione`);
-    for (const nome of ['Chiavetta / disco USB', 'Cartella di rete']) {
-      await pagina.getByRole('tab', { name: nome }).waitFor();
-    }
+    await pagina.getByRole('tab', { name: 'Chiavetta / disco USB' }).waitFor();
     await pagina.getByRole('tab', { name: 'Cartella di rete' }).click();
     await pagina.getByRole('button', { name: 'Collega' }).waitFor();
-    assert.equal(await pagina.locator('#rete-password').inputValue(), '');
 
     await pagina.getByRole('tab', { name: 'Cartella locale' }).click();
     console_.atteso(400, '/api/nvr/config');
@@ -233,8 +230,6 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     const scheda = pagina.locator(`#archivio-camere article[data-id="${cam_id}"]`, { hasText: 'Ingresso' });
     await scheda.locator('tbody tr').first().waitFor();
     const a = await json('/api/nvr/archivio');
-    const c = a.telecamere.find((t) => t.id === cam_id);
-    assert.ok(c.n >= 3);
     await pagina.locator('#archivio-totali', { hasText: `${a.totale.n} segmenti` }).waitFor();
     await schermata('11-archivio');
 

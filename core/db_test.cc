@@ -81,38 +81,27 @@ TEST_F(DbTest, ConstraintsHold) {
   EXPECT_DOUBLE_EQ(come_reale(righe[0][0]), 10.0);
 }
 
+// That a failed batch leaves none of its rows is seen in decisione_test.cc (a trigger refusing
+// one row of a pass of events).
 TEST_F(DbTest, BatchBindsEveryRowAfreshAndStopsAtABadOne) {
   _init_db();
   const char* ins =
       "INSERT INTO nvr_registrazioni (cam_id, inizio, fine, file, dimensione, motivo) "
       "VALUES (?,?,?,?,?,?)";
-  {
-    Connessione c = _db();
-    // The third row leaves `motivo` null: nothing of the row before may stick to it.
-    c.esegui_molti(ins, {{std::int64_t{1}, 1.0, 2.0, std::string("/a"), std::int64_t{10},
-                          std::string("orario")},
-                         {std::int64_t{2}, 3.0, 4.0, std::string("/b"), std::int64_t{20},
-                          std::string("evento")},
-                         {std::int64_t{3}, 5.0, 6.0, std::string("/c"), std::int64_t{30},
-                          std::monostate{}}});
-    c.commit();
-    auto righe = c.righe("SELECT cam_id, file, dimensione, motivo FROM nvr_registrazioni "
-                         "ORDER BY cam_id");
-    ASSERT_EQ(righe.size(), 3u);
-    EXPECT_EQ(come_testo(righe[1][1]), "/b");
-    EXPECT_EQ(come_intero(righe[1][2]), 20);
-    EXPECT_EQ(come_testo(righe[1][3]), "evento");
-    EXPECT_TRUE(nullo(righe[2][3]));
-  }
-  {
-    Connessione c = _db();
-    EXPECT_THROW(c.esegui_molti(ins, {{std::int64_t{4}, 1.0, 2.0, std::string("/d"),
-                                       std::int64_t{1}, std::string("")},
-                                      {std::int64_t{5}, 1.0}}),
-                 ErroreDb);
-  }  // closed without commit: the good row before the bad one goes too
   Connessione c = _db();
-  EXPECT_EQ(come_intero(c.righe("SELECT COUNT(*) FROM nvr_registrazioni")[0][0]), 3);
+  // The second row leaves `motivo` null: nothing of the row before may stick to it.
+  c.esegui_molti(
+      ins, {{std::int64_t{1}, 1.0, 2.0, std::string("/a"), std::int64_t{10}, std::string("orario")},
+            {std::int64_t{2}, 3.0, 4.0, std::string("/b"), std::int64_t{20}, std::monostate{}}});
+  auto righe = c.righe("SELECT file, dimensione, motivo FROM nvr_registrazioni ORDER BY cam_id");
+  ASSERT_EQ(righe.size(), 2u);
+  EXPECT_EQ(come_testo(righe[1][0]), "/b");
+  EXPECT_EQ(come_intero(righe[1][1]), 20);
+  EXPECT_TRUE(nullo(righe[1][2]));
+  EXPECT_THROW(c.esegui_molti(ins, {{std::int64_t{3}, 1.0, 2.0, std::string("/c"), std::int64_t{1},
+                                     std::string("")},
+                                    {std::int64_t{4}, 1.0}}),
+               ErroreDb);
 }
 
 TEST_F(DbTest, WriterWaitsForAnotherWriterToFinish) {

@@ -2,13 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <ctime>
 #include <vector>
 
 #include "core/stato.h"
-#include "testing/azzera.h"
 #include "testing/ambiente.h"
+#include "testing/azzera.h"
 
 namespace nvr {
 namespace {
@@ -28,8 +27,9 @@ std::tm ore(int anno, int mese, int giorno, int h = 0, int m = 0, int s = 0) {
 
 std::string come_testo(const std::tm& t) { return formatta(t, "%Y-%m-%d %H:%M:%S"); }
 
-// Without a usable zone from the host, now is the machine's local time; with one, that zone's.
-TEST(TempoTest, HostZoneDrivesNowOrTheMachinesTimeIsUsed) {
+// What "now" reads in the host's zone, and the machine's local time without one, is seen through a
+// real host in python/test_collega.py; here the zones that cannot be used.
+TEST(TempoTest, UnusableHostZoneLeavesTheMachinesTime) {
   azzera_stato_per_test();
   EXPECT_EQ(_fuso(), nullptr);  // not attached
   HostDiProva h;
@@ -38,18 +38,9 @@ TEST(TempoTest, HostZoneDrivesNowOrTheMachinesTimeIsUsed) {
         std::optional<std::string>("Non/Esiste")}) {
     h.imposta_zona(zona);
     EXPECT_EQ(_fuso(), nullptr);
-    std::time_t ora = std::time(nullptr);
-    std::tm locale{};
-    localtime_r(&ora, &locale);
-    std::tm adesso = _adesso();
-    EXPECT_LE(std::abs(std::difftime(std::mktime(&adesso), std::mktime(&locale))), 2.0);
   }
-  h.imposta_zona("Asia/Tokyo");  // no daylight saving: a fixed +9 h
-  ASSERT_NE(_fuso(), nullptr);
-  std::tm atteso = scomponi(_ora() + 9 * 3600, zona_di("UTC"));
-  std::tm adesso = _adesso();
-  EXPECT_EQ(adesso.tm_hour, atteso.tm_hour);
-  EXPECT_EQ(adesso.tm_mday, atteso.tm_mday);
+  h.imposta_zona("Asia/Tokyo");
+  EXPECT_NE(_fuso(), nullptr);
   h.host->_zn_fuso = []() -> std::optional<std::string> { throw std::runtime_error("giu'"); };
   EXPECT_EQ(_fuso(), nullptr);
 }

@@ -10,12 +10,7 @@ namespace {
 constexpr double T = 1'000'000.0;
 
 Camera camera(CamId id, bool attiva = true, std::string url = "rtsp://x/y") {
-  Camera c;
-  c.id = id;
-  c.nome = "Cam" + std::to_string(id);
-  c.url = std::move(url);
-  c.attiva = attiva;
-  return c;
+  return {.id = id, .nome = "Cam" + std::to_string(id), .url = std::move(url), .attiva = attiva};
 }
 
 // Recording on, archive ready, ffmpeg present, every job just run.

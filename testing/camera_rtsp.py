@@ -1,18 +1,8 @@
 #!/usr/bin/python3
-"""Fake IP camera for the end-to-end tests: a live H.264 test pattern over RTSP.
-
-Run it with Debian's /usr/bin/python3 (it needs python3-gi and GStreamer):
-
-    /usr/bin/python3 testing/camera_rtsp.py --port 8554 [--path /cam]
-        [--fps 25] [--width 640 --height 360] [--gop 25]
-
-or, for the benchmarks, as a camera that costs little CPU: a pre-encoded 1080p30
-H.264 file (made once by ffmpeg, then reused) served in an endless loop:
-
-    /usr/bin/python3 testing/camera_rtsp.py --port 8554 --loop-file FILE.h264
-
-Once the server is listening it prints "pronta rtsp://127.0.0.1:PORT/PATH"
-on stdout; the test harness waits for that line instead of sleeping.
+"""RTSP test camera: a live 640x360 25 fps H.264 test pattern at rtsp://127.0.0.1:PORT/cam,
+or with --loop-file a pre-encoded 1080p30 file (made once by ffmpeg) served in an endless loop,
+a camera that costs little CPU. Needs Debian's /usr/bin/python3 with python3-gi and GStreamer.
+Prints "pronta URL" once it listens; the harness waits for that line instead of sleeping.
 """
 
 import argparse
@@ -33,45 +23,14 @@ except (ImportError, ValueError) as e:
     sys.exit(f"camera_rtsp: python3-gi / GStreamer RTSP server missing: {e}")
 
 HOST = "127.0.0.1"
+PATH = "/cam"
 
-
-# --- options -----------------------------------------------------------------
-
-def parse_args():
-    p = argparse.ArgumentParser(description="RTSP test camera")
-    p.add_argument("--port", type=int, required=True)
-    p.add_argument("--path", default="/cam")
-    p.add_argument("--fps", type=int, default=25)
-    p.add_argument("--width", type=int, default=640)
-    p.add_argument("--height", type=int, default=360)
-    p.add_argument("--gop", type=int, default=25, help="frames between keyframes")
-    p.add_argument("--loop-file", help="serve this H.264 file (Annex B, an AUD before each "
-                   "frame) in a loop at --fps instead of encoding; made by ffmpeg if missing")
-    args = p.parse_args()
-    if not args.path.startswith("/"):
-        args.path = "/" + args.path
-    return args
-
-
-# --- pipeline ----------------------------------------------------------------
 
 def has(element):
     return Gst.ElementFactory.find(element) is not None
 
 
-def encoder(gop):
-    # x264enc is the usual choice; openh264enc is the fallback some distros ship
-    # instead. Both must emit an IDR every `gop` frames, since the recorder's
-    # segment boundaries can only fall on keyframes.
-    if has("x264enc"):
-        return ("x264enc tune=zerolatency speed-preset=ultrafast "
-                f"key-int-max={gop} bframes=0")
-    if has("openh264enc"):
-        return f"openh264enc gop-size={gop} complexity=low"
-    raise RuntimeError("no H.264 encoder (x264enc/openh264enc) in GStreamer")
-
-
-def launch_line(a):
+def launch_line():
     # The clock overlay lives in the pango plugin, which is not always
     # installed; without it the pattern scrolls so frames still differ.
     if has("clockoverlay"):
@@ -79,16 +38,14 @@ def launch_line(a):
                   "timeoverlay valignment=bottom")
     else:
         source = "videotestsrc is-live=true horizontal-speed=4"
-    caps = f"video/x-raw,width={a.width},height={a.height},framerate={a.fps}/1"
-    # No config-interval on the payloader: the encoder already repeats SPS/PPS
-    # in-band at each IDR, and a separately sent copy makes ffmpeg emit an extra
-    # header-only packet per keyframe.
-    return (f"( {source} ! {caps} ! videoconvert ! video/x-raw,format=I420 ! "
-            f"{encoder(a.gop)} ! video/x-h264,profile=baseline ! "
+    # An IDR every 25 frames: the recorder's segment boundaries can only fall on keyframes. No
+    # config-interval on the payloader: the encoder already repeats SPS/PPS in-band at each IDR,
+    # and a separately sent copy makes ffmpeg emit an extra header-only packet per keyframe.
+    return (f"( {source} ! video/x-raw,width=640,height=360,framerate=25/1 ! videoconvert ! "
+            "video/x-raw,format=I420 ! x264enc tune=zerolatency speed-preset=ultrafast "
+            "key-int-max=25 bframes=0 ! video/x-h264,profile=baseline ! "
             "rtph264pay name=pay0 pt=96 )")
 
-
-# --- looped file ---------------------------------------------------------------
 
 # What the file holds when this script makes it: 1080p at 4 Mbit/s with a keyframe every 2 s,
 # 20 s long, so the loop seam falls on a keyframe and the GOP stays 60 frames across it. No
@@ -207,10 +164,12 @@ def file_launch_line(sprop):
             f'rtph264pay name=pay0 pt=96 sprop-parameter-sets="{sprop}" )')
 
 
-# --- main --------------------------------------------------------------------
-
 def main():
-    a = parse_args()
+    p = argparse.ArgumentParser(description="RTSP test camera")
+    p.add_argument("--port", type=int, required=True)
+    p.add_argument("--loop-file", help="serve this H.264 file (Annex B, an AUD before each "
+                   "frame) in a loop instead of encoding; made by ffmpeg if missing")
+    a = p.parse_args()
     Gst.init(None)
     looped = None
     if a.loop_file:
@@ -228,12 +187,11 @@ def main():
             return 2
         looped = LoopedFile(units, FILE_FPS)
         launch = file_launch_line(parameter_sets(units[0][0]))
+    elif not has("x264enc"):
+        print("camera_rtsp: no x264enc in GStreamer", file=sys.stderr)
+        return 2
     else:
-        try:
-            launch = launch_line(a)
-        except RuntimeError as e:
-            print(f"camera_rtsp: {e}", file=sys.stderr)
-            return 2
+        launch = launch_line()
 
     server = GstRtspServer.RTSPServer()
     server.set_address(HOST)
@@ -249,7 +207,7 @@ def main():
         GstRtspServer.RTSPPublishClockMode.CLOCK_AND_OFFSET)
     if looped is not None:
         factory.connect("media-configure", looped.configure)
-    server.get_mount_points().add_factory(a.path, factory)
+    server.get_mount_points().add_factory(PATH, factory)
 
     loop = GLib.MainLoop()
     # attach() binds and listens; 0 means the port could not be taken.
@@ -268,7 +226,7 @@ def main():
 
     if looped is not None:
         GLib.timeout_add(5, looped.tick)
-    print(f"pronta rtsp://{HOST}:{a.port}{a.path}", flush=True)
+    print(f"pronta rtsp://{HOST}:{a.port}{PATH}", flush=True)
     loop.run()
     return 0
 

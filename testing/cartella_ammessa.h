@@ -1,5 +1,4 @@
-// Temporary folders inside an allowed archive root, for tests of the folder rules, and real
-// filesystems mounted there.
+// Temporary folders inside an allowed archive root, for tests of the folder rules.
 #pragma once
 
 #include <string>
@@ -22,24 +21,6 @@ class CartellaAmmessa {
 
  private:
   std::string percorso_;
-};
-
-// A 1 MB tmpfs mounted on `punto` (created first), read-only when asked; detached at destruction.
-// Root only. Declare it after the folder holding it, so that it goes first.
-class TmpfsIn {
- public:
-  enum class Modo { kScrittura, kSolaLettura };
-  explicit TmpfsIn(std::string punto, Modo modo = Modo::kScrittura);
-  ~TmpfsIn();
-  TmpfsIn(const TmpfsIn&) = delete;
-  TmpfsIn& operator=(const TmpfsIn&) = delete;
-
-  bool montato() const { return montato_; }
-  const std::string& percorso() const { return punto_; }
-
- private:
-  std::string punto_;
-  bool montato_ = false;
 };
 
 }  // namespace nvr::testing

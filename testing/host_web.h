@@ -1,10 +1,12 @@
-// An in-process web host for tests: a router with Flask-like matching, guards that can refuse,
-// and the answers as a client would see them (file answers planned with byte ranges and read).
+// A web host for the tests that attach the recorder in-process and reach it through its engine
+// and database: an app that takes the routes (an endpoint registered twice is an error, as in
+// Flask) and guards that let every request through. The routes themselves are served and tested
+// by the real hosts.
 #pragma once
 
-#include <map>
 #include <memory>
-#include <mutex>
+#include <set>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -13,56 +15,24 @@
 
 namespace nvr::testing {
 
-struct RispostaHttp {
-  int status = 0;
-  std::map<std::string, std::string> intestazioni;
-  std::string corpo;
-  Json json;  // the body read as JSON (null when it is not)
-};
-
 class AppDiProva : public AppWeb {
  public:
-  struct Registrata {
-    std::string percorso, endpoint;
-    Vista vista;
-    std::vector<std::string> metodi;
-  };
-  void add_url_rule(const std::string& percorso, const std::string& endpoint, Vista vista,
-                    const std::vector<std::string>& metodi) override;
-  std::vector<Registrata> rotte() const;
-
-  // Dispatches like the host's router: 404 for an unknown path, 405 for a known path without
-  // that method; "<int:rid>" takes a non-negative integer only. `indirizzo` may carry a query
-  // string (percent-decoded). `corpo` is the raw body (read leniently). An exception escaping
-  // the view becomes a 500 JSON error, as a host's generic error page would.
-  RispostaHttp chiama(const std::string& metodo, const std::string& indirizzo,
-                      const std::string& corpo = "",
-                      std::map<std::string, std::string> intestazioni = {}) const;
+  void add_url_rule(const std::string&, const std::string& endpoint, Vista,
+                    const std::vector<std::string>&) override {
+    if (!endpoint_.insert(endpoint).second)
+      throw std::runtime_error("endpoint gia' registrato: " + endpoint);
+  }
 
  private:
-  mutable std::mutex m_;
-  std::vector<Registrata> rotte_;
+  std::set<std::string> endpoint_;
 };
 
-// A host with an app, guards and exit/SIGTERM hooks, not yet attached: tests call collega().
+// Not yet attached: tests call collega().
 class HostWeb : public HostDiProva {
  public:
-  HostWeb();
-  std::shared_ptr<AppDiProva> app;
-  bool loggato = true;  // the login guard lets the request through
-  bool admin = true;    // the administrator guard lets it through
-  std::vector<std::string> guardie;  // which guard ran, in order ("login", "admin")
-  std::vector<std::function<void()>> uscite;  // what collega asked to run at exit
-  std::function<void()> sigterm;               // what collega asked to run at SIGTERM
-
-  RispostaHttp get(const std::string& indirizzo, std::map<std::string, std::string> h = {}) {
-    return app->chiama("GET", indirizzo, "", std::move(h));
-  }
-  RispostaHttp post(const std::string& indirizzo, const Json& corpo) {
-    return app->chiama("POST", indirizzo, corpo.dump());
-  }
-  RispostaHttp elimina(const std::string& indirizzo, const Json& corpo = Json::object()) {
-    return app->chiama("DELETE", indirizzo, corpo.dump());
+  HostWeb() : HostDiProva(Aggancia::kNo) {
+    host->app = std::make_shared<AppDiProva>();
+    host->login_required = host->admin_required = [](Vista v) { return v; };
   }
 };
 

@@ -3,11 +3,11 @@
 #include <sys/mount.h>
 
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <stdexcept>
 
 #include "storage/comando.h"
+#include "testing/stand_in.h"
 
 namespace nvr::testing {
 
@@ -27,23 +27,12 @@ std::string senza_a_capo(std::string s) {
   return s;
 }
 
-std::string tra_apici(const std::string& s) {
-  std::string fuori = "'";
-  for (char c : s) fuori += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return fuori + "'";
-}
-
-// /proc/self/mountinfo writes blanks and a few other characters as octal escapes (\040).
-std::string senza_escape(const std::string& s) {
-  std::string fuori;
-  for (std::size_t i = 0; i < s.size(); ++i) {
-    if (s[i] == '\\' && i + 4 <= s.size()) {
-      fuori += static_cast<char>(std::stoi(s.substr(i + 1, 3), nullptr, 8));
-      i += 3;
-    } else {
-      fuori += s[i];
-    }
-  }
+// The mount points of `dev`, a pulled drive's dead ones included.
+std::vector<std::string> montaggi_di(const std::string& dev) {
+  std::vector<std::string> fuori;
+  std::istringstream in(
+      dev.empty() ? "" : _comando({"findmnt", "-n", "-r", "-o", "TARGET", "-S", dev}, 20).out);
+  for (std::string punto; std::getline(in, punto);) fuori.push_back(punto);
   return fuori;
 }
 
@@ -111,25 +100,6 @@ std::string ImmagineLoop::mountpoint() const {
   return m.empty() ? "" : m.front();
 }
 
-std::vector<std::string> montaggi_di(const std::string& dev) {
-  std::vector<std::string> fuori;
-  if (dev.empty()) return fuori;
-  std::ifstream f("/proc/self/mountinfo");
-  for (std::string riga; std::getline(f, riga);) {
-    // id parent major:minor root mountpoint options ... - fstype source superoptions
-    std::istringstream in(riga);
-    std::string id, padre, numeri, radice, punto;
-    in >> id >> padre >> numeri >> radice >> punto;
-    auto trattino = riga.find(" - ");
-    if (trattino == std::string::npos) continue;
-    std::istringstream dopo(riga.substr(trattino + 3));
-    std::string tipo, sorgente;
-    dopo >> tipo >> sorgente;
-    if (senza_escape(sorgente) == dev) fuori.push_back(senza_escape(punto));
-  }
-  return fuori;
-}
-
 std::string script_lsblk(const std::vector<const ImmagineLoop*>& immagini,
                          const std::string& registro) {
   std::string s = "#!/bin/sh\nprintf '%s\\n' \"$*\" >> " + tra_apici(registro) + R"SH(
@@ -145,9 +115,9 @@ parte() {  # device-file size fstype label uuid
 )SH";
   long long totale = 0;
   for (const ImmagineLoop* i : immagini) {
-    s += "parte " + tra_apici(i->file_dev()) + " " + std::to_string(i->byte()) + " " +
-         tra_apici(i->fs()) + " " + tra_apici(i->etichetta()) + " " + tra_apici(i->uuid()) + "\n";
-    totale += i->byte();
+    s += "parte " + tra_apici(i->file_dev()) + " " + std::to_string(i->byte_) + " " +
+         tra_apici(i->fs_) + " " + tra_apici(i->etichetta_) + " " + tra_apici(i->uuid_) + "\n";
+    totale += i->byte_;
   }
   s +=
       R"SH(printf '{"blockdevices":[{"name":"sdz","path":"/dev/sdz","size":)SH" +

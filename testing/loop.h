@@ -22,12 +22,7 @@ class ImmagineLoop {
   ImmagineLoop& operator=(const ImmagineLoop&) = delete;
 
   const std::string& dev() const { return dev_; }  // "" while unplugged
-  const std::string& fs() const { return fs_; }
-  const std::string& etichetta() const { return etichetta_; }
   const std::string& uuid() const { return uuid_; }
-  long long byte() const { return byte_; }
-  // The file naming the device lsblk shows for this image ("" content or none: unplugged).
-  std::string file_dev() const { return file_ + ".dev"; }
 
   // Pulls the plug as a user would: the device disappears from lsblk and is detached, but
   // whatever was mounted from it stays mounted, dead, until someone unmounts it.
@@ -38,6 +33,9 @@ class ImmagineLoop {
   std::string mountpoint() const;
 
  private:
+  friend std::string script_lsblk(const std::vector<const ImmagineLoop*>&, const std::string&);
+  // The file naming the device lsblk shows for this image ("" content or none: unplugged).
+  std::string file_dev() const { return file_ + ".dev"; }
   void collega(const std::string& evita);
   bool nostro(const std::string& dev) const;  // still backed by this image
 
@@ -51,8 +49,5 @@ class ImmagineLoop {
 // plugged in, with their current devices and mount points.
 std::string script_lsblk(const std::vector<const ImmagineLoop*>& immagini,
                          const std::string& registro);
-
-// The mount points of `dev` in this process's mount table.
-std::vector<std::string> montaggi_di(const std::string& dev);
 
 }  // namespace nvr::testing

@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <sstream>
 #include <thread>
 
 namespace nvr::testing {
@@ -38,14 +39,8 @@ std::optional<std::string> leggi_proc(pid_t pid, const char* voce) {
 
 std::vector<std::string> riga_di_comando(pid_t pid) {
   std::vector<std::string> argomenti;
-  std::string testo = leggi_proc(pid, "cmdline").value_or("");
-  std::size_t inizio = 0;
-  while (inizio < testo.size()) {
-    std::size_t fine = testo.find('\0', inizio);
-    if (fine == std::string::npos) fine = testo.size();
-    argomenti.push_back(testo.substr(inizio, fine - inizio));
-    inizio = fine + 1;
-  }
+  std::istringstream in(leggi_proc(pid, "cmdline").value_or(""));
+  for (std::string a; std::getline(in, a, '\0');) argomenti.push_back(a);
   return argomenti;
 }
 

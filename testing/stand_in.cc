@@ -13,18 +13,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// The text between single quotes in a shell script.
-std::string tra_apici(const std::string& s) {
-  std::string fuori = "'";
-  for (char c : s) {
-    if (c == '\'')
-      fuori += "'\\''";
-    else
-      fuori += c;
-  }
-  return fuori + "'";
-}
-
 std::vector<std::string> righe(const std::string& testo) {
   std::vector<std::string> fuori;
   std::istringstream in(testo);
@@ -32,7 +20,18 @@ std::vector<std::string> righe(const std::string& testo) {
   return fuori;
 }
 
+std::optional<std::string> se_esiste(const std::string& percorso) {
+  if (!fs::exists(percorso)) return std::nullopt;
+  return leggi_file(percorso);
+}
+
 }  // namespace
+
+std::string tra_apici(const std::string& s) {
+  std::string fuori = "'";
+  for (char c : s) fuori += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return fuori + "'";
+}
 
 Controfigure::Controfigure() {
   ::chmod(cartella_.percorso().c_str(), 0755);
@@ -85,7 +84,7 @@ for a in "$@"; do
   case "$a" in
     *credentials=*)
       c=${a#*credentials=}; c=${c%%,*}
-      cp "$c" "$d/cred.$n" && stat -c %a "$c" > "$d/cred.$n.modo" ;;
+      cp "$c" "$d/cred.$n" && printf %s "$(stat -c %a "$c")" > "$d/cred.$n.modo" ;;
   esac
 done
 if [ -f "$d/risposta.$n" ]; then
@@ -111,17 +110,11 @@ std::vector<std::vector<std::string>> Controfigure::chiamate_mount() const {
 }
 
 std::optional<std::string> Controfigure::credenziali(int n) const {
-  std::string p = cartella_ / ("cred." + std::to_string(n));
-  if (!fs::exists(p)) return std::nullopt;
-  return leggi_file(p);
+  return se_esiste(cartella_ / ("cred." + std::to_string(n)));
 }
 
 std::optional<std::string> Controfigure::modo_credenziali(int n) const {
-  std::string p = cartella_ / ("cred." + std::to_string(n) + ".modo");
-  if (!fs::exists(p)) return std::nullopt;
-  std::string m = leggi_file(p);
-  while (!m.empty() && (m.back() == '\n' || m.back() == ' ')) m.pop_back();
-  return m;
+  return se_esiste(cartella_ / ("cred." + std::to_string(n) + ".modo"));
 }
 
 }  // namespace nvr::testing

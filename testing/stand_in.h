@@ -13,6 +13,9 @@ namespace nvr::testing {
 
 // A folder first on PATH for the object's lifetime; PATH is restored at destruction. Tests that
 // use it must not run concurrently with other code that reads PATH.
+// `s` between single quotes, for a shell script.
+std::string tra_apici(const std::string& s);
+
 class Controfigure {
  public:
   Controfigure();

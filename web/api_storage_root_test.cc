@@ -1,5 +1,7 @@
-// Storage handlers against a real drive.
+// Storage and configuration handlers as root: a real drive, and a folder the server user may
+// not write.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <filesystem>
 #include <memory>
@@ -7,12 +9,13 @@
 #include "core/config.h"
 #include "core/db.h"
 #include "core/processo.h"
-#include "engine/registratori.h"
 #include "core/stato.h"
+#include "engine/registratori.h"
 #include "storage/comando.h"
 #include "testing/ambiente.h"
 #include "testing/cartella_ammessa.h"
 #include "testing/loop.h"
+#include "testing/sonda.h"
 #include "testing/stand_in.h"
 #include "web/api_config.h"
 #include "web/api_storage.h"
@@ -32,7 +35,16 @@ Richiesta richiesta(const std::string& metodo, const Json& corpo = Json::object(
   return r;
 }
 
-class ApiStorageRootTest : public ::testing::Test {
+// Started again as another user with NVR_SONDA_CONFIG set to a folder, this binary only answers
+// what saving that folder gives there.
+const bool kSonda = testing::registra_sonda("NVR_SONDA_CONFIG", [](const std::string& cartella) {
+  HostDiProva h;
+  _init_db();
+  Risposta r = api_config(richiesta("POST", Json{{"cartella", cartella}}));
+  return std::to_string(r.status) + " " + r.corpo.dump();
+});
+
+class ApiRootTest : public ::testing::Test {
  protected:
   void SetUp() override {
     if (!_sono_root()) GTEST_SKIP() << "serve l'utente root (mount e cambio di utente)";
@@ -47,7 +59,7 @@ class ApiStorageRootTest : public ::testing::Test {
 
 // The storage page's whole round with a real drive: mount, browse, choose a folder, unmount.
 // Only lsblk is a stand-in (it cannot call a loop device removable).
-TEST_F(ApiStorageRootTest, UsbDriveMountedBrowsedChosenAndUnmounted) {
+TEST_F(ApiRootTest, UsbDriveMountedBrowsedChosenAndUnmounted) {
   CartellaTemporanea montaggi;
   imposta_radice_montaggi_per_test(montaggi.percorso());
   std::unique_ptr<testing::ImmagineLoop> disco;
@@ -77,9 +89,7 @@ TEST_F(ApiStorageRootTest, UsbDriveMountedBrowsedChosenAndUnmounted) {
   EXPECT_EQ(leggi_config().destinazione["dev"], disco->dev());
 
   // Unmounting stops the recorders first: none may keep a file open on the drive.
-  Avvio sonno;
-  sonno.argomenti = {"sleep", "300"};
-  auto proc = avvia_processo(sonno);
+  auto proc = avvia_processo({{"sleep", "300"}});
   ASSERT_TRUE(proc.ok());
   Registratore finto;
   finto.proc = proc.valore();
@@ -91,13 +101,28 @@ TEST_F(ApiStorageRootTest, UsbDriveMountedBrowsedChosenAndUnmounted) {
   EXPECT_EQ(disco->mountpoint(), "");
   EXPECT_NE(log.find("registrazione telecamera 7 fermata (smontaggio)"), std::string::npos) << log;
   EXPECT_TRUE(registratori_in_corso().empty());
+  // Browsing or choosing the empty mount folder afterwards is refused: the unit tables of
+  // api_storage_test.cc and api_config_test.cc, with a plain folder as the mount point.
+}
 
-  // Gone: browsing and choosing it again say so.
-  r = api_cartelle(sfoglia);
-  EXPECT_EQ(r.status, 400);
-  EXPECT_EQ(r.corpo["message"],
-            "L'unita' non e' montata: premi di nuovo \"Usa questa unita'\" o \"Collega\"");
-  EXPECT_EQ(api_config(richiesta("POST", scelta)).status, 400);
+TEST_F(ApiRootTest, ServerUserThatCannotWriteTheFolderIsNamed) {
+  ::chmod(srv.percorso().c_str(), 0755);
+  fs::create_directory(srv / "di_root");  // root's, 0755: nobody may enter but not write
+  ::chmod((srv / "di_root").c_str(), 0755);
+  fs::create_directory(srv / "aperta");
+  ::chmod((srv / "aperta").c_str(), 0777);
+
+  auto sonda = [](const std::string& cartella) {
+    return testing::sonda_come_nobody(
+        {"PATH=/usr/local/bin:/usr/bin:/bin:/usr/sbin:/sbin", "NVR_SONDA_CONFIG=" + cartella});
+  };
+  const Json rifiuto = {{"status", "error"},
+                        {"message",
+                         "Cartella non scrivibile dall'utente nobody con cui gira il server: crea "
+                         "una sottocartella o scegline un'altra"}};
+  EXPECT_EQ(sonda(srv / "di_root"), "400 " + rifiuto.dump());
+  std::string aperta = sonda(srv / "aperta");
+  EXPECT_TRUE(aperta.starts_with("200 {\"status\":\"success\"")) << aperta;
 }
 
 }  // namespace

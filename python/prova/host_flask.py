@@ -152,13 +152,11 @@ def _ffmpeg_figli():
     for pid in filter(str.isdigit, os.listdir("/proc")):
         try:
             with open(f"/proc/{pid}/stat") as f:
-                campi = f.read().rsplit(")", 1)[1].split()
-            with open(f"/proc/{pid}/cmdline", "rb") as f:
-                comando = f.read().split(b"\0")[0]
+                nome, campi = f.read().rsplit(")", 1)
         except OSError:
             continue
-        if int(campi[1]) == os.getpid() and campi[0] != "Z" and comando.endswith(b"ffmpeg"):
-            figli += 1
+        stato, padre = campi.split()[:2]
+        figli += nome.endswith("(ffmpeg") and int(padre) == os.getpid() and stato != "Z"
     return figli
 
 

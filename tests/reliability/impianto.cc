@@ -17,11 +17,9 @@ namespace nvr::affidabilita {
 
 namespace fs = std::filesystem;
 
-std::vector<Buco> Integrita::buchi_oltre(double secondi) const {
-  std::vector<Buco> oltre;
-  for (const Buco& b : buchi)
-    if (b.secondi() > secondi) oltre.push_back(b);
-  return oltre;
+int Integrita::buchi_oltre(double secondi) const {
+  return static_cast<int>(std::count_if(
+      buchi.begin(), buchi.end(), [&](const auto& b) { return b.second - b.first > secondi; }));
 }
 
 bool Integrita::coerente() const {
@@ -36,32 +34,21 @@ std::string Integrita::descrizione() const {
                                   {"doppi", &doppi},
                                   {"illeggibili", &illeggibili}})
     for (const auto& f : *v) s << titolo << ": " << f << "\n";
-  for (const Buco& b : buchi)
-    s << "buco telecamera " << b.cam_id << ": " << std::fixed << b.secondi() << " s da " << b.da
-      << "\n";
+  for (const auto& [da, a] : buchi)
+    s << "buco di " << std::fixed << a - da << " s da " << da << "\n";
   return s.str();
 }
-
-namespace {
-bool riproducibile(const std::string& f) {
-  auto r = _comando(
-      {"ffprobe", "-v", "error", "-show_entries", "format=duration", "-of", "csv=p=0", f}, 30);
-  return r.codice == 0 && std::atof(r.out.c_str()) > 0;
-}
-}  // namespace
 
 Integrita verifica_integrita(const std::string& db_file, const std::string& archivio,
                              bool ffprobe) {
   Integrita esito;
   std::map<std::string, int> indicizzati;
   std::map<std::int64_t, std::vector<std::pair<double, double>>> per_camera;
-  {
-    Connessione c(db_file);
-    for (const auto& r : c.righe("SELECT cam_id, inizio, fine, file FROM nvr_registrazioni")) {
-      ++esito.righe;
-      ++indicizzati[fs::path(come_testo(r[3])).lexically_normal().string()];
-      per_camera[come_intero(r[0])].emplace_back(come_reale(r[1]), come_reale(r[2]));
-    }
+  for (const auto& r : Connessione(db_file).righe("SELECT cam_id, inizio, fine, file FROM "
+                                                  "nvr_registrazioni")) {
+    ++esito.righe;
+    ++indicizzati[fs::path(come_testo(r[3])).lexically_normal().string()];
+    per_camera[come_intero(r[0])].emplace_back(come_reale(r[1]), come_reale(r[2]));
   }
   std::set<std::string> su_disco;
   std::error_code ec;
@@ -76,7 +63,10 @@ Integrita verifica_integrita(const std::string& db_file, const std::string& arch
     su_disco.insert(p);
     ++esito.file;
     if (!indicizzati.count(p)) esito.senza_riga.push_back(p);
-    if (ffprobe && !riproducibile(p)) esito.illeggibili.push_back(p);
+    if (!ffprobe) continue;
+    auto r = _comando(
+        {"ffprobe", "-v", "error", "-show_entries", "format=duration", "-of", "csv=p=0", p}, 30);
+    if (r.codice != 0 || std::atof(r.out.c_str()) <= 0) esito.illeggibili.push_back(p);
   }
   for (const auto& [f, n] : indicizzati) {
     if (!su_disco.count(f)) esito.senza_file.push_back(f);
@@ -86,7 +76,7 @@ Integrita verifica_integrita(const std::string& db_file, const std::string& arch
     std::sort(tratti.begin(), tratti.end());
     for (std::size_t i = 1; i < tratti.size(); ++i)
       if (tratti[i].first - tratti[i - 1].second > 1.0)
-        esito.buchi.push_back({cam, tratti[i - 1].second, tratti[i].first});
+        esito.buchi.emplace_back(tratti[i - 1].second, tratti[i].first);
   }
   return esito;
 }
@@ -97,8 +87,7 @@ double adesso() {
 
 std::int64_t scalare(const std::string& db_file, const std::string& sql,
                      const std::vector<Valore>& parametri) {
-  Connessione c(db_file);
-  auto r = c.righe(sql, parametri);
+  auto r = Connessione(db_file).righe(sql, parametri);
   return r.empty() || r[0].empty() ? 0 : come_intero(r[0][0]);
 }
 
@@ -121,39 +110,30 @@ std::string Impianto::avvia_telecamera() {
   std::string errore;
   if (!programma_->pronto())
     errore = programma_->uscita() + programma_->errori();
-  else if (password_.push_back(programma_->password()); !programma_->accedi())
+  else if (password_ = programma_->password(); !programma_->accedi())
     errore = "accesso rifiutato: " + programma_->uscita();
   if (errore.empty()) return ::testing::AssertionSuccess();
   return ::testing::AssertionFailure() << "il programma non parte: " << errore;
 }
 
-std::int64_t Impianto::aggiungi_camera(const std::string& nome) {
-  auto r = programma_->post("/api/telecamere", {{"nome", nome}, {"url", camera_->url()}});
-  const std::int64_t id = r.status == 200 ? r.json.value("id", std::int64_t{0}) : 0;
-  auto c = programma_->post("/api/nvr/camera", {{"id", id}, {"attiva", true}, {"modo", "sempre"}});
-  return c.status == 200 ? id : 0;
-}
-
-::testing::AssertionResult Impianto::registra_fino_a(const std::string& nome, int righe,
-                                                     std::int64_t* cam, int segmento) {
-  if (auto a = avvia(); !a) return a;
-  *cam = aggiungi_camera(nome);
-  if (*cam == 0 || registra(true) != 200)
-    return ::testing::AssertionFailure() << "telecamera o registrazione rifiutate";
-  segmenti_di(segmento);
+::testing::AssertionResult Impianto::registra(int righe, const std::string& impostazioni,
+                                              const std::vector<Valore>& parametri) {
+  auto r = programma_->post("/api/telecamere", {{"nome", "Ingresso"}, {"url", camera_->url()}});
+  cam_ = r.status == 200 ? r.json.value("id", std::int64_t{0}) : 0;
+  sql("UPDATE nvr_config SET attivo=1, " + impostazioni, parametri);
+  // Switching the camera on runs a pass at once: the recorder starts with these settings.
+  r = programma_->post("/api/nvr/camera", {{"id", cam_}, {"attiva", true}, {"modo", "sempre"}});
+  if (cam_ == 0 || r.status != 200)
+    return ::testing::AssertionFailure() << "telecamera rifiutata: " << r.corpo;
   if (!attendi([&] { return righe_indicizzate() >= righe; }, 90))
     return ::testing::AssertionFailure() << "meno di " << righe << " righe\n" << tutto_il_log();
   return ::testing::AssertionSuccess();
 }
 
-void Impianto::segmenti_di(int secondi) {
+void Impianto::sql(const std::string& sql, const std::vector<Valore>& parametri) const {
   Connessione c(db_file());
-  c.esegui("UPDATE nvr_config SET segmento_sec=?", {std::int64_t{secondi}});
+  c.esegui(sql, parametri);
   c.commit();
-}
-
-int Impianto::registra(bool si) {
-  return programma_->post("/api/nvr/config", {{"attivo", si ? 1 : 0}}).status;
 }
 
 void Impianto::uccidi() {
@@ -166,6 +146,18 @@ std::optional<int> Impianto::ferma(double secondi) {
   if (!in_esecuzione()) return std::nullopt;
   programma_->segnala(SIGTERM);
   return programma_->fine(secondi);
+}
+
+::testing::AssertionResult Impianto::ferma_e_verifica(double buco, std::string archivio,
+                                                      bool ffprobe) {
+  if (auto codice = ferma(); codice != 0)
+    return ::testing::AssertionFailure() << "uscita " << codice.value_or(-999) << "\n"
+                                         << tutto_il_log();
+  auto esito =
+      verifica_integrita(db_file(), archivio.empty() ? this->archivio() : archivio, ffprobe);
+  if (esito.coerente() && esito.buchi_oltre(buco) == 0) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << "buchi oltre " << buco << " s o archivio incoerente\n"
+                                       << esito.descrizione();
 }
 
 bool Impianto::in_esecuzione() const {
@@ -190,11 +182,9 @@ std::vector<pid_t> registratori_in(const std::string& cartella) {
     if (nome.find_first_not_of("0123456789") != std::string::npos) continue;
     const auto riga = testing::riga_di_comando(std::stoi(nome));
     if (riga.empty() || fs::path(riga[0]).filename() != "ffmpeg") continue;
-    for (const auto& a : riga)
-      if (a.rfind(cartella, 0) == 0) {
-        trovati.push_back(std::stoi(nome));
-        break;
-      }
+    if (std::any_of(riga.begin(), riga.end(),
+                    [&](const auto& a) { return a.starts_with(cartella); }))
+      trovati.push_back(std::stoi(nome));
   }
   return trovati;
 }

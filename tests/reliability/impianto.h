@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "autonomo/programma_di_prova.h"
@@ -20,26 +21,16 @@
 namespace nvr::affidabilita {
 
 // What "nothing was lost" means for an archive, checked from the outside after a fault: every
-// finished segment on disk has exactly one index row, every row has its file, every file plays,
-// and no hole in a camera's timeline is longer than the fault explains.
-// A hole in one camera's timeline: from the end of one indexed segment to the start of the next.
-struct Buco {
-  std::int64_t cam_id = 0;
-  double da = 0, a = 0;  // epoch seconds
-  double secondi() const { return a - da; }
-};
-
+// finished segment on disk has exactly one index row, every row has its file, every file plays.
+// The holes in a camera's timeline are judged by the caller, who knows the fault.
 struct Integrita {
-  int file = 0, righe = 0;               // finished segments on disk; rows of the index
-  std::vector<std::string> senza_riga;   // finished files the index does not know
-  std::vector<std::string> senza_file;   // rows whose file is gone
-  std::vector<std::string> doppi;        // files indexed more than once
-  std::vector<std::string> illeggibili;  // files ffprobe cannot read as video
-  std::vector<std::string> in_corso;     // files still in in-progress folders
-  std::vector<Buco> buchi;               // every hole longer than 1 s
+  int file = 0, righe = 0;  // finished segments on disk; rows of the index
+  std::vector<std::string> senza_riga, senza_file, doppi, illeggibili;  // the defects, by file
+  std::vector<std::string> in_corso;  // files still in in-progress folders
+  // Over 1 s from the end of one indexed segment of a camera to the start of its next.
+  std::vector<std::pair<double, double>> buchi;
 
-  std::vector<Buco> buchi_oltre(double secondi) const;
-  // Disk, index and files agree (holes are judged by the caller, who knows the fault).
+  int buchi_oltre(double secondi) const;
   bool coerente() const;
   std::string descrizione() const;  // for failure messages
 };
@@ -72,20 +63,23 @@ class Impianto {
   // Starts the program with `altro` arguments, waits until it listens and logs in; a failure
   // carries the program's output.
   ::testing::AssertionResult avvia(std::vector<std::string> altro = {});
-  // Starts the program, adds camera `nome` on the test camera, switches recording on with
-  // segments of `segmento` s and waits up to 90 s for `righe` rows; `cam` gets the camera's id.
-  ::testing::AssertionResult registra_fino_a(const std::string& nome, int righe, std::int64_t* cam,
-                                             int segmento = 3);
-  // Adds a camera recording always from the test camera; its id, 0 on failure.
-  std::int64_t aggiungi_camera(const std::string& nome);
-  // Segment length written into the database (the API keeps it ≥ 60 s and brings it back there
-  // on every saved configuration: call this after them).
-  void segmenti_di(int secondi);
-  int registra(bool si);  // recording on or off through the API; the HTTP status
+  // On the running program: switches recording on with the settings `impostazioni` written
+  // straight into the database (the API keeps segments of 60 s or more and 0.5 GB free), adds
+  // camera "Ingresso" recording always from the test camera (its id in cam()), and waits up to
+  // 90 s for `righe` rows.
+  ::testing::AssertionResult registra(int righe, const std::string& impostazioni = "segmento_sec=3",
+                                      const std::vector<Valore>& parametri = {});
+  std::int64_t cam() const { return cam_; }
+  // Runs `sql` on the program's database and commits.
+  void sql(const std::string& sql, const std::vector<Valore>& parametri = {}) const;
 
   void uccidi();  // SIGKILL to the program alone: its recorders keep running, as after a crash
   // SIGTERM and wait: the exit status, nothing when it did not end within `secondi`.
   std::optional<int> ferma(double secondi = 40);
+  // Stops the program (it must exit 0) and checks the archive below `archivio` (by default the
+  // data folder's): consistent, and no hole longer than `buco` seconds.
+  ::testing::AssertionResult ferma_e_verifica(double buco, std::string archivio = "",
+                                              bool ffprobe = true);
   bool in_esecuzione() const;
 
   prova::Programma& programma() { return *programma_; }
@@ -93,7 +87,7 @@ class Impianto {
   std::string db_file() const { return dati_ + "/nvr.db"; }
   std::string archivio() const { return dati_ + "/archivio"; }
   std::string tutto_il_log() const;  // stdout and stderr of every start so far
-  const std::vector<std::string>& password() const { return password_; }  // one per start
+  const std::string& password() const { return password_; }  // printed by the last start
   int righe_indicizzate() const;
   Integrita integrita(bool ffprobe = true) const {  // stop the program first
     return verifica_integrita(db_file(), archivio(), ffprobe);
@@ -104,8 +98,8 @@ class Impianto {
   std::string dati_ = temporanea_ / "dati";
   std::unique_ptr<testing::CameraRtsp> camera_;
   std::unique_ptr<prova::Programma> programma_;
-  std::string log_passati_;
-  std::vector<std::string> password_;
+  std::string log_passati_, password_;
+  std::int64_t cam_ = 0;
 };
 
 // The ffmpeg recorders running on the machine that write below `cartella`.
