@@ -75,9 +75,16 @@ class VivoE2eTest : public ::testing::Test {
 
 // Two viewers share one ffmpeg; the stream is ftyp+moov, then moof+mdat pieces; a late viewer
 // starts on a key frame; a picture comes from the live source; the process ends a few seconds
-// after the last viewer leaves, not before.
+// after the last viewer leaves, not before. A recorder of the same camera runs throughout,
+// undisturbed: same process, same command line, a segment every two seconds.
 TEST_F(VivoE2eTest, SpettatoriCondividonoUnProcesso) {
   const Camera cam = camera(41, camera_->url());
+  testing::CartellaTemporanea tmp;
+  Config cfg;
+  cfg.cartella = tmp.percorso();
+  cfg.segmento_sec = 2;
+  ASSERT_EQ(_avvia(cfg, cam, "continua"), std::make_pair(true, std::string()));
+  const pid_t registratore = registratore_di(cam.id)->proc->pid();
   const auto t0 = Orologio::now();
   auto v1 = guarda_dal_vivo(cam);
   auto v2 = guarda_dal_vivo(cam);
@@ -129,6 +136,16 @@ TEST_F(VivoE2eTest, SpettatoriCondividonoUnProcesso) {
   EXPECT_TRUE(testing::attendi_sparito(pid, 6));
   std::printf("processo finito %.2f s dopo l'ultimo spettatore\n", secondi_da(uscito));
   EXPECT_TRUE(vivi_in_corso().empty());
+
+  EXPECT_EQ(registratore_di(cam.id)->proc->pid(), registratore);
+  EXPECT_FALSE(registratore_di(cam.id)->proc->terminato());
+  EXPECT_EQ(testing::riga_di_comando(registratore),
+            argomenti_ffmpeg(cam.url, 2, tmp / "Vivo41/in_corso", _ffmpeg_major()));
+  std::size_t segmenti = 0;
+  for (const auto& f : std::filesystem::directory_iterator(tmp / "Vivo41/in_corso"))
+    segmenti += f.path().extension() == ".mp4";
+  EXPECT_GE(segmenti, static_cast<std::size_t>(secondi_da(t0) / 2) - 1);
+  _ferma(cam.id);
 }
 
 // A camera that is not there, or that takes the connection and says nothing (frozen), ends the
