@@ -2,6 +2,8 @@
 
 #include "autonomo/instradamento.h"
 #include "autonomo/telecamere_host.h"
+#include "core/testi.h"
+#include "web/api_vivo.h"
 
 namespace nvr::autonomo {
 
@@ -53,20 +55,32 @@ Risposta api_telecamere(const ContestoHost& c, const Richiesta& r) {
     auto id = aggiungi_telecamera(c.db_file, testo_campo(r.corpo, "nome").value_or(""),
                                   testo_campo(r.corpo, "url").value_or(""));
     if (!id) return errore_da(id);
+    if (auto vivo = testo_campo(r.corpo, "url_vivo")) {
+      auto esito = imposta_url_vivo(c.db_file, id.valore(), *vivo);
+      if (!esito) {
+        (void)elimina_telecamera(c.db_file, id.valore());  // nothing half-saved
+        return errore_da(esito);
+      }
+    }
     return successo({{"id", id.valore()}});
   }
   Json elenco = Json::array();
   for (const auto& t : elenco_telecamere(c.db_file))
-    elenco.push_back({{"id", t.id}, {"nome", t.nome}, {"url", t.url}});
+    elenco.push_back({{"id", t.id}, {"nome", t.nome}, {"url", t.url}, {"url_vivo", t.url_vivo}});
   return successo({{"telecamere", elenco}});
 }
 
 Risposta api_telecamera(const ContestoHost& c, const Richiesta& r) {
   const std::int64_t id = r.rid.value_or(-1);
+  auto vivo = testo_campo(r.corpo, "url_vivo");
+  if (r.metodo == "POST" && vivo && !spoglia_spazi_e_righe(*vivo).empty() &&
+      !schema_flusso_valido(spoglia_spazi_e_righe(*vivo)))
+    return errore_json("Indirizzo del flusso non valido", 400);  // before anything is saved
   auto esito = r.metodo == "DELETE"
                    ? elimina_telecamera(c.db_file, id)
                    : modifica_telecamera(c.db_file, id, testo_campo(r.corpo, "nome"),
                                          testo_campo(r.corpo, "url"));
+  if (esito && r.metodo == "POST" && vivo) esito = imposta_url_vivo(c.db_file, id, *vivo);
   if (!esito) return errore_da(esito);
   return successo();
 }
@@ -124,6 +138,14 @@ void registra_rotte_host(AppWeb& app, std::shared_ptr<const ContestoHost> c) {
   app.add_url_rule("/api/telecamere/<int:rid>", "telecamera", protetta(api_telecamera),
                    {"POST", "DELETE"});
   app.add_url_rule("/api/stati", "stati", protetta(api_stati), {"GET", "POST"});
+  // Live view watches the lighter stream when the owner gave one.
+  registra_rotte_vivo(app, login, admin, [db = c->db_file](CamId id) {
+    std::optional<Camera> cam = telecamera_registrata(id);
+    if (cam)
+      for (const auto& t : elenco_telecamere(db))
+        if (t.id == id && !t.url_vivo.empty()) cam->url = t.url_vivo;
+    return cam;
+  });
 }
 
 }  // namespace nvr::autonomo

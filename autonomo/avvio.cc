@@ -62,7 +62,8 @@ void configura_primo_avvio(const std::string& dati) {
   _salva_config(cfg);
 }
 
-std::optional<std::int64_t> prepara_demo(const std::string& db_file, const std::string& url) {
+std::optional<std::int64_t> prepara_demo(const std::string& db_file, const std::string& url,
+                                         const std::string& url_vivo) {
   std::optional<std::int64_t> id;
   {
     Connessione c(db_file);
@@ -84,6 +85,7 @@ std::optional<std::int64_t> prepara_demo(const std::string& db_file, const std::
   } else if (!modifica_telecamera(db_file, *id, std::nullopt, url)) {
     return std::nullopt;  // removed by the user: it stays removed
   }
+  (void)imposta_url_vivo(db_file, *id, url_vivo);
   for (const Camera& cam : _telecamere())
     if (cam.id == *id) {
       Json imp = cam.come_json();

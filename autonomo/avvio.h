@@ -25,10 +25,11 @@ Esito<std::string> fuso_da_usare(const std::string& scelto);
 void configura_primo_avvio(const std::string& dati);
 
 // Adds the demo camera "Demo" with stream `url` the first time (never again, even after the
-// user removed it), or points the existing one at `url`; then switches recording on and enables
-// that camera. Answers its id, or nothing when the user removed it. Needs the recorder attached;
-// database errors throw ErroreDb.
-std::optional<std::int64_t> prepara_demo(const std::string& db_file, const std::string& url);
+// user removed it), or points the existing one at `url`, with `url_vivo` as its live-view
+// stream; then switches recording on and enables that camera. Answers its id, or nothing when
+// the user removed it. Needs the recorder attached; database errors throw ErroreDb.
+std::optional<std::int64_t> prepara_demo(const std::string& db_file, const std::string& url,
+                                         const std::string& url_vivo);
 
 // A TCP port on 127.0.0.1 that was free a moment ago; 0 when none could be found.
 int porta_libera_locale();

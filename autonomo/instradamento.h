@@ -17,7 +17,7 @@ inline constexpr const char* kCorpoGrezzo = ":corpo";
 
 class Instradatore : public AppWeb {
  public:
-  // Adds a rule. `percorso` may end with one "<int:rid>" segment. Throws std::runtime_error
+  // Adds a rule. `percorso` may hold one "<int:rid>" segment. Throws std::runtime_error
   // when `endpoint` is already registered (a route registered twice is a wiring fault).
   void add_url_rule(const std::string& percorso, const std::string& endpoint, Vista vista,
                     const std::vector<std::string>& metodi) override;

@@ -20,6 +20,7 @@
 #include "core/stato.h"
 #include "engine/motore.h"
 #include "engine/registratori.h"
+#include "engine/vivo.h"
 #include "web/collega.h"
 #include "web/segnali.h"
 
@@ -122,15 +123,20 @@ int esegui(const Opzioni& o) {
     });
   };
 
+  // The demo stream serves one client: the recorder. Live view gets a stream of its own.
   auto demo = std::make_shared<GeneratoreDemo>();
+  auto demo_vivo = std::make_shared<GeneratoreDemo>();
   try {
     registra_rotte_host(*rotte, contesto);
     collega(host);
     configura_primo_avvio(dati.valore());
     if (o.demo) {
       const int porta_demo = porta_libera_locale();
-      if (prepara_demo(db_file, url_demo(porta_demo))) {
+      int porta_vivo = porta_libera_locale();
+      while (porta_vivo == porta_demo) porta_vivo = porta_libera_locale();
+      if (prepara_demo(db_file, url_demo(porta_demo), url_demo(porta_vivo))) {
         demo->avvia(porta_demo);
+        demo_vivo->avvia(porta_vivo);
         // The recorder's first attempt must find the stream, or it waits out a back-off.
         if (!demo->attendi_ascolto(porta_demo, 10))
           std::fprintf(stderr, "La telecamera dimostrativa non parte: si riprova\n");
@@ -144,9 +150,11 @@ int esegui(const Opzioni& o) {
   } catch (const std::exception& e) {
     return fallisci(std::string("Avvio non riuscito: ") + e.what());
   }
-  registra_uscita_nativa([demo, server] {
+  registra_uscita_nativa([demo, demo_vivo, server] {
     demo->ferma();
+    demo_vivo->ferma();
     server->ferma();
+    ferma_vivi();
   });
   _giro_sicuro();
 

@@ -46,12 +46,13 @@ TEST_F(ServerE2eTest, EveryApiRouteWantsLoginAndTheRightPasswordOpensThem) {
   std::vector<std::pair<std::string, std::string>> protette = {
       {"GET", "/api/info"},          {"GET", "/api/telecamere"},      {"POST", "/api/telecamere"},
       {"POST", "/api/telecamere/1"}, {"DELETE", "/api/telecamere/1"}, {"GET", "/api/stati"},
-      {"POST", "/api/stati"}};
+      {"POST", "/api/stati"},        {"GET", "/api/vivo"},            {"GET", "/api/vivo/1"},
+      {"GET", "/api/vivo/griglia"},  {"GET", "/api/vivo/1/istantanea"}, {"POST", "/api/vivo/prova"}};
   for (const Rotta& r : rotte()) {
     std::string p = std::regex_replace(r.percorso, std::regex("<int:rid>"), "1");
     for (const auto& m : r.metodi) protette.emplace_back(m, p);
   }
-  ASSERT_EQ(protette.size(), 7u + 17u);  // 15 routes, two of them with two methods
+  ASSERT_EQ(protette.size(), 12u + 17u);  // 15 routes, two of them with two methods
   for (const auto& [metodo, percorso] : protette) {
     auto r = programma->chiama(metodo, percorso, "{}");
     EXPECT_EQ(r.json["message"], "Accesso richiesto") << r.status << " " << metodo << percorso;
@@ -95,6 +96,17 @@ TEST_F(ServerE2eTest, CamerasAreAddedChangedAndRemoved) {
   const std::string p1 = "/api/telecamere/" + std::to_string(r.json["id"].get<std::int64_t>());
   EXPECT_EQ(programma->post(p1, {{"nome", "Portone"}, {"url", "rtsps://10.0.0.9/s2"}}).status, 200);
   EXPECT_EQ(programma->post(p1, {{"url", "ftp://x"}}).status, 400);
+  // The optional live-view stream: checked like the main one, "" goes back to the main one.
+  EXPECT_EQ(programma->post(p1, {{"nome", "X"}, {"url_vivo", "ftp://x"}}).status, 400);
+  EXPECT_EQ(programma->post(p1, {{"url_vivo", " rtsp://10.0.0.9/s3 "}}).status, 200);
+  EXPECT_EQ(programma->get("/api/telecamere").json["telecamere"][0]["url_vivo"],
+            "rtsp://10.0.0.9/s3");
+  EXPECT_EQ(programma->post(p1, {{"url_vivo", ""}}).status, 200);
+  EXPECT_EQ(programma->get("/api/telecamere").json["telecamere"][0]["url_vivo"], "");
+  r = programma->post("/api/telecamere", {{"nome", "Y"}, {"url", "rtsp://a/b"}, {"url_vivo", "x"}});
+  EXPECT_EQ(r.json["message"], "Indirizzo del flusso non valido");
+  for (const char* p : {"/api/vivo/999", "/api/vivo/999/istantanea", "/api/vivo/abc"})
+    EXPECT_EQ(programma->get(p).status, 404) << p;
   EXPECT_EQ(programma->get("/api/nvr/config").json["telecamere"][0]["nome"], "Portone");
   EXPECT_EQ(programma->elimina(p1).status, 200);
   EXPECT_EQ(programma->elimina(p1).json["message"], "Telecamera non trovata");

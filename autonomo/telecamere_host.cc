@@ -22,14 +22,19 @@ void crea_tabella_telecamere(const std::string& db_file) {
   Connessione c(db_file);
   c.esegui(
       "CREATE TABLE IF NOT EXISTS tapo_cameras (id INTEGER PRIMARY KEY, name TEXT, rtsp_url TEXT)");
+  bool ha_vivo = false;
+  for (const Riga& r : c.righe("PRAGMA table_info(tapo_cameras)"))
+    ha_vivo = ha_vivo || come_testo(r[1]) == "url_vivo";
+  if (!ha_vivo) c.esegui("ALTER TABLE tapo_cameras ADD COLUMN url_vivo TEXT");
   c.commit();
 }
 
 std::vector<TelecameraHost> elenco_telecamere(const std::string& db_file) {
   Connessione c(db_file);
   std::vector<TelecameraHost> elenco;
-  for (const Riga& r : c.righe("SELECT id, name, rtsp_url FROM tapo_cameras ORDER BY id"))
-    elenco.push_back({come_intero(r[0]), come_testo(r[1]), come_testo(r[2])});
+  for (const Riga& r : c.righe("SELECT id, name, rtsp_url, url_vivo FROM tapo_cameras ORDER BY id"))
+    elenco.push_back({come_intero(r[0]), come_testo(r[1]), come_testo(r[2]),
+                      valore_vuoto(r[3]) ? "" : come_testo(r[3])});
   return elenco;
 }
 
@@ -56,6 +61,19 @@ Esito<bool> modifica_telecamera(const std::string& db_file, std::int64_t id,
   if (url)
     c.esegui("UPDATE tapo_cameras SET rtsp_url=? WHERE id=?", {spoglia_spazi_e_righe(*url), id});
   c.commit();
+  return true;
+}
+
+Esito<bool> imposta_url_vivo(const std::string& db_file, std::int64_t id,
+                             const std::string& url_vivo) {
+  const std::string url = spoglia_spazi_e_righe(url_vivo);
+  if (!url.empty())
+    if (auto e = controlla(std::nullopt, url)) return *e;
+  Connessione c(db_file);
+  c.esegui("UPDATE tapo_cameras SET url_vivo=? WHERE id=?", {url, id});
+  const bool trovata = c.cambiate() > 0;
+  c.commit();
+  if (!trovata) return Errore{404, "Telecamera non trovata"};
   return true;
 }
 

@@ -1,5 +1,6 @@
 // The program's own camera list: the table tapo_cameras (id, name, rtsp_url) of the shared
-// database, which the recorder reads to know the cameras.
+// database, which the recorder reads to know the cameras, plus the program's own column
+// url_vivo: an optional lighter stream for live view (recording always uses rtsp_url).
 //
 // Every call opens and closes its own connection; database errors throw ErroreDb. Expected
 // failures come back as Errore with the HTTP status in codice and the message for the user.
@@ -18,9 +19,10 @@ struct TelecameraHost {
   std::int64_t id = 0;
   std::string nome;
   std::string url;
+  std::string url_vivo;  // "" when live view uses `url`
 };
 
-// Creates the table when missing.
+// Creates the table when missing, and its url_vivo column when an older table lacks it.
 void crea_tabella_telecamere(const std::string& db_file);
 
 // All cameras, by ascending id.
@@ -36,6 +38,11 @@ Esito<std::int64_t> aggiungi_telecamera(const std::string& db_file, const std::s
 Esito<bool> modifica_telecamera(const std::string& db_file, std::int64_t id,
                                 const std::optional<std::string>& nome,
                                 const std::optional<std::string>& url);
+
+// Sets the live-view stream of the camera ("" or blank: live view uses the main address); same
+// address check as above, Errore 404 "Telecamera non trovata".
+Esito<bool> imposta_url_vivo(const std::string& db_file, std::int64_t id,
+                             const std::string& url_vivo);
 
 // Removes the camera; Errore 404 "Telecamera non trovata". Its recordings and its recorder
 // settings stay: the recorder keeps settings of cameras the host no longer lists.

@@ -38,5 +38,16 @@ TEST(TestiTest, EachTrimKeepsWhatItDoesNotOwn) {
   EXPECT_FALSE(schema_flusso_valido(" rtsp://x"));
 }
 
+TEST(TestiTest, Base64OfEveryPaddingAndHighBytes) {
+  const std::pair<std::string, std::string> casi[] = {{"", ""},
+                                                      {"f", "Zg=="},
+                                                      {"fo", "Zm8="},
+                                                      {"foo", "Zm9v"},
+                                                      {"foob", "Zm9vYg=="},
+                                                      {"foobar", "Zm9vYmFy"},
+                                                      {"\xff\xfe", "//4="}};
+  for (const auto& [dati, atteso] : casi) EXPECT_EQ(base64(dati), atteso) << dati;
+}
+
 }  // namespace
 }  // namespace nvr

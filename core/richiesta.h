@@ -3,8 +3,11 @@
 // Risposta back in its own way.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
@@ -33,17 +36,38 @@ struct FileDaInviare {
   std::string nome_download;   // the file name offered to the browser
 };
 
+// A body made while it is being sent (a live camera), of unknown length. The host pulls it
+// without blocking and sends it chunked; dropping the last reference ends it on the maker's side.
+class Flusso {
+ public:
+  enum class Lettura { kDati, kVuoto, kFine };
+  virtual ~Flusso() = default;
+  // Never blocks. kDati: `n` (> 0) bytes were copied into `dove` (at most `max`). kVuoto:
+  // nothing now; `sveglia` will be called once, from any thread, when there is something to
+  // read or the body has ended. kFine: the body is over (for good).
+  virtual Lettura leggi(char* dove, std::size_t max, std::size_t& n,
+                        std::function<void()> sveglia) = 0;
+  // The Content-Type of the body.
+  virtual std::string tipo() const = 0;
+};
+
+// For hosts with a thread per answer: waits up to `secondi` for something to read. Same
+// results as Flusso::leggi, kVuoto meaning that the time ran out.
+Flusso::Lettura leggi_attendendo(Flusso& flusso, char* dove, std::size_t max, std::size_t& n,
+                                 double secondi);
+
 struct Risposta {
   int status = 200;
   Json corpo = Json::object();           // the JSON object of the body (unused for a file)
   std::optional<FileDaInviare> file;     // when set, the body is this file
+  std::shared_ptr<Flusso> flusso;        // when set (and no file), the body is this stream
   std::vector<std::pair<std::string, std::string>> intestazioni;  // extra headers
 };
 
 // How every host turns its raw request into a Richiesta.
 
-// Whether `percorso` matches the route `regola`; a "<int:rid>" segment of the route takes a
-// non-negative integer of at most 18 digits and nothing else, and fills `rid`.
+// Whether `percorso` matches the route `regola`; one "<int:rid>" segment of the route (the last
+// or not) takes a non-negative integer of at most 18 digits and nothing else, and fills `rid`.
 bool corrisponde_rotta(const std::string& regola, const std::string& percorso,
                        std::optional<std::int64_t>& rid);
 

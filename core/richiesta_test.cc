@@ -36,6 +36,13 @@ TEST(RichiestaTest, IntegerSegmentTakesOnlyPlainNonNegativeIntegers) {
   EXPECT_TRUE(corrisponde_rotta("/api/nvr/stato", "/api/nvr/stato", rid));
   EXPECT_FALSE(corrisponde_rotta("/api/nvr/stato", "/api/nvr/stato/", rid));
   EXPECT_FALSE(rid.has_value());
+  // A placeholder inside the route.
+  const std::string foto = "/api/vivo/<int:rid>/istantanea";
+  EXPECT_TRUE(corrisponde_rotta(foto, "/api/vivo/12/istantanea", rid));
+  EXPECT_EQ(rid, 12);
+  for (const char* p : {"/api/vivo//istantanea", "/api/vivo/1x/istantanea", "/api/vivo/12",
+                        "/api/vivo/istantanea", "/api/vivo/12/istantaneaa"})
+    EXPECT_FALSE(corrisponde_rotta(foto, p, rid)) << p;
 }
 
 TEST(RichiestaTest, BodyIsAnObjectOrEmpty) {

@@ -1,5 +1,8 @@
 #include "core/testi.h"
 
+#include <algorithm>
+#include <cstdint>
+
 namespace nvr {
 
 namespace {
@@ -29,6 +32,22 @@ bool schema_flusso_valido(const std::string& url) {
   for (const char* schema : {"rtsp://", "rtsps://", "http://", "https://"})
     if (m.starts_with(schema)) return true;
   return false;
+}
+
+std::string base64(std::string_view dati) {
+  static constexpr char kAlfabeto[] =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::string uscita;
+  uscita.reserve((dati.size() + 2) / 3 * 4);
+  for (std::size_t i = 0; i < dati.size(); i += 3) {
+    const std::size_t resto = std::min<std::size_t>(3, dati.size() - i);
+    std::uint32_t gruppo = 0;
+    for (std::size_t k = 0; k < 3; ++k)
+      gruppo = (gruppo << 8) | (k < resto ? static_cast<unsigned char>(dati[i + k]) : 0u);
+    for (std::size_t k = 0; k < 4; ++k)
+      uscita.push_back(k <= resto ? kAlfabeto[(gruppo >> (18 - 6 * k)) & 0x3f] : '=');
+  }
+  return uscita;
 }
 
 }  // namespace nvr

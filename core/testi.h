@@ -25,4 +25,7 @@ std::string minuscolo(std::string s);
 // streams a recorder can read.
 bool schema_flusso_valido(const std::string& url);
 
+// `dati` in base64 (RFC 4648, with padding), for data: URLs.
+std::string base64(std::string_view dati);
+
 }  // namespace nvr

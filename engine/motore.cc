@@ -23,6 +23,7 @@
 #include "engine/decisione.h"
 #include "engine/piano_giro.h"
 #include "engine/registratori.h"
+#include "engine/vivo.h"
 #include "storage/comando.h"
 #include "storage/con_timeout.h"
 
@@ -217,6 +218,11 @@ void _motore() {
     _ferma_orfani();
   } catch (const std::exception& e) {
     _log(std::string("controllo ffmpeg orfani: ") + e.what());
+  }
+  try {
+    _ferma_vivi_orfani();
+  } catch (const std::exception& e) {
+    _log(std::string("controllo ffmpeg orfani della diretta: ") + e.what());
   }
   while (!fermare) {
     _sveglia.clear();

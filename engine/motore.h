@@ -13,10 +13,10 @@
 
 namespace nvr {
 
-// The engine thread's body: waits up to 10 s (or a wake-up), stops recorders left by an earlier
-// run, then runs a pass, waits up to 3 s on _sveglia, and so on. Never returns (see
-// arresta_motore); a pass that throws is logged as "giro del motore: ..." and the loop
-// goes on.
+// The engine thread's body: waits up to 10 s (or a wake-up), stops recorders and live processes
+// (engine/vivo.h) left by an earlier run, then runs a pass, waits up to 3 s on _sveglia, and so
+// on. Never returns (see arresta_motore); a pass that throws is logged as "giro del motore: ..."
+// and the loop goes on.
 void _motore();
 
 // One pass. Call it only holding _giro_lock. Throws what its jobs throw (database errors, a

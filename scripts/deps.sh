@@ -8,12 +8,12 @@ what=${1:-test}
 run_pkgs=(
   build-essential cmake pkg-config
   nlohmann-json3-dev libsqlite3-dev libhowardhinnant-date-dev tzdata
-  libcpp-httplib-dev libcli11-dev libssl-dev
+  libmicrohttpd-dev libcli11-dev libssl-dev
   pybind11-dev python3-dev python3-flask
   ffmpeg util-linux procps mount sudo
 )
 test_pkgs=(
-  googletest libgtest-dev sqlite3 python3-pytest python3-tz
+  googletest libgtest-dev libcpp-httplib-dev sqlite3 python3-pytest python3-tz
   python3-gi gir1.2-gst-rtsp-server-1.0 gstreamer1.0-plugins-base
   gstreamer1.0-plugins-good gstreamer1.0-plugins-ugly
   e2fsprogs dosfstools

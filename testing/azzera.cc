@@ -7,6 +7,7 @@
 #include "engine/decisione.h"
 #include "engine/motore.h"
 #include "engine/registratori.h"
+#include "engine/vivo.h"
 #include "storage/comando.h"
 #include "storage/montaggi.h"
 #include "storage/prontezza.h"
@@ -16,6 +17,7 @@ namespace nvr {
 
 void azzera_stato_per_test() {
   A.azzera_per_test();
+  azzera_vivo_per_test();
   azzera_registratori_per_test();
   azzera_decisione_per_test();
   azzera_motore_per_test();

@@ -429,10 +429,11 @@ TEST(AbusiTest, SecretsNeverLeakAndMalformedRequestsNeverCrashLeakOrLose) {
                                   ", NVR_SEME=" + std::to_string(seme) + ")";
       ASSERT_FALSE(a.scaduta) << "nessuna risposta: " << traccia;
       ASSERT_TRUE(a.status != 0 || c.http_rotto) << "chiusa senza risposta: " << traccia;
-      if (a.status == 500 && c.puo_500)
+      if (a.status == 500 && c.puo_500) {
         EXPECT_NE(a.corpo.find("non e' un"), std::string::npos) << a.corpo << traccia;
-      else
+      } else if (!(c.http_rotto && a.status == 505)) {  // "HTTP/9.9" is answered as such
         ASSERT_LT(a.status, 500) << a.corpo.substr(0, 300) << traccia;
+      }
       for (const std::string& vietato : {segreto, std::string("root:x:0:0"), admin, condivisa})
         ASSERT_EQ(a.corpo.find(vietato), std::string::npos) << traccia;
       if (c.video && (a.status == 200 || a.status == 206) && !a.corpo.empty()) {
