@@ -57,7 +57,13 @@ py::object percorso_python(const std::string& percorso) {
 py::object risposta_flask(const Risposta& r) {
   py::object f = flask();
   py::object risposta;
-  if (r.file) {
+  if (r.flusso && !r.file) {
+    // Sent as it comes; the server's worker waits for each piece with the GIL released.
+    risposta = f.attr("Response")(py::cast(PezziDiFlusso{r.flusso}), py::arg("status") = r.status,
+                                  py::arg("mimetype") = r.flusso->tipo(),
+                                  py::arg("direct_passthrough") = true);
+    risposta.attr("headers").attr("__setitem__")("Cache-Control", "no-store");
+  } else if (r.file) {
     // The framework answers byte ranges (206) and validators (304) itself.
     risposta = f.attr("send_file")(
         percorso_python(r.file->percorso), py::arg("mimetype") = r.file->tipo,
@@ -73,6 +79,19 @@ py::object risposta_flask(const Risposta& r) {
 }
 
 }  // namespace
+
+py::bytes PezziDiFlusso::prossimo() {
+  std::string pezzo(64 * 1024, '\0');
+  std::size_t n = 0;
+  Flusso::Lettura l = Flusso::Lettura::kVuoto;
+  {
+    py::gil_scoped_release senza_gil;
+    while (l == Flusso::Lettura::kVuoto)
+      l = leggi_attendendo(*flusso, pezzo.data(), pezzo.size(), n, 1.0);
+  }
+  if (l == Flusso::Lettura::kFine) throw py::stop_iteration();
+  return py::bytes(pezzo.data(), n);
+}
 
 void imposta_flask(py::object flask) { flask_ = new py::object(std::move(flask)); }
 

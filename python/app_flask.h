@@ -8,6 +8,7 @@
 
 #include <pybind11/pybind11.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,13 @@ class AppFlask : public AppWeb {
 
  private:
   const ModuloOspite* ospite_;
+};
+
+// A streamed answer as a Python iterator of bytes, for flask.Response: each next() waits (GIL
+// released) for the next piece; StopIteration at the end. Dropping it ends the stream.
+struct PezziDiFlusso {
+  std::shared_ptr<Flusso> flusso;
+  pybind11::bytes prossimo();
 };
 
 // The Flask module, imported when the extension loads (its import failing fails the load).

@@ -4,6 +4,7 @@
 #include "core/stato.h"
 #include "python/app_flask.h"
 #include "python/host_python.h"
+#include "web/api_vivo.h"
 #include "web/collega.h"
 
 namespace py = pybind11;
@@ -26,4 +27,19 @@ PYBIND11_MODULE(nvr, m) {
       py::arg("modulo_app"),
       "Collega il registratore al modulo dell'applicazione Flask: True la prima volta, False "
       "se era gia' collegato. RuntimeError se il modulo non ha un oggetto app.");
+
+  py::class_<nvr::python::PezziDiFlusso>(m, "PezziDiFlusso")
+      .def("__iter__", [](py::object self) { return self; })
+      .def("__next__", &nvr::python::PezziDiFlusso::prossimo);
+
+  m.def(
+      "collega_vivo",
+      [](py::object modulo_app) {
+        if (!nvr::host_attuale()) throw std::runtime_error("Chiama prima nvr.collega(modulo)");
+        std::shared_ptr<nvr::Host> host = nvr::python::host_da_modulo(modulo_app);
+        nvr::registra_rotte_vivo(*host->app, {}, {}, nvr::telecamera_registrata);
+      },
+      py::arg("modulo_app"),
+      "Aggiunge all'app Flask la visione dal vivo (/api/vivo/...), dietro le guardie del "
+      "modulo. Facoltativa; da chiamare dopo collega.");
 }

@@ -5,6 +5,7 @@ import datetime
 import os
 import re
 import time
+import urllib.request
 import zoneinfo
 
 from conftest import CONCESSO, attendi, avvia_registrazione
@@ -69,3 +70,18 @@ def test_registra_indicizza_elenca_riproduce_elimina(host, camera, archivio):
     assert host.sql("SELECT id FROM nvr_registrazioni WHERE id=?", (seg["id"],)) == []
     assert host.get(seg["url"]).status == 404
     assert "[NVR] Ingresso: registrazione avviata (continua)\n" in host.testo_log()
+
+
+def test_dal_vivo_attraverso_flask(host, camera):
+    """The optional live view through Flask: a stream that starts with its initialisation
+    segment, a picture, and the Italian 404 behind the host's own guards."""
+    host.aggiungi_camera(5, "Vivo", camera)
+    richiesta = urllib.request.Request(f"http://127.0.0.1:{host.porta}/api/vivo/5",
+                                       headers=CONCESSO)
+    with urllib.request.urlopen(richiesta, timeout=20) as r:
+        assert r.headers["Content-Type"] == "video/mp4"
+        assert r.read(8)[4:] == b"ftyp"
+    assert host.get("/api/vivo/5/istantanea").corpo[:2] == b"\xff\xd8"
+    assert host.get("/api/vivo/99").json == {"status": "error",
+                                              "message": "Telecamera non trovata"}
+    assert host.get("/api/vivo/5", intestazioni={}).status != 200

@@ -175,6 +175,7 @@ with sqlite3.connect(DB_FILE) as c:
               "(id INTEGER PRIMARY KEY, name TEXT, rtsp_url TEXT)")
 
 nvr.collega(sys.modules[__name__])
+nvr.collega_vivo(sys.modules[__name__])
 
 server = werkzeug.serving.make_server("127.0.0.1", opzioni.porta, app, threaded=True)
 print("host pronto", flush=True)
