@@ -34,6 +34,7 @@ function campo_vivo(valore = '') {
 function prova_collegamento(input) {
   const bottone = el('button', { type: 'button', class: 'secondario' }, 'Prova il collegamento');
   const esito = el('div', { class: 'prova-collegamento', role: 'status' });
+  input.parentElement.append(el('div', { class: 'azioni' }, bottone), esito);
   bottone.addEventListener('click', async () => {
     const url = input.value.trim();
     if (!errore_campo(input, SCHEMI.test(url) ? ''
@@ -66,8 +67,7 @@ function costruisci(sezione) {
   const prova = prova_collegamento(url.input);
   const esito = el('div', { hidden: true });
   const modulo = el('form', { class: 'scheda', id: 'nuova-telecamera', novalidate: true },
-    el('h3', {}, 'Aggiungi una telecamera'), nome.blocco, url.blocco,
-    el('div', { class: 'azioni' }, prova.bottone), prova.esito, vivo.blocco, esito,
+    el('h3', {}, 'Aggiungi una telecamera'), nome.blocco, url.blocco, vivo.blocco, esito,
     el('button', { type: 'submit' }, 'Aggiungi'));
   modulo.addEventListener('submit', async (ev) => {
     ev.preventDefault();
@@ -217,8 +217,7 @@ function scheda(c) {
 
   const radice = el('article', { class: 'scheda telecamera', id, dataset: { id: String(c.id) } },
     el('h3', {}, c.nome),
-    el('div', { class: 'modulo-host' }, nome.blocco, url.blocco, vivo.blocco,
-       el('div', { class: 'azioni' }, prova.bottone), prova.esito, esito_host,
+    el('div', { class: 'modulo-host' }, nome.blocco, url.blocco, vivo.blocco, esito_host,
        el('div', { class: 'azioni' }, salva_host, rimuovi)),
     modulo);
 
