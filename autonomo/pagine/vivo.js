@@ -9,6 +9,7 @@ const FOTO_MS = 2000;       // picture refresh when the video cannot be played
 const TIENI_S = 10;         // buffered video kept behind the playing point
 const RITARDO_MAX_S = 3;    // further behind the live edge than this: jump forward
 const CODA_MAX = 200;       // pieces waiting for a busy SourceBuffer; past this the oldest go
+const INIT_MAX = 4 << 20;  // an init segment is a few hundred bytes; this much means garbage
 const INTESTAZIONE = 9;     // camera id (4), kind (1), length (4)
 
 let nodi = null;
@@ -217,6 +218,7 @@ function ricevi_dati(r, dati) {
     }
     if (!fine_init(tutto)) {
       r.testa = tutto;
+      if (tutto.length > INIT_MAX) passa_a_foto(r, 'Il video della telecamera non è leggibile: si vede un\'immagine.');
       return;
     }
     r.testa = null;
@@ -232,7 +234,8 @@ function ricevi_dati(r, dati) {
 
 function camera_finita(r, motivo) {
   chiudi_riquadro(r);
-  mostra_nota(r, `${motivo || 'Collegamento interrotto'}. Nuovo tentativo fra ${RIPROVA_MS / 1000} secondi...`);
+  const perche = (motivo || 'Collegamento interrotto').trim().replace(/\.+$/, '');
+  mostra_nota(r, `${perche}. Nuovo tentativo fra ${RIPROVA_MS / 1000} secondi...`);
   r.radice.dataset.finita = '1';
   in_attesa.add(r.id);
   if (!timer_riprova) timer_riprova = setTimeout(riprova, RIPROVA_MS);
