@@ -7,6 +7,7 @@ const GIORNI = ['Lun', 'Mar', 'Mer', 'Gio', 'Ven', 'Sab', 'Dom'];
 const GIORNI_LUNGHI = ['lunedì', 'martedì', 'mercoledì', 'giovedì', 'venerdì', 'sabato', 'domenica'];
 const SCHEMI = /^(rtsp|rtsps|http|https):\/\//i;
 const ORA = /^([01]\d|2[0-3]):[0-5]\d$/;
+const NOMI_CODEC = { h264: 'H.264', hevc: 'H.265', mjpeg: 'MJPEG' };
 
 let nodi = null;
 let progressivo = 0;
@@ -50,8 +51,10 @@ function prova_collegamento(input) {
     const d = r.dati;
     const fps = d.fps ? `, ${String(Math.round(d.fps * 10) / 10).replace('.', ',')} fotogrammi al secondo` : '';
     esito.replaceChildren(
-      el('p', { class: 'avviso ok' }, `Collegamento riuscito: ${d.codec || 'codec sconosciuto'}, ` +
+      el('p', { class: 'avviso ok' }, `Collegamento riuscito: ${NOMI_CODEC[d.codec] || d.codec || 'codec sconosciuto'}, ` +
          `${d.larghezza}×${d.altezza}${fps}.`),
+      d.codec === 'hevc' ? el('p', { class: 'tenue' }, 'Molti browser non riproducono H.265: dal vivo ' +
+         "si vedrebbe un'immagine ogni pochi secondi. Un flusso H.264 per la visione dal vivo lo evita.") : null,
       d.immagine ? el('img', { src: d.immagine, alt: "Immagine ricevuta dall'indirizzo provato" }) : null);
   });
   return { bottone, esito };
