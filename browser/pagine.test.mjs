@@ -99,6 +99,10 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     await nuova.getByRole('button', { name: 'Aggiungi' }).click();
     await nuova.locator('.errore-campo', { hasText: "L'indirizzo deve cominciare con rtsp://" }).waitFor();
     await nuova.getByLabel('Indirizzo del flusso').fill(camera.url);
+    await nuova.getByRole('button', { name: 'Prova il collegamento' }).click();
+    await nuova.locator('.prova-collegamento', { hasText: /Collegamento riuscito: .+, \d+×\d+/ }).waitFor({ timeout: 15000 });
+    assert.ok(await nuova.locator('.prova-collegamento img').evaluate((i) => i.decode().then(() => i.naturalWidth > 0)));
+    await schermata('03-prova-collegamento');
     await nuova.getByRole('button', { name: 'Aggiungi' }).click();
     const scheda = pagina.locator('article.telecamera', { hasText: 'Ingresso' });
     await scheda.waitFor();
@@ -245,6 +249,25 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     await pagina.locator('#esito-archivio', { hasText: 'Tolta 1 voce senza file.' }).waitFor();
     await pagina.locator('#togli-senza-file').waitFor({ state: 'detached' });
     await fine('12-archivio-senza-file');
+  });
+
+  test('dal vivo: il video scorre; con il codec rifiutato, avviso e immagine', async () => {
+    await pagina.goto(`${nvr.base}/#vivo`);
+    const tile = pagina.locator(`#griglia-vivo [data-id="${cam_id}"]`);
+    const tempo = () => tile.locator('video').evaluate((v) => v.currentTime);
+    await fino_a('il video dal vivo parte', async () => (await tempo()) > 0, 20000, 200);
+    const t0 = await tempo();
+    await new Promise((r) => setTimeout(r, 2000));
+    assert.ok((await tempo()) - t0 > 1, `il video dal vivo non avanza da ${t0} s`);
+    await fine('13-dal-vivo');
+
+    // A browser without the camera's codec: the page is left and shown again to restart it.
+    await pagina.evaluate(() => { MediaSource.isTypeSupported = () => false; });
+    await pagina.goto(`${nvr.base}/#stato`);
+    await pagina.goto(`${nvr.base}/#vivo`);
+    await tile.locator('.nota-vivo', { hasText: 'Questo browser non sa riprodurre il video' }).waitFor();
+    await fino_a("l'immagine al posto del video", () => tile.locator('img').evaluate((i) => i.naturalWidth > 0), 15000, 200);
+    await fine('14-dal-vivo-immagine');
   });
 
 });

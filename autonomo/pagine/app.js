@@ -1,12 +1,13 @@
 // Hash navigation between the pages and the login gate in front of them.
 import { api, avviso, imposta_fuso } from './comune.js';
 import * as stato from './stato.js';
+import * as vivo from './vivo.js';
 import * as telecamere from './telecamere.js';
 import * as archiviazione from './archiviazione.js';
 import * as registrazioni from './registrazioni.js';
 import * as archivio from './archivio.js';
 
-const pagine = { stato, telecamere, archiviazione, registrazioni, archivio };
+const pagine = { stato, vivo, telecamere, archiviazione, registrazioni, archivio };
 let loggato = false;
 let attuale = null;
 
@@ -38,7 +39,8 @@ async function naviga() {
   const cambiata = attuale !== nome;
   attuale = nome;
   mostra_sezione(nome);
-  document.title = `${nome[0].toUpperCase()}${nome.slice(1)} — Videoregistratore`;
+  const titolo = pagine[nome].titolo || `${nome[0].toUpperCase()}${nome.slice(1)}`;
+  document.title = `${titolo} — Videoregistratore`;
   await pagine[nome].mostra(document.getElementById(nome));
   if (cambiata) document.querySelector(`#${nome} h2`)?.focus?.();
 }

@@ -351,6 +351,8 @@ export async function mostra(sezione) {
   if (!nodi) {
     costruisci(sezione);
     await carica();
+    // A tab the user picked while the settings were loading wins over the default.
+    if (Object.values(nodi.linguette).some((x) => x.getAttribute('aria-selected') === 'true')) return;
     const t = (storage && storage.destinazione || {}).tipo;
     scegli_scheda(t === 'rete' ? 'rete' : t === 'usb' || !storage ? 'usb' : storage.cartella ? 'locale' : 'usb');
     return;

@@ -4,6 +4,7 @@
 import { api, avviso, data_ora, el, numero, ora, testo } from './comune.js';
 
 const PERIODO_MS = 3000;
+const FOTO_MS = 10000;  // a camera card's picture is renewed this often
 const MOTIVI = { continua: 'registrazione continua', orario: 'fascia oraria', evento: 'evento' };
 // Why an enabled camera without errors is not recording, by mode.
 const ATTESE = { sempre: 'in avvio', orari: 'fuori dalle fasce orarie', eventi: 'nessun evento attivo' };
@@ -84,8 +85,13 @@ function scheda_camera(c) {
     stato: el('span', { class: 'pastiglia' }),
     perche: el('dd'), da: el('dd'), file: el('dd'), gb: el('dd'), ultimo: el('dd'),
     errore: el('p', { class: 'testo-errore', hidden: true }),
+    foto: el('img', { class: 'foto-camera', loading: 'lazy', alt: '', width: '320', height: '180' }),
   };
+  // A camera without a picture shows its dark frame rather than a broken image.
+  parti.foto.addEventListener('error', () => { parti.foto.style.visibility = 'hidden'; });
+  parti.foto.addEventListener('load', () => { parti.foto.style.visibility = ''; });
   const radice = el('article', { class: 'scheda camera', dataset: { id: String(c.id) } },
+    el('a', { href: '#vivo', title: 'Vedi dal vivo' }, parti.foto),
     el('div', { class: 'intestazione-camera' }, parti.nome, parti.stato),
     el('dl', { class: 'dati' },
        el('dt', {}, 'Perché'), parti.perche,
@@ -100,6 +106,12 @@ function scheda_camera(c) {
 function aggiorna_camera(s, c) {
   const p = s.parti;
   testo(p.nome, c.nome);
+  p.foto.alt = `Ultima immagine di ${c.nome}`;
+  // Refresh polling runs only while the page is shown and visible, so the picture follows it.
+  if (!(Date.now() - (s.foto_ms || 0) < FOTO_MS)) {
+    s.foto_ms = Date.now();
+    p.foto.src = `/api/vivo/${c.id}/istantanea?t=${s.foto_ms}`;
+  }
   let stato_testo, classe;
   if (!c.attiva) {
     stato_testo = 'disattivata'; classe = 'pastiglia spenta';
