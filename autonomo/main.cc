@@ -4,10 +4,12 @@
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <cstdio>
 #include <iostream>
 #include <memory>
 #include <system_error>
+#include <thread>
 
 #include "autonomo/accesso.h"
 #include "autonomo/api_host.h"
@@ -163,7 +165,11 @@ int esegui(const Opzioni& o) {
               porta.valore(), dati.valore().c_str());
   std::fflush(stdout);
   if (!server->servi()) return fallisci("Il server web si e' fermato per un errore");
-  return 0;
+  // Only the exit path stops the server, and it ends the process itself once the recorders are
+  // down. Returning from main meanwhile would destroy the engine's state under its thread.
+  std::this_thread::sleep_for(std::chrono::seconds(30));
+  std::fflush(nullptr);
+  ::_exit(0);
 }
 
 }  // namespace

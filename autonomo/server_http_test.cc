@@ -94,6 +94,7 @@ class ServerHttpTest : public ::testing::Test {
     rotte_->add_url_rule("/api/flusso", "flusso",
                          [this](const Richiesta&) {
                            auto f = std::make_shared<FlussoDiProva>();
+                           std::lock_guard l(m_);
                            flusso_ = f;
                            Risposta r;
                            r.flusso = f;
@@ -114,15 +115,22 @@ class ServerHttpTest : public ::testing::Test {
   }
   // The stream the last /api/flusso request made, once it exists.
   std::shared_ptr<FlussoDiProva> flusso() {
-    for (int i = 0; i < 50 && flusso_.expired(); ++i) std::this_thread::sleep_for(20ms);
-    return flusso_.lock();
+    for (int i = 0; i < 50; ++i) {
+      {
+        std::lock_guard l(m_);
+        if (auto f = flusso_.lock()) return f;
+      }
+      std::this_thread::sleep_for(20ms);
+    }
+    return nullptr;
   }
 
   std::shared_ptr<Instradatore> rotte_ = std::make_shared<Instradatore>();
   std::unique_ptr<ServerHttp> server_;
   std::thread servizio_;
   int porta_ = 0;
-  std::weak_ptr<FlussoDiProva> flusso_;
+  std::mutex m_;
+  std::weak_ptr<FlussoDiProva> flusso_;  // guarded by m_: set by the server's worker
 };
 
 TEST_F(ServerHttpTest, SlowClientsAndSlowHandlersDoNotHoldUpTheOthers) {
