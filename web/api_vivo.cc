@@ -20,6 +20,15 @@ constexpr const char* kNonTrovata = "Telecamera non trovata";
 
 bool troppe(const std::string& messaggio) { return messaggio.starts_with("Troppe telecamere"); }
 
+// Hands the next bytes of `attesa` from `fuori` on (at least one must be left) to the server.
+Flusso::Lettura consegna(const std::string& attesa, std::size_t& fuori, char* dove, std::size_t max,
+                         std::size_t& n) {
+  n = std::min(max, attesa.size() - fuori);
+  std::memcpy(dove, attesa.data() + fuori, n);
+  fuori += n;
+  return Flusso::Lettura::kDati;
+}
+
 // One viewer's stream as a body: the bytes already read first, then whatever the source sends.
 // Only the server's network thread reads it; the wake-up comes from the source's thread.
 class FlussoSpettatore : public Flusso {
@@ -39,10 +48,7 @@ class FlussoSpettatore : public Flusso {
       attesa_ = std::move(l.dati);
       fuori_ = 0;
     }
-    n = std::min(max, attesa_.size() - fuori_);
-    std::memcpy(dove, attesa_.data() + fuori_, n);
-    fuori_ += n;
-    return Lettura::kDati;
+    return consegna(attesa_, fuori_, dove, max, n);
   }
   std::string tipo() const override { return "video/mp4"; }
 
@@ -59,10 +65,7 @@ class FlussoFisso : public Flusso {
       : dati_(std::move(dati)), tipo_(std::move(tipo)) {}
   Lettura leggi(char* dove, std::size_t max, std::size_t& n, std::function<void()>) override {
     if (fuori_ == dati_.size()) return Lettura::kFine;
-    n = std::min(max, dati_.size() - fuori_);
-    std::memcpy(dove, dati_.data() + fuori_, n);
-    fuori_ += n;
-    return Lettura::kDati;
+    return consegna(dati_, fuori_, dove, max, n);
   }
   std::string tipo() const override { return tipo_; }
 
@@ -110,10 +113,7 @@ class FlussoGriglia : public Flusso {
         return Lettura::kVuoto;
       }
     }
-    n = std::min(max, attesa_.size() - fuori_);
-    std::memcpy(dove, attesa_.data() + fuori_, n);
-    fuori_ += n;
-    return Lettura::kDati;
+    return consegna(attesa_, fuori_, dove, max, n);
   }
   std::string tipo() const override { return "application/octet-stream"; }
 
