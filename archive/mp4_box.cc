@@ -68,8 +68,9 @@ std::vector<Box> figli_box(std::string_view contenuto) {
   while (true) {
     auto t = testata_box(contenuto);
     if (!t || t->lunghezza == 0 || t->lunghezza > contenuto.size()) break;
-    fuori.push_back(
-        {contenuto.substr(4, 4), contenuto.substr(t->testata, t->lunghezza - t->testata)});
+    fuori.push_back({contenuto.substr(4, 4),
+                     contenuto.substr(t->testata, t->lunghezza - t->testata),
+                     contenuto.substr(0, t->lunghezza)});
     contenuto.remove_prefix(t->lunghezza);
   }
   return fuori;
@@ -80,7 +81,8 @@ std::optional<Box> figlio_box(std::string_view contenuto, std::string_view tipo)
     auto t = testata_box(contenuto);
     if (!t || t->lunghezza == 0 || t->lunghezza > contenuto.size()) return std::nullopt;
     if (contenuto.substr(4, 4) == tipo)
-      return Box{contenuto.substr(4, 4), contenuto.substr(t->testata, t->lunghezza - t->testata)};
+      return Box{contenuto.substr(4, 4), contenuto.substr(t->testata, t->lunghezza - t->testata),
+                 contenuto.substr(0, t->lunghezza)};
     contenuto.remove_prefix(t->lunghezza);
   }
 }

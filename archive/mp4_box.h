@@ -30,8 +30,9 @@ unsigned be8_in(std::string_view s, std::size_t pos);
 
 // A box inside bytes held in memory.
 struct Box {
-  std::string_view tipo;   // four characters
-  std::string_view corpo;  // after the header (for a full box, version and flags come first)
+  std::string_view tipo;    // four characters
+  std::string_view corpo;   // after the header (for a full box, version and flags come first)
+  std::string_view intero;  // header included
 };
 
 // The length of the box whose header starts `s` (header included) and the header's own length
