@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 namespace nvr {
 namespace {
 
@@ -14,11 +16,7 @@ SegmentoPiano seg(double inizio, double fine, std::optional<double> durata = std
 }
 
 TEST(PianoRiproduzioneTest, WallStartTrustsTheEndOnlyNearTheName) {
-  struct Caso {
-    SegmentoPiano s;
-    double atteso;
-  };
-  const std::vector<Caso> casi = {
+  const std::vector<std::pair<SegmentoPiano, double>> casi = {
       {seg(100, 102.6, 2.0), 100.6},    // name truncated: the real start is later
       {seg(100, 101.8, 2.0), 99.8},     // within 0.25 s before the name
       {seg(100, 101.7, 2.0), 100},      // too early: the name wins
@@ -26,7 +24,7 @@ TEST(PianoRiproduzioneTest, WallStartTrustsTheEndOnlyNearTheName) {
       {seg(100, 103.25, 2.0), 101.25},  // the window's edge
       {seg(100, 102.6), 100},           // track not read yet
   };
-  for (const Caso& c : casi) EXPECT_DOUBLE_EQ(avvio(c.s), c.atteso) << c.s.riga.fine;
+  for (const auto& [s, atteso] : casi) EXPECT_DOUBLE_EQ(avvio(s), atteso) << s.riga.fine;
 }
 
 TEST(PianoRiproduzioneTest, SpansRunsAndGaps) {
@@ -59,32 +57,20 @@ TEST(PianoRiproduzioneTest, SpansRunsAndGaps) {
   }
 }
 
-TEST(PianoRiproduzioneTest, DefaultEndStopsAtTheLocalDayOnClockChanges) {
+TEST(PianoRiproduzioneTest, LocalDaysAndNamesAcrossClockChanges) {
   const Zona roma = zona_di("Europe/Rome");
   ASSERT_NE(roma, nullptr);
-  struct Caso {
-    double t;
-    double inizio, fine;
-  };
-  const std::vector<Caso> casi = {
+  const std::vector<std::tuple<double, double, double>> giorni = {
       {1761438600, 1761429600, 1761519600},  // 2025-10-26, 25 hours
       {1743300000, 1743289200, 1743372000},  // 2025-03-30, 23 hours
       {1743289200, 1743289200, 1743372000},  // its midnight itself
   };
-  for (const Caso& c : casi) EXPECT_EQ(giorno_di(c.t, roma), std::make_pair(c.inizio, c.fine));
+  for (const auto& [t, da, a] : giorni) EXPECT_EQ(giorno_di(t, roma), std::make_pair(da, a));
   // A run from 23:59:30 of the long day into the next one ends at local midnight.
   const std::vector<SegmentoPiano> s = {seg(1761519570, 1761519600.5), seg(1761519600, 1761519630)};
   EXPECT_DOUBLE_EQ(fine_predefinita(s, 0, giorno_di(1761519570, roma).second), 1761519600);
-}
 
-TEST(PianoRiproduzioneTest, ExportNames) {
-  const Zona roma = zona_di("Europe/Rome");
-  struct Caso {
-    std::string camera;
-    double inizio;
-    std::string atteso;
-  };
-  const std::vector<Caso> casi = {
+  const std::vector<std::tuple<std::string, double, std::string>> nomi = {
       {"Ingresso", 1749549600.9, "Ingresso_2025-06-10_12-00-00.mp4"},
       {"Cam 1 / \"retro\"", 1749549600, "Cam_1_retro_2025-06-10_12-00-00.mp4"},
       {"Cortile-nord_2", 1749549600, "Cortile-nord_2_2025-06-10_12-00-00.mp4"},
@@ -93,7 +79,8 @@ TEST(PianoRiproduzioneTest, ExportNames) {
       {"x", 1761438600, "x_2025-10-26_02-30-00.mp4"},  // the repeated hour, first time
       {"x", 1761442200, "x_2025-10-26_02-30-00.mp4"},  // and second time
   };
-  for (const Caso& c : casi) EXPECT_EQ(nome_esportazione(c.camera, c.inizio, roma), c.atteso);
+  for (const auto& [camera, t, atteso] : nomi)
+    EXPECT_EQ(nome_esportazione(camera, t, roma), atteso);
 }
 
 }  // namespace

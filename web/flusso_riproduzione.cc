@@ -280,17 +280,20 @@ class FlussoEsportazione : public Flusso {
   }
 
   Lettura leggi(char* dove, std::size_t max, std::size_t& n, std::function<void()>) override {
-    if (uscita_.finita()) {
-      if (sha_ && al_termine_) al_termine_(sha_->esadecimale());
-      sha_.reset();
-      return Lettura::kFine;
-    }
+    if (uscita_.finita()) return Lettura::kFine;
     if (!uscita_.leggi(dove, max, n) || n == 0) {
       sha_.reset();  // a body cut short has no hash to remember
       uscita_.carica({}, {});
       return Lettura::kFine;
     }
-    if (sha_) sha_->aggiungi(dove, n);
+    if (sha_) {
+      sha_->aggiungi(dove, n);
+      // At the last byte, not at kFine: a server that knows the length never asks again.
+      if (uscita_.finita()) {
+        if (al_termine_) al_termine_(sha_->esadecimale());
+        sha_.reset();
+      }
+    }
     return Lettura::kDati;
   }
   std::string tipo() const override { return "video/mp4"; }
