@@ -7,9 +7,25 @@
 #include <filesystem>
 #include <map>
 
+#include "core/json.h"
+
 namespace nvr::testing {
 
 namespace fs = std::filesystem;
+
+namespace {
+
+std::string uscita_comando(const std::string& comando) {
+  std::string uscita;
+  FILE* p = ::popen(comando.c_str(), "r");
+  if (!p) return uscita;
+  char buf[4096];
+  for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, p)) > 0;) uscita.append(buf, n);
+  ::pclose(p);
+  return uscita;
+}
+
+}  // namespace
 
 const std::vector<std::string>& segmenti_di_prova(BFrame b) {
   static std::map<BFrame, std::vector<std::string>> fatti;
@@ -22,9 +38,8 @@ const std::vector<std::string>& segmenti_di_prova(BFrame b) {
   std::error_code ec;
   if (!fs::exists(cartella / "003.mp4", ec)) {
     fs::create_directories(cartella.parent_path(), ec);
-    char modello[4096];
-    std::snprintf(modello, sizeof modello, "%s/fare_XXXXXX", cartella.parent_path().c_str());
-    const char* accanto = ::mkdtemp(modello);
+    std::string modello = (cartella.parent_path() / "fare_XXXXXX").string();
+    const char* accanto = ::mkdtemp(modello.data());
     EXPECT_NE(accanto, nullptr);
     if (!accanto) return file;
     const std::string comando =
@@ -43,14 +58,23 @@ const std::vector<std::string>& segmenti_di_prova(BFrame b) {
   return file;
 }
 
-std::string uscita_comando(const std::string& comando) {
-  std::string uscita;
-  FILE* p = ::popen(comando.c_str(), "r");
-  if (!p) return uscita;
-  char buf[4096];
-  for (std::size_t n; (n = std::fread(buf, 1, sizeof buf, p)) > 0;) uscita.append(buf, n);
-  ::pclose(p);
-  return uscita;
+Mp4Visto guarda_mp4(const std::string& file) {
+  Mp4Visto v;
+  v.errori = uscita_comando("ffmpeg -nostdin -v error -i " + file + " -f null - 2>&1");
+  const Json j = Json::parse(
+      uscita_comando("ffprobe -v error -select_streams v:0 -of json -show_entries packet=pts,dts,"
+                     "duration,size,pos,flags:format=duration:format_tags=creation_time " +
+                     file),
+      nullptr, false);
+  if (j.is_discarded()) return v;
+  for (const Json& p : j.value("packets", Json::array()))
+    v.pacchetti.push_back({p.value("pts", -1ll), p.value("dts", -1ll), p.value("duration", -1ll),
+                           std::stoll(p.value("size", "-1")), std::stoll(p.value("pos", "-1")),
+                           p.value("flags", "").starts_with("K")});
+  const Json& formato = j.value("format", Json::object());
+  v.durata = std::stod(formato.value("duration", "0"));
+  v.creazione = formato.value("tags", Json::object()).value("creation_time", "");
+  return v;
 }
 
 }  // namespace nvr::testing

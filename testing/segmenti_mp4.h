@@ -1,7 +1,8 @@
 // Segments as the recorder leaves them (ffmpeg's segment muxer to mp4, timestamps reset in each
-// segment, moov at the end), encoded from ffmpeg's test pattern, for the playback code's tests.
+// segment, moov at the end), encoded from ffmpeg's test pattern, and what ffmpeg sees in a file.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -15,7 +16,17 @@ enum class BFrame { kNo, kSi };
 // prova_mp4/ and then reused; empty, with a test failure, when ffmpeg fails.
 const std::vector<std::string>& segmenti_di_prova(BFrame b);
 
-// The standard output of the shell command `comando` (its standard error is left alone).
-std::string uscita_comando(const std::string& comando);
+struct PacchettoVisto {
+  std::int64_t pts = 0, dts = 0, durata = 0, dimensione = 0, posizione = 0;
+  bool chiave = false;
+};
+struct Mp4Visto {
+  std::vector<PacchettoVisto> pacchetti;  // of the first video stream, in file order
+  double durata = 0;                      // of the file, seconds
+  std::string creazione;                  // creation_time tag
+  std::string errori;                     // of a full decode ("" when clean)
+};
+// What ffprobe reads in `file` and what a full decode by ffmpeg complains about.
+Mp4Visto guarda_mp4(const std::string& file);
 
 }  // namespace nvr::testing
