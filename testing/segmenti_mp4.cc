@@ -58,9 +58,10 @@ const std::vector<std::string>& segmenti_di_prova(BFrame b) {
   return file;
 }
 
-Mp4Visto guarda_mp4(const std::string& file) {
+Mp4Visto guarda_mp4(const std::string& file, Decodifica d) {
   Mp4Visto v;
-  v.errori = uscita_comando("ffmpeg -nostdin -v error -i " + file + " -f null - 2>&1");
+  if (d == Decodifica::kSi)
+    v.errori = uscita_comando("ffmpeg -nostdin -v error -i " + file + " -f null - 2>&1");
   const Json j = Json::parse(
       uscita_comando("ffprobe -v error -select_streams v:0 -of json -show_entries packet=pts,dts,"
                      "duration,size,pos,flags:format=duration:format_tags=creation_time " +

@@ -26,7 +26,9 @@ struct Mp4Visto {
   std::string creazione;                  // creation_time tag
   std::string errori;                     // of a full decode ("" when clean)
 };
-// What ffprobe reads in `file` and what a full decode by ffmpeg complains about.
-Mp4Visto guarda_mp4(const std::string& file);
+// What ffprobe reads in `file` and, with Decodifica::kSi, what a full decode by ffmpeg
+// complains about.
+enum class Decodifica { kNo, kSi };
+Mp4Visto guarda_mp4(const std::string& file, Decodifica d = Decodifica::kSi);
 
 }  // namespace nvr::testing
