@@ -36,7 +36,8 @@ struct PartenzaFlusso {
 // The stream of `p`: the init segment, then one fragment per GOP. Decode times run on without a
 // break across segments of one run; the first segment after a gap starts at its wall time minus
 // p.inizio. Later segments' tracks are read when the stream reaches them; the stream ends at
-// `a`, at a segment whose sample entry or timescale differs from the first one's, and at a file
+// `a`, at a segment whose sample entry (btrt aside) or timescale differs from the first one's,
+// and at a file
 // that cannot be read (after the last whole fragment). Each read blocks at most for one moov or
 // one range of kMassimaLettura bytes.
 std::shared_ptr<Flusso> flusso_riproduzione(PartenzaFlusso p);
@@ -60,14 +61,15 @@ struct CorpoEsportazione {
 
 // Lays out the export of [da, a) over `segmenti` (the span's segments in order, files present):
 // from the key frame at or before `da` to the last sample decoded before `a`; a segment whose
-// sample entry or timescale differs from the first one's ends it. Reads every segment's moov
-// (blocks on the disk). Errors: the first segment's track cannot be read, or no sample falls
-// in the span -> Errore{404, message for the user}.
+// sample entry (its btrt bit-rate box aside) or timescale differs from the first one's ends it,
+// so does an unreadable one after the first readable. Reads every segment's moov (blocks on the
+// disk). Errors: no track can be read, or no sample falls in the span -> Errore{404, message for
+// the user}.
 Esito<CorpoEsportazione> prepara_esportazione(const std::vector<SegmentoPiano>& segmenti, double da,
                                               double a);
 
 // The bytes of `c` as a body of known length. When every byte went out, `al_termine` receives
-// the SHA-256 (lower-case hex) of the body, if `calcola_impronta`.
+// the SHA-256 (lower-case hex) of the body, with Impronta::calcola.
 enum class Impronta { calcola, tralascia };
 std::shared_ptr<Flusso> flusso_esportazione(CorpoEsportazione c, Impronta impronta,
                                             std::function<void(const std::string&)> al_termine);
