@@ -37,9 +37,8 @@ struct PartenzaFlusso {
 // break across segments of one run; the first segment after a gap starts at its wall time minus
 // p.inizio. Later segments' tracks are read when the stream reaches them; the stream ends at
 // `a`, at a segment whose sample entry (btrt aside) or timescale differs from the first one's,
-// and at a file
-// that cannot be read (after the last whole fragment). Each read blocks at most for one moov or
-// one range of kMassimaLettura bytes.
+// and at a file that cannot be read (a fragment whose samples fail midway is cut short). Each
+// read blocks at most for one moov or one range of kMassimaLettura bytes.
 std::shared_ptr<Flusso> flusso_riproduzione(PartenzaFlusso p);
 
 // An exported file, laid out before its first byte: ftyp + moov + the mdat header, then the
