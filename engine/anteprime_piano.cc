@@ -27,11 +27,6 @@ std::optional<std::size_t> segmento_per(const std::vector<SegmentoElencato>& seg
   return vicino;
 }
 
-double avvio_segmento(double inizio, double fine, double durata) {
-  const double avvio = fine - durata;
-  return avvio >= inizio - 0.25 && avvio <= inizio + 1.25 ? avvio : inizio;
-}
-
 std::string nome_anteprima(std::int64_t id, std::int64_t millisecondi) {
   return std::to_string(id) + "_" + std::to_string(millisecondi) + ".jpg";
 }

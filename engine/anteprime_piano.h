@@ -26,10 +26,6 @@ inline constexpr double kVecchiaiaTemporanei = 120.0;
 // nearest `t`, when within kVicinanzaAnteprima (the earlier one on a tie); absent when none.
 std::optional<std::size_t> segmento_per(const std::vector<SegmentoElencato>& segmenti, double t);
 
-// A segment's wall-clock start: `fine - durata` (its track's length in seconds) when that lies
-// within [inizio - 0.25, inizio + 1.25], else `inizio` (the name's whole second).
-double avvio_segmento(double inizio, double fine, double durata);
-
 // The cache's name of the picture of segment `id` at key-frame time `millisecondi` from the
 // segment's first presented frame: "<id>_<ms>.jpg".
 std::string nome_anteprima(std::int64_t id, std::int64_t millisecondi);
