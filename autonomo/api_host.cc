@@ -4,6 +4,7 @@
 #include "autonomo/telecamere_host.h"
 #include "core/testi.h"
 #include "web/api_anteprima.h"
+#include "web/api_riproduzione.h"
 #include "web/api_vivo.h"
 
 namespace nvr::autonomo {
@@ -147,6 +148,7 @@ void registra_rotte_host(AppWeb& app, std::shared_ptr<const ContestoHost> c) {
         if (t.id == id && !t.url_vivo.empty()) cam->url = t.url_vivo;
     return cam;
   });
+  registra_rotte_riproduzione(app, login, admin);
   registra_rotte_anteprima(app, login, admin);
 }
 

@@ -5,6 +5,7 @@
 #include "python/app_flask.h"
 #include "python/host_python.h"
 #include "web/api_anteprima.h"
+#include "web/api_riproduzione.h"
 #include "web/api_vivo.h"
 #include "web/collega.h"
 
@@ -45,13 +46,15 @@ PYBIND11_MODULE(nvr, m) {
       "modulo. Facoltativa; da chiamare dopo collega.");
 
   m.def(
-      "collega_anteprime",
+      "collega_riproduzione",
       [](py::object modulo_app) {
         if (!nvr::host_attuale()) throw std::runtime_error("Chiama prima nvr.collega(modulo)");
         std::shared_ptr<nvr::Host> host = nvr::python::host_da_modulo(modulo_app);
+        nvr::registra_rotte_riproduzione(*host->app, {}, {});
         nvr::registra_rotte_anteprima(*host->app, {}, {});
       },
       py::arg("modulo_app"),
-      "Aggiunge all'app Flask le anteprime della linea del tempo (/api/anteprima), dietro le "
-      "guardie del modulo. Facoltativa; da chiamare dopo collega.");
+      "Aggiunge all'app Flask la riproduzione delle registrazioni come un'unica linea del tempo "
+      "(/api/flusso, /api/esporta, /api/esporta/impronta) e le sue anteprime (/api/anteprima), "
+      "dietro le guardie del modulo. Facoltativa; da chiamare dopo collega.");
 }
