@@ -12,6 +12,7 @@
 #include <condition_variable>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <set>
 #include <thread>
 
@@ -209,8 +210,12 @@ MHD_Result accoda_flusso(StatoServer* d, MHD_Connection* c, const Risposta& risp
     d->trasmissioni.insert(t);
   }
   auto* lettore = new Lettore{t};
-  MHD_Response* r = MHD_create_response_from_callback(MHD_SIZE_UNKNOWN, 64 * 1024, leggi_flusso,
-                                                      lettore, libera_flusso);
+  // A body of known length goes out with Content-Length (a download shows its progress) and in
+  // bigger pieces: it is read from disk as fast as the client takes it.
+  const std::optional<std::uint64_t> lunghezza = risposta.flusso->lunghezza();
+  MHD_Response* r = MHD_create_response_from_callback(
+      lunghezza.value_or(MHD_SIZE_UNKNOWN), lunghezza ? 256 * 1024 : 64 * 1024, leggi_flusso,
+      lettore, libera_flusso);
   if (!r) {
     libera_flusso(lettore);
     return MHD_NO;

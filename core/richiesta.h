@@ -36,8 +36,9 @@ struct FileDaInviare {
   std::string nome_download;   // the file name offered to the browser
 };
 
-// A body made while it is being sent (a live camera), of unknown length. The host pulls it
-// without blocking and sends it chunked; dropping the last reference ends it on the maker's side.
+// A body made while it is being sent (a live camera, a recorded span). The host pulls it without
+// blocking and sends it chunked, or with Content-Length when the body knows its length;
+// dropping the last reference ends it on the maker's side.
 class Flusso {
  public:
   enum class Lettura { kDati, kVuoto, kFine };
@@ -49,6 +50,9 @@ class Flusso {
                         std::function<void()> sveglia) = 0;
   // The Content-Type of the body.
   virtual std::string tipo() const = 0;
+  // The body's whole length in bytes when known before the first byte; leggi() then delivers
+  // exactly that many before kFine, or ends early only when its source fails.
+  virtual std::optional<std::uint64_t> lunghezza() const { return std::nullopt; }
 };
 
 // For hosts with a thread per answer: waits up to `secondi` for something to read. Same

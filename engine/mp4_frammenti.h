@@ -10,16 +10,10 @@
 #include <string_view>
 #include <vector>
 
+#include "archive/mp4_box.h"
 #include "core/esito.h"
 
 namespace nvr {
-
-// What a browser's MediaSource needs to know before the first byte.
-struct InfoVideo {
-  std::string codec;  // "avc1.64001f", "hvc1.1.6.L93.B0", or the bare four-character code
-  int larghezza = 0;  // pixels, from the sample entry; 0 when unknown
-  int altezza = 0;
-};
 
 // One piece of the stream, ready to be sent as it is.
 struct PezzoMp4 {
@@ -61,10 +55,6 @@ class LettoreMp4 {
   std::optional<InfoVideo> info_;
   std::optional<Errore> errore_;
 };
-
-// The codec and size of the video track of a moov box (the whole box, header included);
-// nothing when there is no visual sample entry.
-std::optional<InfoVideo> info_da_moov(std::string_view moov);
 
 // Whether the moof box (whole, header included) begins with a key frame: the first sample's
 // flags from trun's first_sample_flags, else its own per-sample flags, else tfhd's

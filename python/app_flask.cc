@@ -3,6 +3,7 @@
 #include <cctype>
 #include <optional>
 #include <stdexcept>
+#include <string>
 
 #include "core/richiesta.h"
 #include "python/conversione.h"
@@ -63,6 +64,8 @@ py::object risposta_flask(const Risposta& r) {
                                   py::arg("mimetype") = r.flusso->tipo(),
                                   py::arg("direct_passthrough") = true);
     risposta.attr("headers").attr("__setitem__")("Cache-Control", "no-store");
+    if (auto lunghezza = r.flusso->lunghezza())
+      risposta.attr("headers").attr("__setitem__")("Content-Length", std::to_string(*lunghezza));
   } else if (r.file) {
     // The framework answers byte ranges (206) and validators (304) itself.
     risposta = f.attr("send_file")(
