@@ -217,6 +217,8 @@ export class Lettore {
     const pronto = await this.opera(async () => {
       await this.aperto;
       if (gen !== this.gen || this.ms.readyState !== 'open') return false;
+      // A stream that ended inside a box would leave the parser waiting for the rest of it.
+      if (this.sb) this.sb.abort();
       if (!this.sb) {
         this.sb = this.ms.addSourceBuffer(tipo);
         // Room for the whole day (and a clock change) so the playing point can go anywhere.

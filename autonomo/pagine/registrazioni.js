@@ -240,14 +240,21 @@ async function carica_giorno() {
   dati = r.dati;
   dati.cam = cam;
   const elenchi = risposte.map((x) => (x.ok ? x.dati.registrazioni : []));
-  const nuovi = prepara_lettori(ids, elenchi);
-  if (nuovi) {
+  const stesso_giorno = chiave_lettori.startsWith(`${giorno}|${cam},`) || chiave_lettori === `${giorno}|${cam}`;
+  const suonava = sinc.suona;
+  if (prepara_lettori(ids, elenchi)) {
     const segs = dati.registrazioni;
-    cursore = segs.length ? Math.max(segs[0].inizio, dati.inizio_giorno) : dati.inizio_giorno;
-    nodi.zoom.value = '0';
     testo_stato('');
-    if (segs.length) sinc.vai(cursore);
-    nodi.esporta.riparti();
+    if (stesso_giorno) {
+      // Only the cameras beside it changed: same moment, same state.
+      sinc.vai(cursore);
+      if (suonava) alterna();
+    } else {
+      cursore = segs.length ? Math.max(segs[0].inizio, dati.inizio_giorno) : dati.inizio_giorno;
+      nodi.zoom.value = '0';
+      if (segs.length) sinc.vai(cursore);
+      nodi.esporta.riparti();
+    }
   }
   centra(cursore);
   disegna();
