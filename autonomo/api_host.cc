@@ -3,6 +3,7 @@
 #include "autonomo/instradamento.h"
 #include "autonomo/telecamere_host.h"
 #include "core/testi.h"
+#include "web/api_riproduzione.h"
 #include "web/api_vivo.h"
 
 namespace nvr::autonomo {
@@ -146,6 +147,7 @@ void registra_rotte_host(AppWeb& app, std::shared_ptr<const ContestoHost> c) {
         if (t.id == id && !t.url_vivo.empty()) cam->url = t.url_vivo;
     return cam;
   });
+  registra_rotte_riproduzione(app, login, admin);
 }
 
 }  // namespace nvr::autonomo

@@ -38,6 +38,8 @@ class FlussoDiProva : public Flusso {
     return Lettura::kDati;
   }
   std::string tipo() const override { return "video/mp4"; }
+  std::optional<std::uint64_t> lunghezza() const override { return lunghezza_; }
+  std::optional<std::uint64_t> lunghezza_;
   void spingi(std::string pezzo, bool fine = false) {
     std::function<void()> sveglia;
     {
@@ -96,6 +98,16 @@ class ServerHttpTest : public ::testing::Test {
                            auto f = std::make_shared<FlussoDiProva>();
                            std::lock_guard l(m_);
                            flusso_ = f;
+                           Risposta r;
+                           r.flusso = f;
+                           return r;
+                         },
+                         {"GET"});
+    rotte_->add_url_rule("/api/lungo", "lungo",
+                         [](const Richiesta&) {
+                           auto f = std::make_shared<FlussoDiProva>();
+                           f->lunghezza_ = 9;
+                           f->spingi("unoduetre", true);
                            Risposta r;
                            r.flusso = f;
                            return r;
@@ -183,6 +195,14 @@ TEST_F(ServerHttpTest, StreamIsSentAsItComesAndFreedWhenTheClientLeaves) {
   EXPECT_EQ(r->status, 200);
   EXPECT_EQ(r->get_header_value("Content-Type"), "video/mp4");
   EXPECT_EQ(ricevuto, "unoduetre");
+  EXPECT_EQ(r->get_header_value("Transfer-Encoding"), "chunked");
+
+  // A stream that knows its length says it instead of sending chunks.
+  auto lungo = httplib::Client("127.0.0.1", porta_).Get("/api/lungo");
+  ASSERT_TRUE(lungo);
+  EXPECT_EQ(lungo->body, "unoduetre");
+  EXPECT_EQ(lungo->get_header_value("Content-Length"), "9");
+  EXPECT_EQ(lungo->get_header_value("Transfer-Encoding"), "");
 
   // A viewer that hangs up mid-stream: the stream is released, nothing is left waiting.
   const int fd = connetti(porta_);

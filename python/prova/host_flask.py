@@ -176,6 +176,7 @@ with sqlite3.connect(DB_FILE) as c:
 
 nvr.collega(sys.modules[__name__])
 nvr.collega_vivo(sys.modules[__name__])
+nvr.collega_riproduzione(sys.modules[__name__])
 
 server = werkzeug.serving.make_server("127.0.0.1", opzioni.porta, app, threaded=True)
 print("host pronto", flush=True)
