@@ -112,4 +112,25 @@ std::optional<std::string> file_registrazione(std::int64_t id) {
   return come_testo(righe[0][0]);
 }
 
+bool camera_nell_indice(CamId cam) {
+  Connessione c = _db();
+  return !c.righe("SELECT 1 FROM nvr_registrazioni WHERE cam_id=? LIMIT 1", {std::int64_t{cam}})
+              .empty();
+}
+
+std::set<std::int64_t> righe_presenti(const std::vector<std::int64_t>& ids) {
+  constexpr std::size_t kLotto = 500;  // well below SQLite's limit on bound parameters
+  std::set<std::int64_t> presenti;
+  Connessione c = _db();
+  for (std::size_t i = 0; i < ids.size(); i += kLotto) {
+    const std::size_t n = std::min(kLotto, ids.size() - i);
+    std::string domande = "?";
+    for (std::size_t k = 1; k < n; ++k) domande += ",?";
+    std::vector<Valore> p(ids.begin() + i, ids.begin() + i + n);
+    c.scorri("SELECT id FROM nvr_registrazioni WHERE id IN (" + domande + ")", p,
+             [&](const Riga& r) { presenti.insert(come_intero(r[0])); });
+  }
+  return presenti;
+}
+
 }  // namespace nvr

@@ -47,4 +47,10 @@ GiornataCamera giornata_camera(CamId cam, double inizio, double fine);
 // The file of index row `id` ("" when the row holds none); absent when there is no such row.
 std::optional<std::string> file_registrazione(std::int64_t id);
 
+// Whether the index holds at least one row of camera `cam` (one index seek).
+bool camera_nell_indice(CamId cam);
+
+// Of `ids`, those that are index rows now; asked in batches of a few hundred.
+std::set<std::int64_t> righe_presenti(const std::vector<std::int64_t>& ids);
+
 }  // namespace nvr

@@ -3,6 +3,7 @@
 #include "autonomo/instradamento.h"
 #include "autonomo/telecamere_host.h"
 #include "core/testi.h"
+#include "web/api_anteprima.h"
 #include "web/api_riproduzione.h"
 #include "web/api_vivo.h"
 
@@ -148,6 +149,7 @@ void registra_rotte_host(AppWeb& app, std::shared_ptr<const ContestoHost> c) {
     return cam;
   });
   registra_rotte_riproduzione(app, login, admin);
+  registra_rotte_anteprima(app, login, admin);
 }
 
 }  // namespace nvr::autonomo

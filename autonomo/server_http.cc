@@ -7,6 +7,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
@@ -184,9 +185,16 @@ MHD_Result accoda_file(MHD_Connection* c, const Richiesta& r, const Risposta& ri
     return accoda_json(c, 404, {{"status", "error"}, {"message", "Registrazione non trovata"}});
   }
   PianoInvio piano = pianifica_invio(file, *info, r.intestazioni);
+  // A header the handler gives replaces the planned one of that name (its own caching).
+  auto dal_gestore = [&](const std::string& nome) {
+    return std::any_of(
+        risposta.intestazioni.begin(), risposta.intestazioni.end(),
+        [&](const auto& h) { return nome_intestazione(h.first) == nome_intestazione(nome); });
+  };
   std::vector<std::pair<std::string, std::string>> intestazioni;
   for (const auto& [k, v] : piano.intestazioni)
-    if (k != "Content-Length") intestazioni.emplace_back(k, v);  // the library writes it
+    if (k != "Content-Length" && !dal_gestore(k))  // the library writes the length
+      intestazioni.emplace_back(k, v);
   intestazioni.insert(intestazioni.end(), risposta.intestazioni.begin(),
                       risposta.intestazioni.end());
   MHD_Response* corpo = nullptr;

@@ -19,6 +19,7 @@
 #include "core/log.h"
 #include "core/processo.h"
 #include "core/tempo.h"
+#include "engine/anteprime.h"
 #include "engine/archivio_pronto.h"
 #include "engine/decisione.h"
 #include "engine/piano_giro.h"
@@ -131,6 +132,8 @@ void esegui_lavori(const Situazione& s, const Lavori& l, std::vector<Camera>& ca
   if (l.pulizia) {
     tempi.pulizia = s.adesso;
     _pulizia(s.cfg);
+    // Retention has just deleted rows: their timeline pictures go too.
+    pulisci_anteprime();
   }
 }
 

@@ -4,6 +4,7 @@
 #include "core/stato.h"
 #include "python/app_flask.h"
 #include "python/host_python.h"
+#include "web/api_anteprima.h"
 #include "web/api_riproduzione.h"
 #include "web/api_vivo.h"
 #include "web/collega.h"
@@ -55,4 +56,15 @@ PYBIND11_MODULE(nvr, m) {
       "Aggiunge all'app Flask la riproduzione delle registrazioni come un'unica linea del tempo "
       "(/api/flusso, /api/esporta, /api/esporta/impronta), dietro le guardie del modulo. "
       "Facoltativa; da chiamare dopo collega.");
+
+  m.def(
+      "collega_anteprime",
+      [](py::object modulo_app) {
+        if (!nvr::host_attuale()) throw std::runtime_error("Chiama prima nvr.collega(modulo)");
+        std::shared_ptr<nvr::Host> host = nvr::python::host_da_modulo(modulo_app);
+        nvr::registra_rotte_anteprima(*host->app, {}, {});
+      },
+      py::arg("modulo_app"),
+      "Aggiunge all'app Flask le anteprime della linea del tempo (/api/anteprima), dietro le "
+      "guardie del modulo. Facoltativa; da chiamare dopo collega.");
 }
