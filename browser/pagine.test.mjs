@@ -260,7 +260,7 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     await schermata('09-registrazioni-riproduzione');
 
     // Two cameras side by side keep in step while playing and after a seek.
-    await pagina.getByLabel('Cortile').check();
+    await pagina.getByLabel('Cortile', { exact: true }).check();
     await pagina.locator('#reg-lettori video').nth(1).waitFor();
     const al_passo = async (quando) => {
       await fino_a(`le due telecamere suonano (${quando})`, async () => (await orologi()).every((v) => !v.fermo), 20000, 100);
