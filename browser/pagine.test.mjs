@@ -256,7 +256,7 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     // Hovering shows the time (and the picture) under the pointer.
     const linea = await pagina.locator('#linea-tempo').boundingBox();
     await pagina.mouse.move(linea.x + linea.width / 2, linea.y + linea.height / 2);
-    await pagina.locator('#bolla-linea').waitFor();
+    await pagina.locator('#bolla-linea img').waitFor();
     await schermata('09-registrazioni-riproduzione');
 
     // Two cameras side by side keep in step while playing and after a seek.

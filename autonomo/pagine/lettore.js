@@ -236,7 +236,7 @@ export class Lettore {
     const lettore = risposta.body.getReader();
     try {
       for (;;) {
-        await this.spazio(gen, tratto);
+        await this.spazio(gen, tratto, posa);
         if (gen !== this.gen) return {};
         const { value, done } = await lettore.read();
         if (done) break;
@@ -255,9 +255,11 @@ export class Lettore {
     return { fine: tratto.a };
   }
 
-  // Back-pressure: waits while the data read so far is far enough ahead of the playing point.
-  async spazio(gen, tratto) {
-    while (gen === this.gen && tratto.a - this.ora() > AVANTI_MAX_S) await pausa(ATTESA_MS);
+  // Back-pressure: waits while the data read so far is far enough ahead of the playing point
+  // (or of where it is about to be put).
+  async spazio(gen, tratto, posa) {
+    const qui = () => (posa !== null ? Math.max(posa, tratto.da) : this.ora());
+    while (gen === this.gen && tratto.a - qui() > AVANTI_MAX_S) await pausa(ATTESA_MS);
   }
 
   async aggiungi(gen, pezzo, tratto) {
