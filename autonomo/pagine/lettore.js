@@ -32,7 +32,7 @@ export function tratti_elenco(segmenti) {
 export function prossimo_da(tratti, fine) {
   for (const t of tratti) {
     if (t.a <= fine + 0.5) continue;
-    return Math.max(t.da, fine + 0.001);
+    return Math.max(t.da, fine + 0.05);
   }
   return null;
 }
