@@ -152,8 +152,32 @@ std::vector<std::string> file_di(const std::vector<SegmentoPiano>& segmenti) {
   return file;
 }
 
+std::uint32_t be32(const std::string& s, std::size_t i) {
+  return static_cast<std::uint32_t>(static_cast<unsigned char>(s[i])) << 24 |
+         static_cast<std::uint32_t>(static_cast<unsigned char>(s[i + 1])) << 16 |
+         static_cast<std::uint32_t>(static_cast<unsigned char>(s[i + 2])) << 8 |
+         static_cast<std::uint32_t>(static_cast<unsigned char>(s[i + 3]));
+}
+
+// A sample entry without its btrt box: the recorder's muxer writes each segment's own bit rate
+// there, which says nothing about how its samples decode. Unchanged when it does not parse as
+// stsd with one visual entry.
+std::string senza_btrt(const std::string& voce) {
+  constexpr std::size_t kFigli = 16 + 8 + 78;  // stsd header, then the visual entry's fields
+  if (voce.size() < kFigli || be32(voce, 16) != voce.size() - 16) return voce;
+  std::string resto = voce.substr(0, kFigli);
+  for (std::size_t i = kFigli; i < voce.size();) {
+    const std::uint32_t n = i + 8 <= voce.size() ? be32(voce, i) : 0;
+    if (n < 8 || n > voce.size() - i) return voce;
+    if (voce.compare(i + 4, 4, "btrt") != 0) resto.append(voce, i, n);
+    i += n;
+  }
+  return resto;
+}
+
+// Whether samples described by `b` can follow those of `a` under `a`'s init segment or moov.
 bool stessa_voce(const Traccia& a, const Traccia& b) {
-  return a.voce == b.voce && a.scala == b.scala;
+  return a.scala == b.scala && (a.voce == b.voce || senza_btrt(a.voce) == senza_btrt(b.voce));
 }
 
 class FlussoRiproduzione : public Flusso {
@@ -161,7 +185,6 @@ class FlussoRiproduzione : public Flusso {
   explicit FlussoRiproduzione(PartenzaFlusso p)
       : p_(std::move(p)), uscita_(file_di(p_.segmenti)), traccia_(std::move(p_.prima)) {
     p_.prima = Traccia{};
-    voce_ = traccia_.voce;
     scala_ = traccia_.scala;
     campione_ = p_.chiave;
     oltre_ = campioni_prima_di(traccia_, avvio(p_.segmenti[0]), p_.a);
@@ -217,7 +240,7 @@ class FlussoRiproduzione : public Flusso {
     auto letta = leggi_traccia(dopo.riga.file);
     if (!letta || letta.valore().campioni.empty()) return false;
     Traccia t = std::move(letta).valore();
-    if (t.voce != voce_ || t.scala != scala_) return false;  // one init segment cannot say both
+    if (!stessa_voce(traccia_, t)) return false;  // one init segment cannot say both
     dopo.durata = static_cast<double>(t.durata) / t.scala;
     const double da_muro = avvio(dopo);
     std::int64_t inizio_uscita = fine_uscita_;
@@ -236,8 +259,7 @@ class FlussoRiproduzione : public Flusso {
 
   PartenzaFlusso p_;
   Uscita uscita_;
-  Traccia traccia_;   // of p_.segmenti[segmento_]
-  std::string voce_;  // the first segment's sample entry and timescale
+  Traccia traccia_;  // of p_.segmenti[segmento_]
   std::uint32_t scala_ = 0;
   std::size_t segmento_ = 0;
   std::size_t campione_ = 0;      // next sample of traccia_ to send
