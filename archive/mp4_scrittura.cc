@@ -19,7 +19,11 @@ class Scrittore {
   explicit Scrittore(std::string& s) : s_(s) {}
   void u8(unsigned v) { s_.push_back(static_cast<char>(v)); }
   void u16(unsigned v) { u8(v >> 8), u8(v); }
-  void u32(std::uint32_t v) { u8(v >> 24), u8(v >> 16), u8(v >> 8), u8(v); }
+  void u32(std::uint32_t v) {
+    const char b[4] = {static_cast<char>(v >> 24), static_cast<char>(v >> 16),
+                       static_cast<char>(v >> 8), static_cast<char>(v)};
+    s_.append(b, 4);
+  }
   void u64(std::uint64_t v) {
     u32(static_cast<std::uint32_t>(v >> 32)), u32(static_cast<std::uint32_t>(v));
   }

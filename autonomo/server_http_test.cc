@@ -223,5 +223,36 @@ TEST_F(ServerHttpTest, StreamIsSentAsItComesAndFreedWhenTheClientLeaves) {
   EXPECT_TRUE(debole.expired());
 }
 
+// A handler's own caching header on a file answer replaces the server's planned one.
+TEST(ServerHttpFileTest, HandlerHeaderReplacesThePlannedOne) {
+  char nome[] = "/tmp/nvr_file_XXXXXX";
+  const int fd = ::mkstemp(nome);
+  ASSERT_GE(fd, 0);
+  ASSERT_EQ(::write(fd, "\xFF\xD8ok", 4), 4);
+  ::close(fd);
+  auto rotte = std::make_shared<Instradatore>();
+  rotte->add_url_rule("/api/foto", "foto",
+                      [&](const Richiesta&) {
+                        Risposta r;
+                        r.file = FileDaInviare{nome, "image/jpeg", false, ""};
+                        r.intestazioni = {{"Cache-Control", "private, max-age=86400"}};
+                        return r;
+                      },
+                      {"GET"});
+  ServerHttp server(rotte, LimitiServer{});
+  int porta = 18800;
+  while (porta < 18900 && !server.apri("127.0.0.1", porta)) ++porta;
+  std::thread servizio([&] { server.servi(); });
+  auto r = httplib::Client("127.0.0.1", porta).Get("/api/foto");
+  server.ferma();
+  servizio.join();
+  ::unlink(nome);
+  ASSERT_TRUE(r);
+  EXPECT_EQ(r->status, 200);
+  EXPECT_EQ(r->get_header_value_count("Cache-Control"), 1u);
+  EXPECT_EQ(r->get_header_value("Cache-Control"), "private, max-age=86400");
+  EXPECT_EQ(r->body, "\xFF\xD8ok");
+}
+
 }  // namespace
 }  // namespace nvr::autonomo

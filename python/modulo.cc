@@ -51,20 +51,10 @@ PYBIND11_MODULE(nvr, m) {
         if (!nvr::host_attuale()) throw std::runtime_error("Chiama prima nvr.collega(modulo)");
         std::shared_ptr<nvr::Host> host = nvr::python::host_da_modulo(modulo_app);
         nvr::registra_rotte_riproduzione(*host->app, {}, {});
-      },
-      py::arg("modulo_app"),
-      "Aggiunge all'app Flask la riproduzione delle registrazioni come un'unica linea del tempo "
-      "(/api/flusso, /api/esporta, /api/esporta/impronta), dietro le guardie del modulo. "
-      "Facoltativa; da chiamare dopo collega.");
-
-  m.def(
-      "collega_anteprime",
-      [](py::object modulo_app) {
-        if (!nvr::host_attuale()) throw std::runtime_error("Chiama prima nvr.collega(modulo)");
-        std::shared_ptr<nvr::Host> host = nvr::python::host_da_modulo(modulo_app);
         nvr::registra_rotte_anteprima(*host->app, {}, {});
       },
       py::arg("modulo_app"),
-      "Aggiunge all'app Flask le anteprime della linea del tempo (/api/anteprima), dietro le "
-      "guardie del modulo. Facoltativa; da chiamare dopo collega.");
+      "Aggiunge all'app Flask la riproduzione delle registrazioni come un'unica linea del tempo "
+      "(/api/flusso, /api/esporta, /api/esporta/impronta) e le sue anteprime (/api/anteprima), "
+      "dietro le guardie del modulo. Facoltativa; da chiamare dopo collega.");
 }
