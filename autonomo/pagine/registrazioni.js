@@ -7,6 +7,7 @@ import { calendario } from './calendario.js';
 import { Lettore, riquadro, tratti_elenco } from './lettore.js';
 import { Sincronia } from './sincronia.js';
 import { esportazione } from './esportazione.js';
+import { anteprima, lascia_anteprima } from './anteprime.js';
 
 const MOTIVI = { continua: 'continua', orario: 'orario', evento: 'evento' };
 // Visible window of the timeline, in seconds, with its tick spacing.
@@ -20,8 +21,6 @@ const ZOOM = [
 const VELOCITA = [1, 2, 4, 8];
 const AFFIANCATE_MAX = 4;
 const PRIMA_DEL_BUCO_S = 3;   // "next gap" shows the last seconds before the hole
-const ANTEPRIMA_MS = 200;     // at most one thumbnail request this often while hovering
-const ANTEPRIME_MAX = 300;    // thumbnails kept in the page
 const VICINO_S = 60;          // the server finds a thumbnail only this close to a recording
 const AGGIORNA_MS = 10000;    // listing refresh while today's recordings grow
 
@@ -39,9 +38,6 @@ let sinc = null;
 let riquadri = [];         // tiles of the players, the chosen camera first
 let chiave_lettori = '';   // day + cameras the players were made for
 let timer_elenco = null;
-const anteprime = new Map();  // `${cam}:${t}` -> Promise of an object URL or null
-let ultima_anteprima = 0;
-let anteprima_attesa = null;
 
 function costruisci(sezione) {
   nodi = {};
@@ -327,18 +323,20 @@ function alterna() {
 
 function vai(t, perche) {
   if (!dati) return;
-  cursore = Math.max(dati.inizio_giorno, Math.min(t, dati.fine_giorno - 0.5));
   testo_stato(perche || '');
-  sinc.vai(cursore);
+  sinc.vai(Math.max(dati.inizio_giorno, Math.min(t, dati.fine_giorno - 0.5)));
 }
 
-function segui_orologio(t, suona) {
+// The window follows the moment whenever it moves (playing, or a jump while paused), so a window
+// scrolled by hand while paused stays where it was put.
+function segui_orologio(t) {
+  const mosso = t !== cursore;
   cursore = t;
   aggiorna_bottone();
   if (nodi.ora.textContent !== ora(t) && dati) nodi.ora.textContent = ora(t);
   if (!dati) return;
   const lungo = finestra.a - finestra.da;
-  if (suona && trascina === null && (t < finestra.da || t > finestra.a - lungo * 0.02)) {
+  if (mosso && trascina === null && (t < finestra.da || t > finestra.a - lungo * 0.02)) {
     centra(t);
     disegna();
   } else {
@@ -530,42 +528,20 @@ function nascondi_bolla() {
   nodi.bolla.hidden = true;
   const ombra = nodi.linea.querySelector('#ombra-linea');
   if (ombra) ombra.hidden = true;
-  clearTimeout(anteprima_attesa);
-  anteprima_attesa = null;
+  lascia_anteprima();
 }
 
-// Thumbnails are asked for at most every ANTEPRIMA_MS, on a grid a little finer than a pixel
-// of the timeline, and only near a recording (elsewhere the server has none).
+// The picture under the pointer, only near a recording (elsewhere the server has none), on a
+// grid a little finer than a pixel of the timeline.
 function chiedi_anteprima(t) {
-  clearTimeout(anteprima_attesa);
-  const attesa = ultima_anteprima + ANTEPRIMA_MS - Date.now();
-  if (attesa > 0) {
-    anteprima_attesa = setTimeout(() => chiedi_anteprima(t), attesa);
-    return;
-  }
-  ultima_anteprima = Date.now();
   const segs = dati ? dati.registrazioni : [];
-  const vicino = segs.some((s) => s.inizio - VICINO_S <= t && t <= s.fine + VICINO_S);
-  if (!vicino) {
+  if (!segs.some((s) => s.inizio - VICINO_S <= t && t <= s.fine + VICINO_S)) {
+    lascia_anteprima();
     nodi.bolla_img.hidden = true;
     return;
   }
-  const quanto = Math.max(1, Math.round((finestra.a - finestra.da) / 400));
-  const q = Math.round(t / quanto) * quanto;
-  const chiave = `${cam}:${q}`;
-  if (!anteprime.has(chiave)) {
-    if (anteprime.size >= ANTEPRIME_MAX) {
-      const [vecchia, p] = anteprime.entries().next().value;
-      anteprime.delete(vecchia);
-      p.then((u) => u && URL.revokeObjectURL(u));
-    }
-    anteprime.set(chiave, fetch(`/api/anteprima?cam=${cam}&t=${q}`, { credentials: 'same-origin' })
-      .then((r) => (r.ok ? r.blob() : null))
-      .then((b) => (b ? URL.createObjectURL(b) : null))
-      .catch(() => null));
-  }
-  anteprime.get(chiave).then((u) => {
-    if (nodi.bolla.hidden || nodi.bolla_ora.textContent !== ora(t)) return;  // the pointer moved on
+  anteprima(cam, t, Math.max(1, Math.round((finestra.a - finestra.da) / 400)), (u) => {
+    if (nodi.bolla.hidden) return;
     nodi.bolla_img.hidden = !u;
     if (u && nodi.bolla_img.src !== u) nodi.bolla_img.src = u;
   });
