@@ -34,8 +34,10 @@ export function esportazione({ momento, contesto, su_segni }) {
   };
   const da = campo('esporta-da', 'Dalle');
   const a = campo('esporta-a', 'Alle');
-  const segna_da = el('button', { type: 'button', class: 'secondario piccolo', id: 'segna-inizio' }, "Segna l'inizio qui");
-  const segna_a = el('button', { type: 'button', class: 'secondario piccolo', id: 'segna-fine' }, 'Segna la fine qui');
+  const segna_da = el('button', { type: 'button', class: 'secondario piccolo', id: 'segna-inizio', 'aria-keyshortcuts': 'I',
+                                  title: "Il momento del video diventa l'inizio (tasto I)" }, "Segna l'inizio qui");
+  const segna_a = el('button', { type: 'button', class: 'secondario piccolo', id: 'segna-fine', 'aria-keyshortcuts': 'O',
+                                 title: 'Il momento del video diventa la fine (tasto O)' }, 'Segna la fine qui');
   const prepara = el('button', { type: 'submit', id: 'prepara-esportazione' }, 'Prepara il file');
   const esito = el('div', { hidden: true, id: 'esito-esportazione' });
   const risultato = el('div', { id: 'risultato-esportazione', 'aria-live': 'polite' });
@@ -107,6 +109,8 @@ export function esportazione({ momento, contesto, su_segni }) {
 
   return {
     radice: modulo,
+    segna_inizio: () => segna_da.click(),
+    segna_fine: () => segna_a.click(),
     // A new day or camera: the fields start from the playing moment.
     riparti() {
       const t = momento();

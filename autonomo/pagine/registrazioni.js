@@ -149,7 +149,10 @@ function costruisci(sezione) {
              el('span', { class: 'campione buco' }), 'buco ',
              el('span', { class: 'campione evento' }), 'evento ',
              el('span', { class: 'campione segno' }), 'da esportare'),
-          nodi.lettori, controlli, nodi.in_video)),
+          nodi.lettori, controlli,
+          el('p', { class: 'tenue legenda' }, 'Tasti: spazio riproduce o ferma; E e Maiusc+E evento successivo o ' +
+             'precedente; B e Maiusc+B buco successivo o precedente; I e O segnano inizio e fine da esportare.'),
+          nodi.in_video)),
     nodi.esporta.radice,
     nodi.esito,
     nodi.elenco,
@@ -157,6 +160,10 @@ function costruisci(sezione) {
 
   sinc = new Sincronia({ su_ora: segui_orologio, su_fine: () => testo_stato('Fine delle registrazioni di questo giorno.') });
   document.addEventListener('keydown', tasto_pagina);
+}
+
+function plurale(n, uno, tanti) {
+  return `${n} ${n === 1 ? uno : tanti}`;
 }
 
 function testo_stato(t) {
@@ -380,6 +387,8 @@ function tasto_pagina(ev) {
   if (k === ' ' && ev.target !== nodi.linea) alterna();
   else if (k === 'e') vai_evento(ev.shiftKey ? -1 : 1);
   else if (k === 'b') vai_buco(ev.shiftKey ? -1 : 1);
+  else if (k === 'i') nodi.esporta.segna_inizio();
+  else if (k === 'o') nodi.esporta.segna_fine();
   else return;
   ev.preventDefault();
 }
@@ -458,7 +467,7 @@ function disegna() {
     const mb = segs.reduce((a, s) => a + s.mb, 0);
     const sec = segs.reduce((a, s) => a + s.durata, 0);
     nodi.riassunto.textContent = segs.length
-      ? `${segs.length} segmenti, ${durata(sec)} registrati, ${numero(mb)} MB, ${buchi.length} buchi, ${dati.eventi.length} eventi` +
+      ? `${segs.length} segmenti, ${durata(sec)} registrati, ${numero(mb)} MB, ${plurale(buchi.length, 'buco', 'buchi')}, ${plurale(dati.eventi.length, 'evento', 'eventi')}` +
         (dati.archivio_ok ? '' : ' — archivio non collegato: i file potrebbero mancare')
       : 'Nessuna registrazione in questo giorno.';
   } else {
