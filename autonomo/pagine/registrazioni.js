@@ -1,8 +1,13 @@
-// Registrazioni: pick a camera and a day, see the day's segments, gaps and events on a timeline,
-// play from any moment (the <video> seeks inside a segment with range requests and moves on to
-// the next segment by itself), download and delete.
+// Registrazioni: pick a camera and a day, see the day's segments, gaps and events on a timeline
+// and play the day as one continuous video (lettore.js), alone or side by side with up to three
+// other cameras at the same moment (sincronia.js); export a span (esportazione.js), download and
+// delete segments.
 import { api, avviso, conferma, durata, el, giorno_di, giorno_esteso, numero, ora } from './comune.js';
 import { calendario } from './calendario.js';
+import { Lettore, riquadro, tratti_elenco } from './lettore.js';
+import { Sincronia } from './sincronia.js';
+import { esportazione } from './esportazione.js';
+import { anteprima, lascia_anteprima } from './anteprime.js';
 
 const MOTIVI = { continua: 'continua', orario: 'orario', evento: 'evento' };
 // Visible window of the timeline, in seconds, with its tick spacing.
@@ -13,15 +18,26 @@ const ZOOM = [
   { sec: 600, passo: 60, nome: '10 minuti' },
   { sec: 60, passo: 10, nome: '1 minuto' },
 ];
-const BUCO_MIN_SEC = 2;  // segments are cut on key frames: smaller gaps are not real holes
+const VELOCITA = [1, 2, 4, 8];
+const AFFIANCATE_MAX = 4;
+const PRIMA_DEL_BUCO_S = 3;   // "next gap" shows the last seconds before the hole
+const VICINO_S = 60;          // the server finds a thumbnail only this close to a recording
+const AGGIORNA_MS = 10000;    // listing refresh while today's recordings grow
 
 let nodi = null;
 let cam = 0;
 let giorno = '';
-let dati = null;           // last GET /api/nvr/registrazioni
+let camere = [];           // [{id, nome}] from /api/nvr/riassunto
+const affiancate = new Set();  // other cameras shown beside the chosen one
+let dati = null;           // last GET /api/nvr/registrazioni of the chosen camera
 let finestra = { da: 0, a: 0 };
-let cursore = 0;           // epoch seconds: where Enter / the play button starts
-let in_riproduzione = -1;  // index in dati.registrazioni of the segment in the video element
+let cursore = 0;           // the clock: wall time of the playing moment
+let trascina = null;       // pointer id while the timeline is dragged
+let segni = { da: null, a: null };  // export span marked on the timeline
+let sinc = null;
+let riquadri = [];         // tiles of the players, the chosen camera first
+let chiave_lettori = '';   // day + cameras the players were made for
+let timer_elenco = null;
 
 function costruisci(sezione) {
   nodi = {};
@@ -30,9 +46,12 @@ function costruisci(sezione) {
   nodi.camera = el('select', { id: 'reg-camera' });
   nodi.camera.addEventListener('change', async () => {
     cam = Number(nodi.camera.value);
+    affiancate.delete(cam);
     giorno = '';
+    disegna_affiancate();
     await carica_giorni();
   });
+  nodi.affianca = el('fieldset', { class: 'gruppo affianca', id: 'reg-affianca' });
   nodi.calendario = calendario(async (g) => {
     giorno = g;
     await carica_giorno();
@@ -50,21 +69,55 @@ function costruisci(sezione) {
     class: 'linea-tempo', id: 'linea-tempo', role: 'slider', tabindex: '0',
     'aria-label': 'Momento da riprodurre', 'aria-valuemin': '0', 'aria-valuemax': '1440',
   });
-  nodi.linea.addEventListener('click', (ev) => {
-    const r = nodi.linea.getBoundingClientRect();
-    const t = finestra.da + ((ev.clientX - r.left) / r.width) * (finestra.a - finestra.da);
-    riproduci_da(t);
+  nodi.linea.addEventListener('pointerdown', premi_linea);
+  nodi.linea.addEventListener('pointermove', muovi_linea);
+  nodi.linea.addEventListener('pointerup', lascia_linea);
+  nodi.linea.addEventListener('pointercancel', () => {
+    trascina = null;
+    nascondi_bolla();
+  });
+  nodi.linea.addEventListener('pointerleave', () => {
+    if (trascina === null) nascondi_bolla();
   });
   nodi.linea.addEventListener('keydown', tasto_linea);
+  nodi.bolla_img = el('img', { alt: '', hidden: true, width: '160' });
+  nodi.bolla_ora = el('span', {});
+  nodi.bolla = el('div', { class: 'bolla-linea', id: 'bolla-linea', hidden: true, 'aria-hidden': 'true' },
+                  nodi.bolla_img, nodi.bolla_ora);
   nodi.scala = el('div', { class: 'scala', 'aria-hidden': 'true' });
   nodi.riassunto = el('p', { class: 'tenue', id: 'reg-riassunto', 'aria-live': 'polite' });
-  nodi.video = el('video', { id: 'video', controls: true, playsinline: true, preload: 'metadata' });
-  nodi.video.addEventListener('timeupdate', segui_video);
-  nodi.video.addEventListener('ended', prossimo);
-  nodi.video.addEventListener('error', () => {
-    if (in_riproduzione >= 0) avviso(nodi.esito, 'Questo segmento non si riesce a riprodurre.');
-  });
+  nodi.lettori = el('div', { class: 'griglia-lettori', id: 'reg-lettori' });
   nodi.in_video = el('p', { class: 'tenue', id: 'reg-in-video', 'aria-live': 'polite' });
+
+  nodi.suona = el('button', { type: 'button', id: 'reg-riproduci', 'aria-keyshortcuts': 'Space' }, 'Riproduci');
+  nodi.suona.addEventListener('click', alterna);
+  nodi.velocita = el('select', { id: 'reg-velocita' },
+                     VELOCITA.map((v) => el('option', { value: String(v) }, `${v}×`)));
+  nodi.velocita.addEventListener('change', () => sinc.imposta_velocita(Number(nodi.velocita.value)));
+  const salto = (testo, etichetta, tasto, fn) => {
+    const b = el('button', { type: 'button', class: 'secondario piccolo', 'aria-label': etichetta,
+                             title: `${etichetta} (tasto ${tasto})`, 'aria-keyshortcuts': tasto }, testo);
+    b.addEventListener('click', fn);
+    return b;
+  };
+  nodi.ora = el('output', { id: 'reg-ora', class: 'orologio', 'aria-label': 'Ora del video' }, '—');
+  const controlli = el('div', { class: 'controlli-lettore', role: 'group', 'aria-label': 'Comandi del video' },
+    nodi.suona,
+    el('label', { for: 'reg-velocita' }, 'Velocità'), nodi.velocita,
+    salto('⇤ Evento', 'Evento precedente', 'Shift+E', () => vai_evento(-1)),
+    salto('Evento ⇥', 'Evento successivo', 'E', () => vai_evento(1)),
+    salto('⇤ Buco', 'Buco precedente', 'Shift+B', () => vai_buco(-1)),
+    salto('Buco ⇥', 'Buco successivo', 'B', () => vai_buco(1)),
+    nodi.ora);
+
+  nodi.esporta = esportazione({
+    momento: () => cursore,
+    contesto: () => (dati ? { cam, inizio_giorno: dati.inizio_giorno } : null),
+    su_segni: (da, a) => {
+      segni = { da, a };
+      disegna();
+    },
+  });
   nodi.elenco = el('div', { id: 'elenco-segmenti' });
   const el_giorno = el('button', { type: 'button', class: 'pericolo', id: 'elimina-giorno' }, 'Elimina il giorno');
   el_giorno.addEventListener('click', elimina_giorno);
@@ -82,22 +135,39 @@ function costruisci(sezione) {
     nodi.errore,
     el('div', { class: 'riga-scelte' },
        el('div', { class: 'campo' }, el('label', { for: 'reg-camera' }, 'Telecamera'), nodi.camera),
-       aggiorna),
+       aggiorna, nodi.affianca),
     el('div', { class: 'disposizione-registrazioni' },
        el('div', { class: 'scheda' }, nodi.calendario.radice),
        el('div', { class: 'scheda colonna-video' },
           nodi.titolo_giorno, nodi.riassunto,
           el('div', { class: 'comandi-linea' },
              el('label', { for: 'reg-zoom' }, 'Mostra '), nodi.zoom, indietro, avanti),
-          nodi.linea, nodi.scala,
+          el('div', { class: 'contenitore-linea' }, nodi.linea, nodi.bolla),
+          nodi.scala,
           el('div', { class: 'legenda tenue', 'aria-hidden': 'true' },
              el('span', { class: 'campione segmento' }), 'registrato ',
              el('span', { class: 'campione buco' }), 'buco ',
-             el('span', { class: 'campione evento' }), 'evento'),
-          nodi.video, nodi.in_video)),
+             el('span', { class: 'campione evento' }), 'evento ',
+             el('span', { class: 'campione segno' }), 'da esportare'),
+          nodi.lettori, controlli,
+          el('p', { class: 'tenue legenda' }, 'Tasti: spazio riproduce o ferma; E e Maiusc+E evento successivo o ' +
+             'precedente; B e Maiusc+B buco successivo o precedente; I e O segnano inizio e fine da esportare.'),
+          nodi.in_video)),
+    nodi.esporta.radice,
     nodi.esito,
     nodi.elenco,
     el('div', { class: 'azioni zona-pericolo' }, el_giorno, el_camera, el_tutto));
+
+  sinc = new Sincronia({ su_ora: segui_orologio, su_fine: () => testo_stato('Fine delle registrazioni di questo giorno.') });
+  document.addEventListener('keydown', tasto_pagina);
+}
+
+function plurale(n, uno, tanti) {
+  return `${n} ${n === 1 ? uno : tanti}`;
+}
+
+function testo_stato(t) {
+  if (nodi.in_video.textContent !== t) nodi.in_video.textContent = t;
 }
 
 // --- Loading ---------------------------------------------------------------------------------
@@ -109,15 +179,38 @@ async function carica_camere() {
     return false;
   }
   avviso(nodi.errore, '');
-  const cams = r.dati.telecamere || [];
-  const valori = cams.map((c) => String(c.id)).join(',');
+  camere = (r.dati.telecamere || []).map((c) => ({ id: c.id, nome: c.nome }));
+  const valori = camere.map((c) => String(c.id)).join(',');
   if (nodi.camera.dataset.valori !== valori) {
-    nodi.camera.replaceChildren(...cams.map((c) => el('option', { value: String(c.id) }, c.nome)));
+    nodi.camera.replaceChildren(...camere.map((c) => el('option', { value: String(c.id) }, c.nome)));
     nodi.camera.dataset.valori = valori;
   }
-  if (!cams.some((c) => c.id === cam)) cam = cams.length ? cams[0].id : 0;
+  if (!camere.some((c) => c.id === cam)) cam = camere.length ? camere[0].id : 0;
+  for (const id of [...affiancate]) if (id === cam || !camere.some((c) => c.id === id)) affiancate.delete(id);
   nodi.camera.value = String(cam);
-  return cams.length > 0;
+  disegna_affiancate();
+  return camere.length > 0;
+}
+
+function disegna_affiancate() {
+  const altre = camere.filter((c) => c.id !== cam);
+  nodi.affianca.hidden = altre.length === 0;
+  const pieno = affiancate.size >= AFFIANCATE_MAX - 1;
+  nodi.affianca.replaceChildren(
+    el('legend', {}, 'Affianca allo stesso momento'),
+    ...altre.map((c) => {
+      const id = `affianca-${c.id}`;
+      const casella = el('input', { type: 'checkbox', id, checked: affiancate.has(c.id),
+                                    disabled: pieno && !affiancate.has(c.id) });
+      casella.addEventListener('change', async () => {
+        if (casella.checked) affiancate.add(c.id);
+        else affiancate.delete(c.id);
+        disegna_affiancate();
+        await carica_giorno();
+      });
+      return el('label', { class: 'spunta', for: id }, casella, c.nome);
+    }),
+    el('span', { class: 'tenue' }, ` (fino a ${AFFIANCATE_MAX} telecamere insieme)`));
 }
 
 async function carica_giorni() {
@@ -129,29 +222,175 @@ async function carica_giorni() {
   await carica_giorno();
 }
 
+async function elenco_di(id) {
+  return api('GET', `/api/nvr/registrazioni?cam=${id}&giorno=${encodeURIComponent(giorno)}`);
+}
+
 async function carica_giorno() {
-  const r = await api('GET', `/api/nvr/registrazioni?cam=${cam}&giorno=${encodeURIComponent(giorno)}`);
+  const ids = [cam, ...affiancate];
+  const risposte = await Promise.all(ids.map(elenco_di));
+  const r = risposte[0];
   nodi.titolo_giorno.textContent = giorno_esteso(giorno);
   if (!r.ok) {
     avviso(nodi.errore, r.messaggio);
     dati = null;
+    prepara_lettori([], []);
     disegna();
+    elenca();
     return;
   }
   avviso(nodi.errore, '');
-  const prima = dati;
   dati = r.dati;
-  const segs = dati.registrazioni;
-  const stesso = prima && prima.giorno === dati.giorno && prima.cam === cam;
   dati.cam = cam;
-  if (!stesso) {
-    ferma_video();
-    cursore = segs.length ? Math.max(segs[0].inizio, dati.inizio_giorno) : dati.inizio_giorno;
-    nodi.zoom.value = '0';
+  const elenchi = risposte.map((x) => (x.ok ? x.dati.registrazioni : []));
+  const stesso_giorno = chiave_lettori.startsWith(`${giorno}|${cam},`) || chiave_lettori === `${giorno}|${cam}`;
+  const suonava = sinc.suona;
+  if (prepara_lettori(ids, elenchi)) {
+    const segs = dati.registrazioni;
+    testo_stato('');
+    if (stesso_giorno) {
+      // Only the cameras beside it changed: same moment, same state.
+      sinc.vai(cursore);
+      if (suonava) alterna();
+    } else {
+      cursore = segs.length ? Math.max(segs[0].inizio, dati.inizio_giorno) : dati.inizio_giorno;
+      nodi.zoom.value = '0';
+      if (segs.length) sinc.vai(cursore);
+      nodi.esporta.riparti();
+    }
   }
   centra(cursore);
   disegna();
   elenca();
+  programma_aggiornamento();
+}
+
+// Makes the players for the day and cameras shown, or hands the fresh listings to the players
+// already there. True when they are new.
+function prepara_lettori(ids, elenchi) {
+  const chiave = dati ? `${giorno}|${ids.join(',')}` : '';
+  if (chiave && chiave === chiave_lettori) {
+    sinc.lettori.forEach((p, i) => p.aggiorna_elenco(elenchi[i]));
+    return false;
+  }
+  sinc.svuota();
+  aggiorna_bottone();
+  chiave_lettori = chiave;
+  riquadri = [];
+  const lettori = [];
+  ids.forEach((id, i) => {
+    const nome = camere.find((c) => c.id === id)?.nome || `Telecamera ${id}`;
+    const q = riquadro(nome, id);
+    if (i === 0) q.video.id = 'video';
+    riquadri.push(q);
+    lettori.push(new Lettore(q.video, { cam: id, origine: dati.inizio_giorno, segmenti: elenchi[i], su_nota: q.scrivi }));
+  });
+  nodi.lettori.className = `griglia-lettori quanti-${ids.length}`;
+  nodi.lettori.replaceChildren(...riquadri.map((q) => q.radice));
+  sinc.imposta(lettori, riquadri);
+  sinc.imposta_velocita(Number(nodi.velocita.value));
+  return true;
+}
+
+// Today's recordings grow while they are watched: the listings are read again now and then.
+function programma_aggiornamento() {
+  clearTimeout(timer_elenco);
+  timer_elenco = null;
+  if (!dati || Date.now() / 1000 > dati.fine_giorno || nodi.linea.closest('[hidden]')) return;
+  timer_elenco = setTimeout(async () => {
+    timer_elenco = null;
+    if (!dati || nodi.linea.closest('[hidden]')) return;
+    const prima = dati.registrazioni.length;
+    const ids = sinc.lettori.map((p) => p.cam);
+    const risposte = await Promise.all(ids.map(elenco_di));
+    if (risposte[0].ok && risposte[0].dati.giorno === dati.giorno && ids[0] === cam) {
+      dati = { ...risposte[0].dati, cam };
+      risposte.forEach((x, i) => { if (x.ok) sinc.lettori[i]?.aggiorna_elenco(x.dati.registrazioni); });
+      disegna();
+      if (dati.registrazioni.length !== prima) elenca();
+    }
+    programma_aggiornamento();
+  }, AGGIORNA_MS);
+}
+
+// --- Playback controls -----------------------------------------------------------------------
+
+function aggiorna_bottone() {
+  const testo = sinc.suona ? 'Pausa' : 'Riproduci';
+  if (nodi.suona.textContent !== testo) nodi.suona.textContent = testo;
+  nodi.suona.setAttribute('aria-pressed', String(sinc.suona));
+}
+
+function alterna() {
+  if (!dati || !sinc.lettori.length) return;
+  if (sinc.suona) sinc.pausa();
+  else sinc.riproduci();
+  aggiorna_bottone();
+}
+
+function vai(t, perche) {
+  if (!dati) return;
+  testo_stato(perche || '');
+  sinc.vai(Math.max(dati.inizio_giorno, Math.min(t, dati.fine_giorno - 0.5)));
+}
+
+// The window follows the moment whenever it moves (playing, or a jump while paused), so a window
+// scrolled by hand while paused stays where it was put.
+function segui_orologio(t) {
+  const mosso = t !== cursore;
+  cursore = t;
+  aggiorna_bottone();
+  if (nodi.ora.textContent !== ora(t) && dati) nodi.ora.textContent = ora(t);
+  if (!dati) return;
+  const lungo = finestra.a - finestra.da;
+  if (mosso && trascina === null && (t < finestra.da || t > finestra.a - lungo * 0.02)) {
+    centra(t);
+    disegna();
+  } else {
+    aggiorna_cursore();
+  }
+}
+
+function vai_evento(verso) {
+  if (!dati) return;
+  const tempi = dati.eventi.map((e) => e.ts).sort((x, y) => x - y);
+  const t = verso > 0 ? tempi.find((x) => x > cursore + 0.5) : tempi.reverse().find((x) => x < cursore - 1.5);
+  if (t === undefined) {
+    testo_stato(verso > 0 ? 'Nessun evento dopo questo momento.' : 'Nessun evento prima di questo momento.');
+    return;
+  }
+  const e = dati.eventi.find((x) => x.ts === t);
+  vai(t, `Evento delle ${ora(t)}: ${e.entita} ${e.stato}`);
+}
+
+function buchi_del_giorno() {
+  const tratti = tratti_elenco(dati.registrazioni);
+  return tratti.slice(1).map((r, i) => ({ da: tratti[i].a, a: r.da }));
+}
+
+function vai_buco(verso) {
+  if (!dati) return;
+  const buchi = buchi_del_giorno();
+  const b = verso > 0 ? buchi.find((x) => x.da - PRIMA_DEL_BUCO_S > cursore + 0.5)
+                      : buchi.reverse().find((x) => x.da - PRIMA_DEL_BUCO_S < cursore - 1.5);
+  if (!b) {
+    testo_stato(verso > 0 ? 'Nessun buco dopo questo momento.' : 'Nessun buco prima di questo momento.');
+    return;
+  }
+  vai(b.da - PRIMA_DEL_BUCO_S, `Buco dalle ${ora(b.da)} alle ${ora(b.a)}`);
+}
+
+function tasto_pagina(ev) {
+  if (!dati || nodi.linea.closest('[hidden]') || ev.ctrlKey || ev.metaKey || ev.altKey) return;
+  if (ev.target.closest('input, select, textarea, button, a, dialog')) return;
+  const k = ev.key.toLowerCase();
+  if (k === ' ' && ev.target !== nodi.linea) alterna();
+  else if (k === 'e') vai_evento(ev.shiftKey ? -1 : 1);
+  else if (k === 'b') vai_buco(ev.shiftKey ? -1 : 1);
+  else if (k === 'i') nodi.esporta.segna_inizio();
+  else if (k === 'o') nodi.esporta.segna_fine();
+  else return;
+  ev.preventDefault();
 }
 
 // --- Timeline --------------------------------------------------------------------------------
@@ -163,6 +402,8 @@ function centra(t) {
   let da = t - lungo / 2;
   da = Math.max(dati.inizio_giorno, Math.min(da, dati.fine_giorno - lungo));
   finestra = { da, a: da + lungo };
+  nodi.linea.dataset.da = String(finestra.da);
+  nodi.linea.dataset.a = String(finestra.a);
 }
 
 function sposta(verso) {
@@ -188,25 +429,27 @@ function disegna() {
   const scala = [];
   if (dati) {
     const segs = dati.registrazioni;
-    let buchi = 0;
     segs.forEach((s, i) => {
       const b = blocco('segmento', s.inizio, s.fine, `${ora(s.inizio)} – ${ora(s.fine)}`);
       if (b) {
         b.dataset.indice = String(i);
         figli.push(b);
       }
-      const succ = segs[i + 1];
-      if (succ && succ.inizio - s.fine > BUCO_MIN_SEC) {
-        buchi += 1;
-        const g = blocco('buco', s.fine, succ.inizio, `Nessuna registrazione dalle ${ora(s.fine)} alle ${ora(succ.inizio)}`);
-        if (g) figli.push(g);
-      }
     });
+    const buchi = buchi_del_giorno();
+    for (const g of buchi) {
+      const b = blocco('buco', g.da, g.a, `Nessuna registrazione dalle ${ora(g.da)} alle ${ora(g.a)}`);
+      if (b) figli.push(b);
+    }
     if (dati.in_corso && dati.in_corso.da) {
       const ora_adesso = Math.min(Date.now() / 1000, dati.fine_giorno);
       const c = blocco('in-corso', Math.max(dati.in_corso.da, segs.length ? segs[segs.length - 1].fine : 0), ora_adesso,
                        'Registrazione in corso, non ancora in archivio');
       if (c) figli.push(c);
+    }
+    if (segni.da !== null && segni.a !== null && segni.a > segni.da) {
+      const s = blocco('segno', segni.da, segni.a, `Da esportare: dalle ${ora(segni.da)} alle ${ora(segni.a)}`);
+      if (s) figli.push(s);
     }
     for (const e of dati.eventi) {
       if (e.ts < finestra.da || e.ts > finestra.a) continue;
@@ -224,18 +467,21 @@ function disegna() {
     const mb = segs.reduce((a, s) => a + s.mb, 0);
     const sec = segs.reduce((a, s) => a + s.durata, 0);
     nodi.riassunto.textContent = segs.length
-      ? `${segs.length} segmenti, ${durata(sec)} registrati, ${numero(mb)} MB, ${buchi} buchi, ${dati.eventi.length} eventi` +
+      ? `${segs.length} segmenti, ${durata(sec)} registrati, ${numero(mb)} MB, ${plurale(buchi.length, 'buco', 'buchi')}, ${plurale(dati.eventi.length, 'evento', 'eventi')}` +
         (dati.archivio_ok ? '' : ' — archivio non collegato: i file potrebbero mancare')
       : 'Nessuna registrazione in questo giorno.';
+  } else {
+    nodi.ora.textContent = '—';
   }
   figli.push(el('div', { class: 'cursore', id: 'cursore-linea', style: `left:${x(cursore)}%`, hidden: !dati }));
+  figli.push(el('div', { class: 'cursore ombra', id: 'ombra-linea', hidden: true }));
   nodi.linea.replaceChildren(...figli);
   nodi.scala.replaceChildren(...scala);
   aggiorna_cursore();
 }
 
 function aggiorna_cursore() {
-  const c = nodi.linea.querySelector('.cursore');
+  const c = nodi.linea.querySelector('#cursore-linea');
   if (!c || !dati) return;
   if (cursore < finestra.da || cursore > finestra.a) {
     c.hidden = true;
@@ -245,6 +491,69 @@ function aggiorna_cursore() {
   }
   nodi.linea.setAttribute('aria-valuenow', String(Math.round((cursore - dati.inizio_giorno) / 60)));
   nodi.linea.setAttribute('aria-valuetext', ora(cursore));
+}
+
+function tempo_di(ev) {
+  const r = nodi.linea.getBoundingClientRect();
+  const f = Math.max(0, Math.min(1, (ev.clientX - r.left) / r.width));
+  return finestra.da + f * (finestra.a - finestra.da);
+}
+
+function premi_linea(ev) {
+  if (!dati || ev.button !== 0) return;
+  trascina = ev.pointerId;
+  nodi.linea.setPointerCapture(ev.pointerId);
+  mostra_bolla(tempo_di(ev));
+}
+
+function muovi_linea(ev) {
+  if (!dati) return;
+  mostra_bolla(tempo_di(ev));
+}
+
+function lascia_linea(ev) {
+  if (trascina !== ev.pointerId) return;
+  trascina = null;
+  nodi.linea.releasePointerCapture(ev.pointerId);
+  nascondi_bolla();
+  vai(tempo_di(ev));
+}
+
+// The time and the picture under the pointer (and, while dragging, where the release will go).
+function mostra_bolla(t) {
+  const p = x(t);
+  nodi.bolla.hidden = false;
+  nodi.bolla.style.left = `${Math.max(6, Math.min(94, p))}%`;
+  nodi.bolla_ora.textContent = ora(t);
+  const ombra = nodi.linea.querySelector('#ombra-linea');
+  if (ombra) {
+    ombra.hidden = trascina === null;
+    ombra.style.left = `${p}%`;
+  }
+  chiedi_anteprima(t);
+}
+
+function nascondi_bolla() {
+  nodi.bolla.hidden = true;
+  const ombra = nodi.linea.querySelector('#ombra-linea');
+  if (ombra) ombra.hidden = true;
+  lascia_anteprima();
+}
+
+// The picture under the pointer, only near a recording (elsewhere the server has none), on a
+// grid a little finer than a pixel of the timeline.
+function chiedi_anteprima(t) {
+  const segs = dati ? dati.registrazioni : [];
+  if (!segs.some((s) => s.inizio - VICINO_S <= t && t <= s.fine + VICINO_S)) {
+    lascia_anteprima();
+    nodi.bolla_img.hidden = true;
+    return;
+  }
+  anteprima(cam, t, Math.max(1, Math.round((finestra.a - finestra.da) / 400)), (u) => {
+    if (nodi.bolla.hidden) return;
+    nodi.bolla_img.hidden = !u;
+    if (u && nodi.bolla_img.src !== u) nodi.bolla_img.src = u;
+  });
 }
 
 function tasto_linea(ev) {
@@ -257,13 +566,13 @@ function tasto_linea(ev) {
   else if (ev.key === 'End') t = dati.fine_giorno - 1;
   else if (ev.key === 'Enter' || ev.key === ' ') {
     ev.preventDefault();
-    riproduci_da(cursore);
+    alterna();
     return;
   } else {
     return;
   }
   ev.preventDefault();
-  cursore = Math.max(dati.inizio_giorno, Math.min(t, dati.fine_giorno - 1));
+  vai(t);
   if (cursore < finestra.da || cursore > finestra.a) {
     centra(cursore);
     disegna();
@@ -272,75 +581,10 @@ function tasto_linea(ev) {
   }
 }
 
-// --- Playback --------------------------------------------------------------------------------
-
-// Plays from moment t: inside a segment from that point, in a gap from the next segment.
-function riproduci_da(t) {
-  if (!dati) return;
-  const segs = dati.registrazioni;
-  let i = segs.findIndex((s) => t >= s.inizio && t < s.fine);
-  let offset = 0;
-  if (i >= 0) offset = t - segs[i].inizio;
-  else i = segs.findIndex((s) => s.inizio > t);
-  cursore = i >= 0 ? segs[i].inizio + offset : t;
-  aggiorna_cursore();
-  if (i < 0) {
-    nodi.in_video.textContent = `Nessuna registrazione dopo le ${ora(t)}.`;
-    return;
-  }
-  carica_segmento(i, offset);
-}
-
-function carica_segmento(i, offset) {
-  const s = dati.registrazioni[i];
-  const v = nodi.video;
-  in_riproduzione = i;
-  avviso(nodi.esito, '');
-  nodi.in_video.textContent = `Segmento delle ${ora(s.inizio)} (${durata(s.durata)})`;
-  for (const b of nodi.linea.querySelectorAll('.segmento.attivo')) b.classList.remove('attivo');
-  nodi.linea.querySelector(`.segmento[data-indice="${i}"]`)?.classList.add('attivo');
-  const avvia = () => {
-    if (offset > 0) v.currentTime = Math.min(offset, Math.max(0, (v.duration || offset) - 0.1));
-    v.play().catch(() => {});  // autoplay refused: the controls are there
-  };
-  if (v.dataset.url === s.url && v.readyState >= 1) {
-    avvia();
-    return;
-  }
-  v.dataset.url = s.url;
-  v.src = s.url;
-  v.addEventListener('loadedmetadata', avvia, { once: true });
-  v.load();
-}
-
-function prossimo() {
-  if (!dati || in_riproduzione < 0) return;
-  const i = in_riproduzione + 1;
-  if (i < dati.registrazioni.length) carica_segmento(i, 0);
-  else nodi.in_video.textContent = 'Fine delle registrazioni di questo giorno.';
-}
-
-function segui_video() {
-  if (!dati || in_riproduzione < 0) return;
-  const s = dati.registrazioni[in_riproduzione];
-  if (!s) return;
-  cursore = s.inizio + nodi.video.currentTime;
-  if (!nodi.video.paused && (cursore < finestra.da || cursore > finestra.a)) {
-    centra(cursore);
-    disegna();
-  } else {
-    aggiorna_cursore();
-  }
-}
-
-function ferma_video() {
-  in_riproduzione = -1;
-  const v = nodi.video;
-  v.pause();
-  v.removeAttribute('src');
-  delete v.dataset.url;
-  v.load();
-  nodi.in_video.textContent = '';
+function ferma_lettori() {
+  prepara_lettori([], []);
+  chiave_lettori = '';
+  testo_stato('');
 }
 
 // --- Segment list and deletion ---------------------------------------------------------------
@@ -351,14 +595,13 @@ function elenca() {
     nodi.elenco.replaceChildren();
     return;
   }
-  const righe = segs.map((s, i) => {
+  const righe = segs.map((s) => {
     const gioca = el('button', { type: 'button', class: 'secondario piccolo' }, 'Riproduci');
     gioca.addEventListener('click', () => {
-      cursore = s.inizio;
+      vai(s.inizio);
       centra(cursore);
       disegna();
-      carica_segmento(i, 0);
-      nodi.video.focus();
+      if (!sinc.suona) alterna();
     });
     const nome = `${giorno}_${ora(s.inizio).replace(/:/g, '-')}.mp4`;
     const scarica = el('a', { class: 'bottone secondario piccolo', href: `${s.url}?scarica=1`, download: nome }, 'Scarica');
@@ -386,7 +629,7 @@ async function dopo_eliminazione(r) {
   }
   const d = r.dati;
   avviso(nodi.esito, d.voci !== undefined ? `Eliminate ${d.voci} registrazioni (${d.file} file).` : 'Eliminata.', 'ok');
-  ferma_video();
+  ferma_lettori();
   dati = null;
   await carica_giorni();
 }
@@ -449,5 +692,9 @@ export async function mostra(sezione) {
 }
 
 export function nascondi() {
-  if (nodi) nodi.video.pause();
+  if (!nodi) return;
+  clearTimeout(timer_elenco);
+  timer_elenco = null;
+  sinc.pausa();
+  aggiorna_bottone();
 }
