@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "autonomo/programma_di_prova.h"
+#include "bench/cliente_http.h"
 #include "bench/misure.h"
 #include "bench/tabella.h"
 #include "core/config.h"
@@ -30,7 +31,9 @@
 #include "web/api_registrazioni.h"
 
 namespace fs = std::filesystem;
+using nvr::bench::chiedi;
 using nvr::bench::quantile;
+using nvr::bench::Ricevuta;
 using nvr::bench::secondi_da;
 
 namespace {
@@ -38,77 +41,6 @@ namespace {
 void muori(const std::string& cosa) {
   std::fprintf(stderr, "bench_riproduzione: %s\n", cosa.c_str());
   std::exit(1);
-}
-
-// One answer as the client saw it.
-struct Ricevuta {
-  int status = 0;
-  std::string intestazioni;
-  std::string corpo;  // kept only when asked
-  std::size_t byte = 0;
-  double primo_byte_s = 0;  // request sent -> first byte of the answer
-};
-
-// A minimal HTTP/1.1 client on a fresh connection per request, the same for both servers:
-// headers read up to the blank line, then exactly Content-Length bytes into a reused buffer.
-Ricevuta chiedi(int porta, const std::string& percorso, const std::string& altre,
-                bool tieni_corpo) {
-  Ricevuta r;
-  const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  sockaddr_in a{};
-  a.sin_family = AF_INET;
-  a.sin_port = htons(static_cast<std::uint16_t>(porta));
-  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (::connect(fd, reinterpret_cast<sockaddr*>(&a), sizeof a) != 0) {
-    ::close(fd);
-    return r;
-  }
-  int si = 1;
-  ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &si, sizeof si);
-  const std::string richiesta =
-      "GET " + percorso + " HTTP/1.1\r\nHost: 127.0.0.1\r\n" + altre + "Connection: close\r\n\r\n";
-  auto t0 = std::chrono::steady_clock::now();
-  if (::send(fd, richiesta.data(), richiesta.size(), MSG_NOSIGNAL) !=
-      static_cast<ssize_t>(richiesta.size())) {
-    ::close(fd);
-    return r;
-  }
-  static thread_local std::vector<char> buf(1 << 20);
-  std::string testa;
-  std::size_t fine_testa = std::string::npos;
-  while (fine_testa == std::string::npos) {
-    ssize_t n = ::recv(fd, buf.data(), buf.size(), 0);
-    if (n <= 0) break;
-    if (testa.empty()) r.primo_byte_s = secondi_da(t0);
-    testa.append(buf.data(), static_cast<std::size_t>(n));
-    fine_testa = testa.find("\r\n\r\n");
-  }
-  if (fine_testa == std::string::npos) {
-    ::close(fd);
-    return r;
-  }
-  r.intestazioni = testa.substr(0, fine_testa);
-  r.status = std::atoi(r.intestazioni.c_str() + r.intestazioni.find(' ') + 1);
-  std::size_t lunghezza = 0;
-  for (std::size_t p = 0; p < r.intestazioni.size();) {
-    std::size_t e = r.intestazioni.find("\r\n", p);
-    if (e == std::string::npos) e = r.intestazioni.size();
-    std::string riga = r.intestazioni.substr(p, e - p);
-    for (std::size_t i = 0; i < riga.size() && riga[i] != ':'; ++i) riga[i] = std::tolower(riga[i]);
-    if (riga.rfind("content-length:", 0) == 0) lunghezza = std::stoull(riga.substr(15));
-    p = e + 2;
-  }
-  std::string gia = testa.substr(fine_testa + 4);
-  r.byte = gia.size();
-  if (tieni_corpo) r.corpo = gia;
-  while (r.byte < lunghezza) {
-    ssize_t n = ::recv(fd, buf.data(), std::min(buf.size(), lunghezza - r.byte), 0);
-    if (n <= 0) break;
-    r.byte += static_cast<std::size_t>(n);
-    if (tieni_corpo) r.corpo.append(buf.data(), static_cast<std::size_t>(n));
-  }
-  ::close(fd);
-  return r;
 }
 
 // A server under test: its port, the path of the file on it, the headers it needs.
