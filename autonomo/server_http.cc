@@ -222,7 +222,7 @@ MHD_Result accoda_flusso(StatoServer* d, MHD_Connection* c, const Risposta& risp
   // bigger pieces: it is read from disk as fast as the client takes it.
   const std::optional<std::uint64_t> lunghezza = risposta.flusso->lunghezza();
   MHD_Response* r = MHD_create_response_from_callback(
-      lunghezza.value_or(MHD_SIZE_UNKNOWN), lunghezza ? 256 * 1024 : 64 * 1024, leggi_flusso,
+      lunghezza.value_or(MHD_SIZE_UNKNOWN), lunghezza ? 1024 * 1024 : 64 * 1024, leggi_flusso,
       lettore, libera_flusso);
   if (!r) {
     libera_flusso(lettore);
