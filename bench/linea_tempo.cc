@@ -52,6 +52,7 @@ struct Costo {
   double cpu = 0;
 };
 
+// Its standard output goes to `uscita`, or stays this program's own when `uscita` is empty.
 Costo esegui(const std::vector<std::string>& argomenti, const std::string& uscita = "/dev/null") {
   std::vector<char*> argv;
   for (const std::string& a : argomenti) argv.push_back(const_cast<char*>(a.c_str()));
@@ -59,8 +60,10 @@ Costo esegui(const std::vector<std::string>& argomenti, const std::string& uscit
   auto t0 = std::chrono::steady_clock::now();
   const pid_t pid = ::fork();
   if (pid == 0) {
-    const int fd = ::open(uscita.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    if (fd >= 0) ::dup2(fd, 1);
+    if (!uscita.empty()) {
+      const int fd = ::open(uscita.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+      if (fd >= 0) ::dup2(fd, 1);
+    }
     ::execvp(argv[0], argv.data());
     ::_exit(127);
   }
@@ -300,6 +303,6 @@ int main(int argc, char** argv) {
       {"node", std::string(NVR_SORGENTI) + "/bench/linea_tempo_pagina.mjs",
        "http://127.0.0.1:" + std::to_string(programma->porta()), programma->password(),
        std::to_string(kInizio), std::to_string(giunte.size()), std::to_string(durata)},
-      "/dev/stdout");
+      "");
   return pagina.codice == 0 ? 0 : 1;
 }
