@@ -1,15 +1,15 @@
 // Registrazioni: pick a camera and a day, see the day's segments, gaps and events on a timeline
 // and play the day as one continuous video (lettore.js), alone or side by side with up to three
 // other cameras at the same moment (sincronia.js); export a span (esportazione.js), download and
-// delete segments.
-import { api, avviso, conferma, durata, el, giorno_di, giorno_esteso, numero, ora } from './comune.js';
+// delete segments (elenco_segmenti.js).
+import { api, avviso, durata, el, giorno_di, giorno_esteso, numero, ora } from './comune.js';
 import { calendario } from './calendario.js';
 import { Lettore, riquadro, tratti_elenco } from './lettore.js';
 import { Sincronia } from './sincronia.js';
 import { esportazione } from './esportazione.js';
 import { anteprima, lascia_anteprima } from './anteprime.js';
+import { elenco_segmenti } from './elenco_segmenti.js';
 
-const MOTIVI = { continua: 'continua', orario: 'orario', evento: 'evento' };
 // Visible window of the timeline, in seconds, with its tick spacing.
 const ZOOM = [
   { sec: 86400, passo: 3 * 3600, nome: '24 ore' },
@@ -42,7 +42,6 @@ let timer_elenco = null;
 function costruisci(sezione) {
   nodi = {};
   nodi.errore = el('div', { hidden: true });
-  nodi.esito = el('div', { hidden: true, id: 'esito-registrazioni' });
   nodi.camera = el('select', { id: 'reg-camera' });
   nodi.camera.addEventListener('change', async () => {
     cam = Number(nodi.camera.value);
@@ -118,13 +117,20 @@ function costruisci(sezione) {
       disegna();
     },
   });
-  nodi.elenco = el('div', { id: 'elenco-segmenti' });
-  const el_giorno = el('button', { type: 'button', class: 'pericolo', id: 'elimina-giorno' }, 'Elimina il giorno');
-  el_giorno.addEventListener('click', elimina_giorno);
-  const el_camera = el('button', { type: 'button', class: 'pericolo', id: 'elimina-camera' }, 'Elimina tutta la telecamera');
-  el_camera.addEventListener('click', elimina_camera);
-  const el_tutto = el('button', { type: 'button', class: 'pericolo', id: 'elimina-tutto' }, 'Elimina tutto l\'archivio');
-  el_tutto.addEventListener('click', elimina_tutto);
+  nodi.elenco = elenco_segmenti({
+    contesto: () => ({ cam, nome: nome_camera(), giorno, segmenti: dati ? dati.registrazioni : [] }),
+    riproduci: (s) => {
+      vai(s.inizio);
+      centra(cursore);
+      disegna();
+      if (!sinc.suona) alterna();
+    },
+    dopo: async () => {
+      ferma_lettori();
+      dati = null;
+      await carica_giorni();
+    },
+  });
   nodi.titolo_giorno = el('h3', { id: 'reg-giorno' });
   const aggiorna = el('button', { type: 'button', class: 'secondario piccolo' }, 'Aggiorna');
   aggiorna.addEventListener('click', async () => {
@@ -154,9 +160,7 @@ function costruisci(sezione) {
              'precedente; B e Maiusc+B buco successivo o precedente; I e O segnano inizio e fine da esportare.'),
           nodi.in_video)),
     nodi.esporta.radice,
-    nodi.esito,
-    nodi.elenco,
-    el('div', { class: 'azioni zona-pericolo' }, el_giorno, el_camera, el_tutto));
+    ...nodi.elenco.radici);
 
   sinc = new Sincronia({ su_ora: segui_orologio, su_fine: () => testo_stato('Fine delle registrazioni di questo giorno.') });
   document.addEventListener('keydown', tasto_pagina);
@@ -236,7 +240,7 @@ async function carica_giorno() {
     dati = null;
     prepara_lettori([], []);
     disegna();
-    elenca();
+    nodi.elenco.elenca();
     return;
   }
   avviso(nodi.errore, '');
@@ -261,7 +265,7 @@ async function carica_giorno() {
   }
   centra(cursore);
   disegna();
-  elenca();
+  nodi.elenco.elenca();
   programma_aggiornamento();
 }
 
@@ -307,7 +311,7 @@ function programma_aggiornamento() {
       dati = { ...risposte[0].dati, cam };
       risposte.forEach((x, i) => { if (x.ok) sinc.lettori[i]?.aggiorna_elenco(x.dati.registrazioni); });
       disegna();
-      if (dati.registrazioni.length !== prima) elenca();
+      if (dati.registrazioni.length !== prima) nodi.elenco.elenca();
     }
     programma_aggiornamento();
   }, AGGIORNA_MS);
@@ -587,95 +591,8 @@ function ferma_lettori() {
   testo_stato('');
 }
 
-// --- Segment list and deletion ---------------------------------------------------------------
-
-function elenca() {
-  const segs = dati ? dati.registrazioni : [];
-  if (!segs.length) {
-    nodi.elenco.replaceChildren();
-    return;
-  }
-  const righe = segs.map((s) => {
-    const gioca = el('button', { type: 'button', class: 'secondario piccolo' }, 'Riproduci');
-    gioca.addEventListener('click', () => {
-      vai(s.inizio);
-      centra(cursore);
-      disegna();
-      if (!sinc.suona) alterna();
-    });
-    const nome = `${giorno}_${ora(s.inizio).replace(/:/g, '-')}.mp4`;
-    const scarica = el('a', { class: 'bottone secondario piccolo', href: `${s.url}?scarica=1`, download: nome }, 'Scarica');
-    const togli = el('button', { type: 'button', class: 'pericolo piccolo' }, 'Elimina');
-    togli.addEventListener('click', () => elimina_segmento(s));
-    return el('tr', { dataset: { id: String(s.id) } },
-      el('td', {}, ora(s.inizio)), el('td', {}, durata(s.durata)), el('td', {}, `${numero(s.mb)} MB`),
-      el('td', {}, MOTIVI[s.motivo] || s.motivo || ''),
-      el('td', { class: 'azioni-riga' }, gioca, scarica, togli));
-  });
-  nodi.elenco.replaceChildren(el('div', { class: 'scorri' }, el('table', { class: 'tabella' },
-    el('caption', {}, 'Segmenti del giorno'),
-    el('thead', {}, el('tr', {}, ['Inizio', 'Durata', 'Dimensione', 'Motivo', ''].map((t) => el('th', { scope: 'col' }, t)))),
-    el('tbody', {}, righe))));
-}
-
 function nome_camera() {
   return nodi.camera.selectedOptions[0]?.textContent || `Telecamera ${cam}`;
-}
-
-async function dopo_eliminazione(r) {
-  if (!r.ok) {
-    avviso(nodi.esito, r.messaggio);
-    return;
-  }
-  const d = r.dati;
-  avviso(nodi.esito, d.voci !== undefined ? `Eliminate ${d.voci} registrazioni (${d.file} file).` : 'Eliminata.', 'ok');
-  ferma_lettori();
-  dati = null;
-  await carica_giorni();
-}
-
-async function elimina_segmento(s) {
-  const si = await conferma(`Eliminare il segmento di ${nome_camera()} delle ${ora(s.inizio)} del ${giorno_esteso(giorno)} ` +
-                            `(${durata(s.durata)}, ${numero(s.mb)} MB)? Il file verrà cancellato.`);
-  if (!si) return;
-  const r = await api('DELETE', `/api/nvr/registrazione/${s.id}`);
-  await dopo_eliminazione(r);
-}
-
-async function elimina_giorno() {
-  const segs = dati ? dati.registrazioni : [];
-  const mb = segs.reduce((a, s) => a + s.mb, 0);
-  const si = await conferma(`Eliminare tutte le registrazioni di ${nome_camera()} del ${giorno_esteso(giorno)}? ` +
-    `Verranno cancellati ${segs.length} segmenti (${numero(mb)} MB) e gli eventi di quel giorno.`);
-  if (!si) return;
-  const r = await api('DELETE', '/api/nvr/registrazioni', { cam, giorno });
-  await dopo_eliminazione(r);
-}
-
-async function riepilogo_archivio() {
-  const r = await api('GET', '/api/nvr/archivio');
-  return r.ok ? r.dati : null;
-}
-
-async function elimina_camera() {
-  const a = await riepilogo_archivio();
-  const c = a ? a.telecamere.find((t) => t.id === cam) : null;
-  const quanto = c ? `${c.n} segmenti (${numero(c.gb, 2)} GB) in ${c.giorni.length} giorni` : 'tutte le registrazioni';
-  const si = await conferma(`Eliminare tutte le registrazioni di ${nome_camera()}? Verranno cancellati ${quanto} ` +
-                            'e tutti i suoi eventi.');
-  if (!si) return;
-  const r = await api('DELETE', '/api/nvr/registrazioni', { cam });
-  await dopo_eliminazione(r);
-}
-
-async function elimina_tutto() {
-  const a = await riepilogo_archivio();
-  const quanto = a ? `${a.totale.n} segmenti (${numero(a.totale.gb, 2)} GB) di ${a.telecamere.length} telecamere` : 'ogni registrazione';
-  const si = await conferma(`Svuotare tutto l'archivio? Verranno cancellati ${quanto} e tutti gli eventi; ` +
-                            'le registrazioni in corso ripartono da capo.', 'Svuota tutto');
-  if (!si) return;
-  const r = await api('DELETE', '/api/nvr/registrazioni', { tutto: true });
-  await dopo_eliminazione(r);
 }
 
 export async function mostra(sezione) {
