@@ -9,6 +9,7 @@ import { Sincronia } from './sincronia.js';
 import { esportazione } from './esportazione.js';
 import { anteprima, lascia_anteprima } from './anteprime.js';
 import { elenco_segmenti } from './elenco_segmenti.js';
+import { scelta_camere } from './scelta_camere.js';
 
 // Visible window of the timeline, in seconds, with its tick spacing.
 const ZOOM = [
@@ -19,16 +20,13 @@ const ZOOM = [
   { sec: 60, passo: 10, nome: '1 minuto' },
 ];
 const VELOCITA = [1, 2, 4, 8];
-const AFFIANCATE_MAX = 4;
 const PRIMA_DEL_BUCO_S = 3;   // "next gap" shows the last seconds before the hole
 const VICINO_S = 60;          // the server finds a thumbnail only this close to a recording
 const AGGIORNA_MS = 10000;    // listing refresh while today's recordings grow
 
 let nodi = null;
-let cam = 0;
+let scelta = null;         // the camera shown and the ones beside it
 let giorno = '';
-let camere = [];           // [{id, nome}] from /api/nvr/riassunto
-const affiancate = new Set();  // other cameras shown beside the chosen one
 let dati = null;           // last GET /api/nvr/registrazioni of the chosen camera
 let finestra = { da: 0, a: 0 };
 let cursore = 0;           // the clock: wall time of the playing moment
@@ -42,15 +40,13 @@ let timer_elenco = null;
 function costruisci(sezione) {
   nodi = {};
   nodi.errore = el('div', { hidden: true });
-  nodi.camera = el('select', { id: 'reg-camera' });
-  nodi.camera.addEventListener('change', async () => {
-    cam = Number(nodi.camera.value);
-    affiancate.delete(cam);
-    giorno = '';
-    disegna_affiancate();
-    await carica_giorni();
+  scelta = scelta_camere({
+    su_camera: async () => {
+      giorno = '';
+      await carica_giorni();
+    },
+    su_affiancate: carica_giorno,
   });
-  nodi.affianca = el('fieldset', { class: 'gruppo affianca', id: 'reg-affianca' });
   nodi.calendario = calendario(async (g) => {
     giorno = g;
     await carica_giorno();
@@ -111,14 +107,14 @@ function costruisci(sezione) {
 
   nodi.esporta = esportazione({
     momento: () => cursore,
-    contesto: () => (dati ? { cam, inizio_giorno: dati.inizio_giorno } : null),
+    contesto: () => (dati ? { cam: scelta.cam, inizio_giorno: dati.inizio_giorno } : null),
     su_segni: (da, a) => {
       segni = { da, a };
       disegna();
     },
   });
   nodi.elenco = elenco_segmenti({
-    contesto: () => ({ cam, nome: nome_camera(), giorno, segmenti: dati ? dati.registrazioni : [] }),
+    contesto: () => ({ cam: scelta.cam, nome: scelta.nome(scelta.cam), giorno, segmenti: dati ? dati.registrazioni : [] }),
     riproduci: (s) => {
       vai(s.inizio);
       centra(cursore);
@@ -140,8 +136,7 @@ function costruisci(sezione) {
   sezione.append(
     nodi.errore,
     el('div', { class: 'riga-scelte' },
-       el('div', { class: 'campo' }, el('label', { for: 'reg-camera' }, 'Telecamera'), nodi.camera),
-       aggiorna, nodi.affianca),
+       scelta.campo, aggiorna, scelta.affianca),
     el('div', { class: 'disposizione-registrazioni' },
        el('div', { class: 'scheda' }, nodi.calendario.radice),
        el('div', { class: 'scheda colonna-video' },
@@ -177,48 +172,13 @@ function testo_stato(t) {
 // --- Loading ---------------------------------------------------------------------------------
 
 async function carica_camere() {
-  const r = await api('GET', '/api/nvr/riassunto');
-  if (!r.ok) {
-    avviso(nodi.errore, r.messaggio);
-    return false;
-  }
-  avviso(nodi.errore, '');
-  camere = (r.dati.telecamere || []).map((c) => ({ id: c.id, nome: c.nome }));
-  const valori = camere.map((c) => String(c.id)).join(',');
-  if (nodi.camera.dataset.valori !== valori) {
-    nodi.camera.replaceChildren(...camere.map((c) => el('option', { value: String(c.id) }, c.nome)));
-    nodi.camera.dataset.valori = valori;
-  }
-  if (!camere.some((c) => c.id === cam)) cam = camere.length ? camere[0].id : 0;
-  for (const id of [...affiancate]) if (id === cam || !camere.some((c) => c.id === id)) affiancate.delete(id);
-  nodi.camera.value = String(cam);
-  disegna_affiancate();
-  return camere.length > 0;
-}
-
-function disegna_affiancate() {
-  const altre = camere.filter((c) => c.id !== cam);
-  nodi.affianca.hidden = altre.length === 0;
-  const pieno = affiancate.size >= AFFIANCATE_MAX - 1;
-  nodi.affianca.replaceChildren(
-    el('legend', {}, 'Affianca allo stesso momento'),
-    ...altre.map((c) => {
-      const id = `affianca-${c.id}`;
-      const casella = el('input', { type: 'checkbox', id, checked: affiancate.has(c.id),
-                                    disabled: pieno && !affiancate.has(c.id) });
-      casella.addEventListener('change', async () => {
-        if (casella.checked) affiancate.add(c.id);
-        else affiancate.delete(c.id);
-        disegna_affiancate();
-        await carica_giorno();
-      });
-      return el('label', { class: 'spunta', for: id }, casella, c.nome);
-    }),
-    el('span', { class: 'tenue' }, ` (fino a ${AFFIANCATE_MAX} telecamere insieme)`));
+  const errore = await scelta.carica();
+  avviso(nodi.errore, errore);
+  return !errore && scelta.cam !== 0;
 }
 
 async function carica_giorni() {
-  const r = await api('GET', `/api/nvr/giorni?cam=${cam}`);
+  const r = await api('GET', `/api/nvr/giorni?cam=${scelta.cam}`);
   const giorni = r.ok ? r.dati.giorni || [] : [];
   if (!r.ok) avviso(nodi.errore, r.messaggio);
   if (!giorno) giorno = giorni.length ? giorni[giorni.length - 1] : giorno_di(Date.now() / 1000);
@@ -231,7 +191,7 @@ async function elenco_di(id) {
 }
 
 async function carica_giorno() {
-  const ids = [cam, ...affiancate];
+  const ids = scelta.ids();
   const risposte = await Promise.all(ids.map(elenco_di));
   const r = risposte[0];
   nodi.titolo_giorno.textContent = giorno_esteso(giorno);
@@ -245,9 +205,9 @@ async function carica_giorno() {
   }
   avviso(nodi.errore, '');
   dati = r.dati;
-  dati.cam = cam;
+  dati.cam = scelta.cam;
   const elenchi = risposte.map((x) => (x.ok ? x.dati.registrazioni : []));
-  const stesso_giorno = chiave_lettori.startsWith(`${giorno}|${cam},`) || chiave_lettori === `${giorno}|${cam}`;
+  const stesso_giorno = chiave_lettori.startsWith(`${giorno}|${scelta.cam},`) || chiave_lettori === `${giorno}|${scelta.cam}`;
   const suonava = sinc.suona;
   if (prepara_lettori(ids, elenchi)) {
     const segs = dati.registrazioni;
@@ -283,8 +243,7 @@ function prepara_lettori(ids, elenchi) {
   riquadri = [];
   const lettori = [];
   ids.forEach((id, i) => {
-    const nome = camere.find((c) => c.id === id)?.nome || `Telecamera ${id}`;
-    const q = riquadro(nome, id);
+    const q = riquadro(scelta.nome(id), id);
     if (i === 0) q.video.id = 'video';
     riquadri.push(q);
     lettori.push(new Lettore(q.video, { cam: id, origine: dati.inizio_giorno, segmenti: elenchi[i], su_nota: q.scrivi }));
@@ -307,8 +266,8 @@ function programma_aggiornamento() {
     const prima = dati.registrazioni.length;
     const ids = sinc.lettori.map((p) => p.cam);
     const risposte = await Promise.all(ids.map(elenco_di));
-    if (risposte[0].ok && risposte[0].dati.giorno === dati.giorno && ids[0] === cam) {
-      dati = { ...risposte[0].dati, cam };
+    if (risposte[0].ok && risposte[0].dati.giorno === dati.giorno && ids[0] === scelta.cam) {
+      dati = { ...risposte[0].dati, cam: scelta.cam };
       risposte.forEach((x, i) => { if (x.ok) sinc.lettori[i]?.aggiorna_elenco(x.dati.registrazioni); });
       disegna();
       if (dati.registrazioni.length !== prima) nodi.elenco.elenca();
@@ -553,7 +512,7 @@ function chiedi_anteprima(t) {
     nodi.bolla_img.hidden = true;
     return;
   }
-  anteprima(cam, t, Math.max(1, Math.round((finestra.a - finestra.da) / 400)), (u) => {
+  anteprima(scelta.cam, t, Math.max(1, Math.round((finestra.a - finestra.da) / 400)), (u) => {
     if (nodi.bolla.hidden) return;
     nodi.bolla_img.hidden = !u;
     if (u && nodi.bolla_img.src !== u) nodi.bolla_img.src = u;
@@ -591,15 +550,11 @@ function ferma_lettori() {
   testo_stato('');
 }
 
-function nome_camera() {
-  return nodi.camera.selectedOptions[0]?.textContent || `Telecamera ${cam}`;
-}
-
 export async function mostra(sezione) {
   if (!nodi) costruisci(sezione);
   // #registrazioni?cam=1&giorno=2026-01-31 opens that camera and day (links of the Archivio page).
   const q = new URLSearchParams(location.hash.split('?')[1] || '');
-  if (q.get('cam')) cam = Number(q.get('cam'));
+  if (q.get('cam')) scelta.scegli(Number(q.get('cam')));
   if (/^\d{4}-\d{2}-\d{2}$/.test(q.get('giorno') || '')) giorno = q.get('giorno');
   if (await carica_camere()) await carica_giorni();
   else {
