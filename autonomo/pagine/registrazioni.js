@@ -4,12 +4,13 @@
 // delete segments (elenco_segmenti.js).
 import { api, avviso, durata, el, giorno_di, giorno_esteso, numero, ora } from './comune.js';
 import { calendario } from './calendario.js';
-import { Lettore, riquadro, tratti_elenco } from './lettore.js';
+import { Lettore, riquadro } from './lettore.js';
 import { Sincronia } from './sincronia.js';
 import { esportazione } from './esportazione.js';
 import { anteprima, lascia_anteprima } from './anteprime.js';
 import { elenco_segmenti } from './elenco_segmenti.js';
 import { scelta_camere } from './scelta_camere.js';
+import { buchi_elenco, comandi_video } from './comandi_video.js';
 
 // Visible window of the timeline, in seconds, with its tick spacing.
 const ZOOM = [
@@ -19,8 +20,6 @@ const ZOOM = [
   { sec: 600, passo: 60, nome: '10 minuti' },
   { sec: 60, passo: 10, nome: '1 minuto' },
 ];
-const VELOCITA = [1, 2, 4, 8];
-const PRIMA_DEL_BUCO_S = 3;   // "next gap" shows the last seconds before the hole
 const VICINO_S = 60;          // the server finds a thumbnail only this close to a recording
 const AGGIORNA_MS = 10000;    // listing refresh while today's recordings grow
 
@@ -84,27 +83,15 @@ function costruisci(sezione) {
   nodi.lettori = el('div', { class: 'griglia-lettori', id: 'reg-lettori' });
   nodi.in_video = el('p', { class: 'tenue', id: 'reg-in-video', 'aria-live': 'polite' });
 
-  nodi.suona = el('button', { type: 'button', id: 'reg-riproduci', 'aria-keyshortcuts': 'Space' }, 'Riproduci');
-  nodi.suona.addEventListener('click', alterna);
-  nodi.velocita = el('select', { id: 'reg-velocita' },
-                     VELOCITA.map((v) => el('option', { value: String(v) }, `${v}×`)));
-  nodi.velocita.addEventListener('change', () => sinc.imposta_velocita(Number(nodi.velocita.value)));
-  const salto = (testo, etichetta, tasto, fn) => {
-    const b = el('button', { type: 'button', class: 'secondario piccolo', 'aria-label': etichetta,
-                             title: `${etichetta} (tasto ${tasto})`, 'aria-keyshortcuts': tasto }, testo);
-    b.addEventListener('click', fn);
-    return b;
-  };
-  nodi.ora = el('output', { id: 'reg-ora', class: 'orologio', 'aria-label': 'Ora del video' }, '—');
-  const controlli = el('div', { class: 'controlli-lettore', role: 'group', 'aria-label': 'Comandi del video' },
-    nodi.suona,
-    el('label', { for: 'reg-velocita' }, 'Velocità'), nodi.velocita,
-    salto('⇤ Evento', 'Evento precedente', 'Shift+E', () => vai_evento(-1)),
-    salto('Evento ⇥', 'Evento successivo', 'E', () => vai_evento(1)),
-    salto('⇤ Buco', 'Buco precedente', 'Shift+B', () => vai_buco(-1)),
-    salto('Buco ⇥', 'Buco successivo', 'B', () => vai_buco(1)),
-    nodi.ora);
-
+  sinc = new Sincronia({ su_ora: segui_orologio, su_fine: () => testo_stato('Fine delle registrazioni di questo giorno.') });
+  nodi.comandi = comandi_video({
+    sinc,
+    giorno: () => dati,
+    momento: () => cursore,
+    vai,
+    nota: testo_stato,
+    segna: (quale) => (quale === 'inizio' ? nodi.esporta.segna_inizio() : nodi.esporta.segna_fine()),
+  });
   nodi.esporta = esportazione({
     momento: () => cursore,
     contesto: () => (dati ? { cam: scelta.cam, inizio_giorno: dati.inizio_giorno } : null),
@@ -119,7 +106,7 @@ function costruisci(sezione) {
       vai(s.inizio);
       centra(cursore);
       disegna();
-      if (!sinc.suona) alterna();
+      if (!sinc.suona) nodi.comandi.alterna();
     },
     dopo: async () => {
       ferma_lettori();
@@ -150,15 +137,9 @@ function costruisci(sezione) {
              el('span', { class: 'campione buco' }), 'buco ',
              el('span', { class: 'campione evento' }), 'evento ',
              el('span', { class: 'campione segno' }), 'da esportare'),
-          nodi.lettori, controlli,
-          el('p', { class: 'tenue legenda' }, 'Tasti: spazio riproduce o ferma; E e Maiusc+E evento successivo o ' +
-             'precedente; B e Maiusc+B buco successivo o precedente; I e O segnano inizio e fine da esportare.'),
-          nodi.in_video)),
+          nodi.lettori, nodi.comandi.radice, nodi.comandi.legenda, nodi.in_video)),
     nodi.esporta.radice,
     ...nodi.elenco.radici);
-
-  sinc = new Sincronia({ su_ora: segui_orologio, su_fine: () => testo_stato('Fine delle registrazioni di questo giorno.') });
-  document.addEventListener('keydown', tasto_pagina);
 }
 
 function plurale(n, uno, tanti) {
@@ -215,7 +196,7 @@ async function carica_giorno() {
     if (stesso_giorno) {
       // Only the cameras beside it changed: same moment, same state.
       sinc.vai(cursore);
-      if (suonava) alterna();
+      if (suonava) nodi.comandi.alterna();
     } else {
       cursore = segs.length ? Math.max(segs[0].inizio, dati.inizio_giorno) : dati.inizio_giorno;
       nodi.zoom.value = '0';
@@ -238,7 +219,7 @@ function prepara_lettori(ids, elenchi) {
     return false;
   }
   sinc.svuota();
-  aggiorna_bottone();
+  nodi.comandi.aggiorna();
   chiave_lettori = chiave;
   riquadri = [];
   const lettori = [];
@@ -251,7 +232,7 @@ function prepara_lettori(ids, elenchi) {
   nodi.lettori.className = `griglia-lettori quanti-${ids.length}`;
   nodi.lettori.replaceChildren(...riquadri.map((q) => q.radice));
   sinc.imposta(lettori, riquadri);
-  sinc.imposta_velocita(Number(nodi.velocita.value));
+  sinc.imposta_velocita(nodi.comandi.velocita());
   return true;
 }
 
@@ -278,19 +259,6 @@ function programma_aggiornamento() {
 
 // --- Playback controls -----------------------------------------------------------------------
 
-function aggiorna_bottone() {
-  const testo = sinc.suona ? 'Pausa' : 'Riproduci';
-  if (nodi.suona.textContent !== testo) nodi.suona.textContent = testo;
-  nodi.suona.setAttribute('aria-pressed', String(sinc.suona));
-}
-
-function alterna() {
-  if (!dati || !sinc.lettori.length) return;
-  if (sinc.suona) sinc.pausa();
-  else sinc.riproduci();
-  aggiorna_bottone();
-}
-
 function vai(t, perche) {
   if (!dati) return;
   testo_stato(perche || '');
@@ -302,8 +270,8 @@ function vai(t, perche) {
 function segui_orologio(t) {
   const mosso = t !== cursore;
   cursore = t;
-  aggiorna_bottone();
-  if (nodi.ora.textContent !== ora(t) && dati) nodi.ora.textContent = ora(t);
+  nodi.comandi.aggiorna();
+  if (dati) nodi.comandi.orologio(t);
   if (!dati) return;
   const lungo = finestra.a - finestra.da;
   if (mosso && trascina === null && (t < finestra.da || t > finestra.a - lungo * 0.02)) {
@@ -312,48 +280,6 @@ function segui_orologio(t) {
   } else {
     aggiorna_cursore();
   }
-}
-
-function vai_evento(verso) {
-  if (!dati) return;
-  const tempi = dati.eventi.map((e) => e.ts).sort((x, y) => x - y);
-  const t = verso > 0 ? tempi.find((x) => x > cursore + 0.5) : tempi.reverse().find((x) => x < cursore - 1.5);
-  if (t === undefined) {
-    testo_stato(verso > 0 ? 'Nessun evento dopo questo momento.' : 'Nessun evento prima di questo momento.');
-    return;
-  }
-  const e = dati.eventi.find((x) => x.ts === t);
-  vai(t, `Evento delle ${ora(t)}: ${e.entita} ${e.stato}`);
-}
-
-function buchi_del_giorno() {
-  const tratti = tratti_elenco(dati.registrazioni);
-  return tratti.slice(1).map((r, i) => ({ da: tratti[i].a, a: r.da }));
-}
-
-function vai_buco(verso) {
-  if (!dati) return;
-  const buchi = buchi_del_giorno();
-  const b = verso > 0 ? buchi.find((x) => x.da - PRIMA_DEL_BUCO_S > cursore + 0.5)
-                      : buchi.reverse().find((x) => x.da - PRIMA_DEL_BUCO_S < cursore - 1.5);
-  if (!b) {
-    testo_stato(verso > 0 ? 'Nessun buco dopo questo momento.' : 'Nessun buco prima di questo momento.');
-    return;
-  }
-  vai(b.da - PRIMA_DEL_BUCO_S, `Buco dalle ${ora(b.da)} alle ${ora(b.a)}`);
-}
-
-function tasto_pagina(ev) {
-  if (!dati || nodi.linea.closest('[hidden]') || ev.ctrlKey || ev.metaKey || ev.altKey) return;
-  if (ev.target.closest('input, select, textarea, button, a, dialog')) return;
-  const k = ev.key.toLowerCase();
-  if (k === ' ' && ev.target !== nodi.linea) alterna();
-  else if (k === 'e') vai_evento(ev.shiftKey ? -1 : 1);
-  else if (k === 'b') vai_buco(ev.shiftKey ? -1 : 1);
-  else if (k === 'i') nodi.esporta.segna_inizio();
-  else if (k === 'o') nodi.esporta.segna_fine();
-  else return;
-  ev.preventDefault();
 }
 
 // --- Timeline --------------------------------------------------------------------------------
@@ -399,7 +325,7 @@ function disegna() {
         figli.push(b);
       }
     });
-    const buchi = buchi_del_giorno();
+    const buchi = buchi_elenco(segs);
     for (const g of buchi) {
       const b = blocco('buco', g.da, g.a, `Nessuna registrazione dalle ${ora(g.da)} alle ${ora(g.a)}`);
       if (b) figli.push(b);
@@ -434,7 +360,7 @@ function disegna() {
         (dati.archivio_ok ? '' : ' — archivio non collegato: i file potrebbero mancare')
       : 'Nessuna registrazione in questo giorno.';
   } else {
-    nodi.ora.textContent = '—';
+    nodi.comandi.orologio(null);
   }
   figli.push(el('div', { class: 'cursore', id: 'cursore-linea', style: `left:${x(cursore)}%`, hidden: !dati }));
   figli.push(el('div', { class: 'cursore ombra', id: 'ombra-linea', hidden: true }));
@@ -529,7 +455,7 @@ function tasto_linea(ev) {
   else if (ev.key === 'End') t = dati.fine_giorno - 1;
   else if (ev.key === 'Enter' || ev.key === ' ') {
     ev.preventDefault();
-    alterna();
+    nodi.comandi.alterna();
     return;
   } else {
     return;
@@ -568,5 +494,5 @@ export function nascondi() {
   clearTimeout(timer_elenco);
   timer_elenco = null;
   sinc.pausa();
-  aggiorna_bottone();
+  nodi.comandi.aggiorna();
 }
