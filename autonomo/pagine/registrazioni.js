@@ -7,7 +7,7 @@ import { calendario } from './calendario.js';
 import { Lettore, riquadro } from './lettore.js';
 import { Sincronia } from './sincronia.js';
 import { esportazione } from './esportazione.js';
-import { anteprima, lascia_anteprima } from './anteprime.js';
+import { bolla_linea } from './anteprime.js';
 import { elenco_segmenti } from './elenco_segmenti.js';
 import { scelta_camere } from './scelta_camere.js';
 import { buchi_elenco, comandi_video } from './comandi_video.js';
@@ -20,7 +20,6 @@ const ZOOM = [
   { sec: 600, passo: 60, nome: '10 minuti' },
   { sec: 60, passo: 10, nome: '1 minuto' },
 ];
-const VICINO_S = 60;          // the server finds a thumbnail only this close to a recording
 const AGGIORNA_MS = 10000;    // listing refresh while today's recordings grow
 
 let nodi = null;
@@ -74,10 +73,7 @@ function costruisci(sezione) {
     if (trascina === null) nascondi_bolla();
   });
   nodi.linea.addEventListener('keydown', tasto_linea);
-  nodi.bolla_img = el('img', { alt: '', hidden: true, width: '160' });
-  nodi.bolla_ora = el('span', {});
-  nodi.bolla = el('div', { class: 'bolla-linea', id: 'bolla-linea', hidden: true, 'aria-hidden': 'true' },
-                  nodi.bolla_img, nodi.bolla_ora);
+  nodi.bolla = bolla_linea();
   nodi.scala = el('div', { class: 'scala', 'aria-hidden': 'true' });
   nodi.riassunto = el('p', { class: 'tenue', id: 'reg-riassunto', 'aria-live': 'polite' });
   nodi.lettori = el('div', { class: 'griglia-lettori', id: 'reg-lettori' });
@@ -122,15 +118,14 @@ function costruisci(sezione) {
 
   sezione.append(
     nodi.errore,
-    el('div', { class: 'riga-scelte' },
-       scelta.campo, aggiorna, scelta.affianca),
+    el('div', { class: 'riga-scelte' }, scelta.campo, aggiorna, scelta.affianca),
     el('div', { class: 'disposizione-registrazioni' },
        el('div', { class: 'scheda' }, nodi.calendario.radice),
        el('div', { class: 'scheda colonna-video' },
           nodi.titolo_giorno, nodi.riassunto,
           el('div', { class: 'comandi-linea' },
              el('label', { for: 'reg-zoom' }, 'Mostra '), nodi.zoom, indietro, avanti),
-          el('div', { class: 'contenitore-linea' }, nodi.linea, nodi.bolla),
+          el('div', { class: 'contenitore-linea' }, nodi.linea, nodi.bolla.radice),
           nodi.scala,
           el('div', { class: 'legenda tenue', 'aria-hidden': 'true' },
              el('span', { class: 'campione segmento' }), 'registrato ',
@@ -271,8 +266,8 @@ function segui_orologio(t) {
   const mosso = t !== cursore;
   cursore = t;
   nodi.comandi.aggiorna();
-  if (dati) nodi.comandi.orologio(t);
   if (!dati) return;
+  nodi.comandi.orologio(t);
   const lungo = finestra.a - finestra.da;
   if (mosso && trascina === null && (t < finestra.da || t > finestra.a - lungo * 0.02)) {
     centra(t);
@@ -408,41 +403,23 @@ function lascia_linea(ev) {
   vai(tempo_di(ev));
 }
 
-// The time and the picture under the pointer (and, while dragging, where the release will go).
+// The time and the picture under the pointer (and, while dragging, where the release will go),
+// the picture on a grid a little finer than a pixel of the timeline.
 function mostra_bolla(t) {
   const p = x(t);
-  nodi.bolla.hidden = false;
-  nodi.bolla.style.left = `${Math.max(6, Math.min(94, p))}%`;
-  nodi.bolla_ora.textContent = ora(t);
+  nodi.bolla.mostra(t, p, scelta.cam, dati ? dati.registrazioni : [],
+                    Math.max(1, Math.round((finestra.a - finestra.da) / 400)));
   const ombra = nodi.linea.querySelector('#ombra-linea');
   if (ombra) {
     ombra.hidden = trascina === null;
     ombra.style.left = `${p}%`;
   }
-  chiedi_anteprima(t);
 }
 
 function nascondi_bolla() {
-  nodi.bolla.hidden = true;
+  nodi.bolla.nascondi();
   const ombra = nodi.linea.querySelector('#ombra-linea');
   if (ombra) ombra.hidden = true;
-  lascia_anteprima();
-}
-
-// The picture under the pointer, only near a recording (elsewhere the server has none), on a
-// grid a little finer than a pixel of the timeline.
-function chiedi_anteprima(t) {
-  const segs = dati ? dati.registrazioni : [];
-  if (!segs.some((s) => s.inizio - VICINO_S <= t && t <= s.fine + VICINO_S)) {
-    lascia_anteprima();
-    nodi.bolla_img.hidden = true;
-    return;
-  }
-  anteprima(scelta.cam, t, Math.max(1, Math.round((finestra.a - finestra.da) / 400)), (u) => {
-    if (nodi.bolla.hidden) return;
-    nodi.bolla_img.hidden = !u;
-    if (u && nodi.bolla_img.src !== u) nodi.bolla_img.src = u;
-  });
 }
 
 function tasto_linea(ev) {
