@@ -335,4 +335,22 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     await fine('14-dal-vivo-immagine');
   });
 
+  test('registrazioni: un segmento eliminato dalla sua riga, poi il giorno', async () => {
+    await pagina.goto(`${nvr.base}/#registrazioni`);
+    await pagina.reload();  // the previous step replaced the browser's codec check
+    const riga = pagina.locator('#elenco-segmenti tbody tr').first();
+    await riga.waitFor();
+    const id = await riga.getAttribute('data-id');
+    await riga.getByRole('button', { name: 'Elimina', exact: true }).click();
+    await pagina.locator('#dialogo-testo', { hasText: 'Eliminare il segmento di Ingresso delle' }).waitFor();
+    await pagina.click('#dialogo-si');
+    await pagina.locator('#esito-registrazioni', { hasText: 'Eliminata.' }).waitFor();
+    await pagina.locator(`#elenco-segmenti tr[data-id="${id}"]`).waitFor({ state: 'detached' });
+    await pagina.click('#elimina-giorno');
+    await pagina.locator('#dialogo-testo', { hasText: 'Eliminare tutte le registrazioni di Ingresso del' }).waitFor();
+    await pagina.click('#dialogo-si');
+    await pagina.locator('#esito-registrazioni', { hasText: /^Eliminate \d+ registrazioni \(\d+ file\)\.$/ }).waitFor();
+    await fine('15-registrazioni-eliminate');
+  });
+
 });
