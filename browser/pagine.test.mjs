@@ -259,6 +259,18 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     await pagina.locator('#bolla-linea img').waitFor();
     await schermata('09-registrazioni-riproduzione');
 
+    // The player's frame on the whole screen and back, from its button and from a double click
+    // (Escape is the browser's own, which a headless browser does not have).
+    const a_schermo = () => pagina.evaluate(() => document.fullscreenElement?.dataset.cam ?? null);
+    for (const alterna of [() => pagina.getByRole('button', { name: 'Schermo intero' }).click(),
+                           () => pagina.locator('#video').dblclick()]) {
+      await alterna();
+      await fino_a('schermo intero', async () => (await a_schermo()) === String(cam_id), 5000, 100);
+      await schermata('09b-registrazioni-schermo-intero');
+      await alterna();
+      await fino_a('schermo intero lasciato', async () => (await a_schermo()) === null, 5000, 100);
+    }
+
     // Two cameras side by side keep in step while playing and after a seek.
     await pagina.getByLabel('Cortile', { exact: true }).check();
     await pagina.locator('#reg-lettori video').nth(1).waitFor();
