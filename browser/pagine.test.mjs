@@ -259,6 +259,18 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     await pagina.locator('#bolla-linea img').waitFor();
     await schermata('09-registrazioni-riproduzione');
 
+    // The player's frame on the whole screen and back, from its button and from a double click
+    // (Escape is the browser's own, which a headless browser does not have).
+    const a_schermo = () => pagina.evaluate(() => document.fullscreenElement?.dataset.cam ?? null);
+    for (const alterna of [() => pagina.getByRole('button', { name: 'Schermo intero' }).click(),
+                           () => pagina.locator('#video').dblclick()]) {
+      await alterna();
+      await fino_a('schermo intero', async () => (await a_schermo()) === String(cam_id), 5000, 100);
+      await schermata('09b-registrazioni-schermo-intero');
+      await alterna();
+      await fino_a('schermo intero lasciato', async () => (await a_schermo()) === null, 5000, 100);
+    }
+
     // Two cameras side by side keep in step while playing and after a seek.
     await pagina.getByLabel('Cortile', { exact: true }).check();
     await pagina.locator('#reg-lettori video').nth(1).waitFor();
@@ -333,6 +345,24 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     await tile.locator('.nota-vivo', { hasText: 'Questo browser non sa riprodurre il video' }).waitFor();
     await fino_a("l'immagine al posto del video", () => tile.locator('img').evaluate((i) => i.naturalWidth > 0), 15000, 200);
     await fine('14-dal-vivo-immagine');
+  });
+
+  test('registrazioni: un segmento eliminato dalla sua riga, poi il giorno', async () => {
+    await pagina.goto(`${nvr.base}/#registrazioni`);
+    await pagina.reload();  // the previous step replaced the browser's codec check
+    const riga = pagina.locator('#elenco-segmenti tbody tr').first();
+    await riga.waitFor();
+    const id = await riga.getAttribute('data-id');
+    await riga.getByRole('button', { name: 'Elimina', exact: true }).click();
+    await pagina.locator('#dialogo-testo', { hasText: 'Eliminare il segmento di Ingresso delle' }).waitFor();
+    await pagina.click('#dialogo-si');
+    await pagina.locator('#esito-registrazioni', { hasText: 'Eliminata.' }).waitFor();
+    await pagina.locator(`#elenco-segmenti tr[data-id="${id}"]`).waitFor({ state: 'detached' });
+    await pagina.click('#elimina-giorno');
+    await pagina.locator('#dialogo-testo', { hasText: 'Eliminare tutte le registrazioni di Ingresso del' }).waitFor();
+    await pagina.click('#dialogo-si');
+    await pagina.locator('#esito-registrazioni', { hasText: /^Eliminate \d+ registrazioni \(\d+ file\)\.$/ }).waitFor();
+    await fine('15-registrazioni-eliminate');
   });
 
 });

@@ -1,9 +1,12 @@
 """One segment's whole road through a real Flask host: recorded by ffmpeg from the RTSP test
-camera, indexed, listed, played with byte ranges and validators, downloaded, deleted."""
+camera, indexed, listed, played with byte ranges and validators, downloaded, deleted; and the
+recorded segments exported and streamed as one timeline through Flask."""
 
 import datetime
+import hashlib
 import os
 import re
+import socket
 import time
 import urllib.request
 import zoneinfo
@@ -85,3 +88,45 @@ def test_dal_vivo_attraverso_flask(host, camera):
     assert host.get("/api/vivo/99").json == {"status": "error",
                                               "message": "Telecamera non trovata"}
     assert host.get("/api/vivo/5", intestazioni={}).status != 200
+
+
+def _sul_filo(h, percorso):
+    """The answer's header and every body byte up to the server's close, as they came."""
+    richiesta = f"GET {percorso} HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: close\r\n" + \
+        "".join(f"{k}: {v}\r\n" for k, v in CONCESSO.items()) + "\r\n"
+    dati = b""
+    with socket.create_connection(("127.0.0.1", h.porta), timeout=30) as s:
+        s.sendall(richiesta.encode())
+        while pezzo := s.recv(1 << 16):
+            dati += pezzo
+    testata, _, corpo = dati.partition(b"\r\n\r\n")
+    return testata.decode("latin-1").lower(), corpo
+
+
+def test_esporta_e_flusso_attraverso_flask(host, camera, archivio):
+    """Segments of the real recorder: the export's length and hash as announced, and a stream
+    that starts with its initialisation segment."""
+    avvia_registrazione(host, camera, archivio, modo="sempre")
+    host.sql("UPDATE nvr_config SET segmento_sec=2")
+    oggi = datetime.datetime.now(zoneinfo.ZoneInfo("Europe/Rome")).strftime("%Y-%m-%d")
+
+    def tre_segmenti():
+        s = host.get(f"/api/nvr/registrazioni?cam=1&giorno={oggi}").json["registrazioni"]
+        return s if len(s) >= 3 else None
+    segmenti = attendi(tre_segmenti, 150, 2, "tre segmenti elencati")
+    domanda = f"cam=1&da={segmenti[0]['inizio']}&a={segmenti[-1]['fine']}"
+
+    impronta = host.get(f"/api/esporta/impronta?{domanda}")
+    assert impronta.status == 200, impronta.corpo
+    testata, corpo = _sul_filo(host, f"/api/esporta?{domanda}")
+    assert testata.startswith("http/1.1 200"), testata
+    assert f"\r\ncontent-length: {len(corpo)}\r\n" in testata + "\r\n", testata
+    assert len(corpo) == impronta.json["byte"]
+    assert hashlib.sha256(corpo).hexdigest() == impronta.json["sha256"]
+
+    richiesta = urllib.request.Request(
+        f"http://127.0.0.1:{host.porta}/api/flusso?cam=1&da={segmenti[1]['inizio']}",
+        headers=CONCESSO)
+    with urllib.request.urlopen(richiesta, timeout=20) as r:
+        assert r.headers["Content-Type"] == "video/mp4"
+        assert r.read(8)[4:] == b"ftyp"

@@ -295,13 +295,37 @@ export class Lettore {
   }
 }
 
-// A tile holding one camera's video, its name and the note shown when it has nothing to play.
+// Four corners in the text's colour (no font is sure to have a glyph for it).
+function icona_schermo_intero() {
+  const ns = 'http://www.w3.org/2000/svg';
+  const svg = document.createElementNS(ns, 'svg');
+  svg.setAttribute('viewBox', '0 0 16 16');
+  svg.setAttribute('aria-hidden', 'true');
+  const tratto = document.createElementNS(ns, 'path');
+  tratto.setAttribute('d', 'M1 6V1h5M10 1h5v5M15 10v5h-5M6 15H1v-5');
+  svg.append(tratto);
+  return svg;
+}
+
+// A tile holding one camera's video, its name, the note shown when it has nothing to play and a
+// button (or a double click on the video) that puts the tile on the whole screen; Escape leaves.
 export function riquadro(nome, id) {
   const video = el('video', { playsInline: true, muted: true, 'aria-label': `Registrazione di ${nome}` });
   video.muted = true;
   const nota = el('p', { class: 'nota-vivo', role: 'status', hidden: true });
+  const intero = el('button', { type: 'button', class: 'schermo-intero', 'aria-label': 'Schermo intero',
+                                title: 'Schermo intero', 'aria-pressed': 'false' }, icona_schermo_intero());
   const radice = el('figure', { class: 'riquadro-lettore', dataset: { cam: String(id) } },
-    video, el('figcaption', { class: 'nome-vivo' }, nome), nota);
+    video, el('figcaption', { class: 'nome-vivo' }, nome), nota, intero);
+  const alterna = () => {
+    if (document.fullscreenElement === radice) document.exitFullscreen().catch(() => {});
+    else radice.requestFullscreen?.().catch(() => {});
+  };
+  intero.addEventListener('click', alterna);
+  video.addEventListener('dblclick', alterna);
+  radice.addEventListener('fullscreenchange', () => {
+    intero.setAttribute('aria-pressed', String(document.fullscreenElement === radice));
+  });
   return {
     radice, video, nota,
     scrivi(testo) {

@@ -1,15 +1,17 @@
 // Registrazioni: pick a camera and a day, see the day's segments, gaps and events on a timeline
 // and play the day as one continuous video (lettore.js), alone or side by side with up to three
 // other cameras at the same moment (sincronia.js); export a span (esportazione.js), download and
-// delete segments.
-import { api, avviso, conferma, durata, el, giorno_di, giorno_esteso, numero, ora } from './comune.js';
+// delete segments (elenco_segmenti.js).
+import { api, avviso, durata, el, giorno_di, giorno_esteso, numero, ora } from './comune.js';
 import { calendario } from './calendario.js';
-import { Lettore, riquadro, tratti_elenco } from './lettore.js';
+import { Lettore, riquadro } from './lettore.js';
 import { Sincronia } from './sincronia.js';
 import { esportazione } from './esportazione.js';
-import { anteprima, lascia_anteprima } from './anteprime.js';
+import { bolla_linea } from './anteprime.js';
+import { elenco_segmenti } from './elenco_segmenti.js';
+import { scelta_camere } from './scelta_camere.js';
+import { buchi_elenco, comandi_video } from './comandi_video.js';
 
-const MOTIVI = { continua: 'continua', orario: 'orario', evento: 'evento' };
 // Visible window of the timeline, in seconds, with its tick spacing.
 const ZOOM = [
   { sec: 86400, passo: 3 * 3600, nome: '24 ore' },
@@ -18,17 +20,11 @@ const ZOOM = [
   { sec: 600, passo: 60, nome: '10 minuti' },
   { sec: 60, passo: 10, nome: '1 minuto' },
 ];
-const VELOCITA = [1, 2, 4, 8];
-const AFFIANCATE_MAX = 4;
-const PRIMA_DEL_BUCO_S = 3;   // "next gap" shows the last seconds before the hole
-const VICINO_S = 60;          // the server finds a thumbnail only this close to a recording
 const AGGIORNA_MS = 10000;    // listing refresh while today's recordings grow
 
 let nodi = null;
-let cam = 0;
+let scelta = null;         // the camera shown and the ones beside it
 let giorno = '';
-let camere = [];           // [{id, nome}] from /api/nvr/riassunto
-const affiancate = new Set();  // other cameras shown beside the chosen one
 let dati = null;           // last GET /api/nvr/registrazioni of the chosen camera
 let finestra = { da: 0, a: 0 };
 let cursore = 0;           // the clock: wall time of the playing moment
@@ -42,16 +38,13 @@ let timer_elenco = null;
 function costruisci(sezione) {
   nodi = {};
   nodi.errore = el('div', { hidden: true });
-  nodi.esito = el('div', { hidden: true, id: 'esito-registrazioni' });
-  nodi.camera = el('select', { id: 'reg-camera' });
-  nodi.camera.addEventListener('change', async () => {
-    cam = Number(nodi.camera.value);
-    affiancate.delete(cam);
-    giorno = '';
-    disegna_affiancate();
-    await carica_giorni();
+  scelta = scelta_camere({
+    su_camera: async () => {
+      giorno = '';
+      await carica_giorni();
+    },
+    su_affiancate: carica_giorno,
   });
-  nodi.affianca = el('fieldset', { class: 'gruppo affianca', id: 'reg-affianca' });
   nodi.calendario = calendario(async (g) => {
     giorno = g;
     await carica_giorno();
@@ -80,51 +73,43 @@ function costruisci(sezione) {
     if (trascina === null) nascondi_bolla();
   });
   nodi.linea.addEventListener('keydown', tasto_linea);
-  nodi.bolla_img = el('img', { alt: '', hidden: true, width: '160' });
-  nodi.bolla_ora = el('span', {});
-  nodi.bolla = el('div', { class: 'bolla-linea', id: 'bolla-linea', hidden: true, 'aria-hidden': 'true' },
-                  nodi.bolla_img, nodi.bolla_ora);
+  nodi.bolla = bolla_linea();
   nodi.scala = el('div', { class: 'scala', 'aria-hidden': 'true' });
   nodi.riassunto = el('p', { class: 'tenue', id: 'reg-riassunto', 'aria-live': 'polite' });
   nodi.lettori = el('div', { class: 'griglia-lettori', id: 'reg-lettori' });
   nodi.in_video = el('p', { class: 'tenue', id: 'reg-in-video', 'aria-live': 'polite' });
 
-  nodi.suona = el('button', { type: 'button', id: 'reg-riproduci', 'aria-keyshortcuts': 'Space' }, 'Riproduci');
-  nodi.suona.addEventListener('click', alterna);
-  nodi.velocita = el('select', { id: 'reg-velocita' },
-                     VELOCITA.map((v) => el('option', { value: String(v) }, `${v}×`)));
-  nodi.velocita.addEventListener('change', () => sinc.imposta_velocita(Number(nodi.velocita.value)));
-  const salto = (testo, etichetta, tasto, fn) => {
-    const b = el('button', { type: 'button', class: 'secondario piccolo', 'aria-label': etichetta,
-                             title: `${etichetta} (tasto ${tasto})`, 'aria-keyshortcuts': tasto }, testo);
-    b.addEventListener('click', fn);
-    return b;
-  };
-  nodi.ora = el('output', { id: 'reg-ora', class: 'orologio', 'aria-label': 'Ora del video' }, '—');
-  const controlli = el('div', { class: 'controlli-lettore', role: 'group', 'aria-label': 'Comandi del video' },
-    nodi.suona,
-    el('label', { for: 'reg-velocita' }, 'Velocità'), nodi.velocita,
-    salto('⇤ Evento', 'Evento precedente', 'Shift+E', () => vai_evento(-1)),
-    salto('Evento ⇥', 'Evento successivo', 'E', () => vai_evento(1)),
-    salto('⇤ Buco', 'Buco precedente', 'Shift+B', () => vai_buco(-1)),
-    salto('Buco ⇥', 'Buco successivo', 'B', () => vai_buco(1)),
-    nodi.ora);
-
+  sinc = new Sincronia({ su_ora: segui_orologio, su_fine: () => testo_stato('Fine delle registrazioni di questo giorno.') });
+  nodi.comandi = comandi_video({
+    sinc,
+    giorno: () => dati,
+    momento: () => cursore,
+    vai,
+    nota: testo_stato,
+    segna: (quale) => (quale === 'inizio' ? nodi.esporta.segna_inizio() : nodi.esporta.segna_fine()),
+  });
   nodi.esporta = esportazione({
     momento: () => cursore,
-    contesto: () => (dati ? { cam, inizio_giorno: dati.inizio_giorno } : null),
+    contesto: () => (dati ? { cam: scelta.cam, inizio_giorno: dati.inizio_giorno } : null),
     su_segni: (da, a) => {
       segni = { da, a };
       disegna();
     },
   });
-  nodi.elenco = el('div', { id: 'elenco-segmenti' });
-  const el_giorno = el('button', { type: 'button', class: 'pericolo', id: 'elimina-giorno' }, 'Elimina il giorno');
-  el_giorno.addEventListener('click', elimina_giorno);
-  const el_camera = el('button', { type: 'button', class: 'pericolo', id: 'elimina-camera' }, 'Elimina tutta la telecamera');
-  el_camera.addEventListener('click', elimina_camera);
-  const el_tutto = el('button', { type: 'button', class: 'pericolo', id: 'elimina-tutto' }, 'Elimina tutto l\'archivio');
-  el_tutto.addEventListener('click', elimina_tutto);
+  nodi.elenco = elenco_segmenti({
+    contesto: () => ({ cam: scelta.cam, nome: scelta.nome(scelta.cam), giorno, segmenti: dati ? dati.registrazioni : [] }),
+    riproduci: (s) => {
+      vai(s.inizio);
+      centra(cursore);
+      disegna();
+      if (!sinc.suona) nodi.comandi.alterna();
+    },
+    dopo: async () => {
+      ferma_lettori();
+      dati = null;
+      await carica_giorni();
+    },
+  });
   nodi.titolo_giorno = el('h3', { id: 'reg-giorno' });
   const aggiorna = el('button', { type: 'button', class: 'secondario piccolo' }, 'Aggiorna');
   aggiorna.addEventListener('click', async () => {
@@ -133,33 +118,23 @@ function costruisci(sezione) {
 
   sezione.append(
     nodi.errore,
-    el('div', { class: 'riga-scelte' },
-       el('div', { class: 'campo' }, el('label', { for: 'reg-camera' }, 'Telecamera'), nodi.camera),
-       aggiorna, nodi.affianca),
+    el('div', { class: 'riga-scelte' }, scelta.campo, aggiorna, scelta.affianca),
     el('div', { class: 'disposizione-registrazioni' },
        el('div', { class: 'scheda' }, nodi.calendario.radice),
        el('div', { class: 'scheda colonna-video' },
           nodi.titolo_giorno, nodi.riassunto,
           el('div', { class: 'comandi-linea' },
              el('label', { for: 'reg-zoom' }, 'Mostra '), nodi.zoom, indietro, avanti),
-          el('div', { class: 'contenitore-linea' }, nodi.linea, nodi.bolla),
+          el('div', { class: 'contenitore-linea' }, nodi.linea, nodi.bolla.radice),
           nodi.scala,
           el('div', { class: 'legenda tenue', 'aria-hidden': 'true' },
              el('span', { class: 'campione segmento' }), 'registrato ',
              el('span', { class: 'campione buco' }), 'buco ',
              el('span', { class: 'campione evento' }), 'evento ',
              el('span', { class: 'campione segno' }), 'da esportare'),
-          nodi.lettori, controlli,
-          el('p', { class: 'tenue legenda' }, 'Tasti: spazio riproduce o ferma; E e Maiusc+E evento successivo o ' +
-             'precedente; B e Maiusc+B buco successivo o precedente; I e O segnano inizio e fine da esportare.'),
-          nodi.in_video)),
+          nodi.lettori, nodi.comandi.radice, nodi.comandi.legenda, nodi.in_video)),
     nodi.esporta.radice,
-    nodi.esito,
-    nodi.elenco,
-    el('div', { class: 'azioni zona-pericolo' }, el_giorno, el_camera, el_tutto));
-
-  sinc = new Sincronia({ su_ora: segui_orologio, su_fine: () => testo_stato('Fine delle registrazioni di questo giorno.') });
-  document.addEventListener('keydown', tasto_pagina);
+    ...nodi.elenco.radici);
 }
 
 function plurale(n, uno, tanti) {
@@ -173,48 +148,13 @@ function testo_stato(t) {
 // --- Loading ---------------------------------------------------------------------------------
 
 async function carica_camere() {
-  const r = await api('GET', '/api/nvr/riassunto');
-  if (!r.ok) {
-    avviso(nodi.errore, r.messaggio);
-    return false;
-  }
-  avviso(nodi.errore, '');
-  camere = (r.dati.telecamere || []).map((c) => ({ id: c.id, nome: c.nome }));
-  const valori = camere.map((c) => String(c.id)).join(',');
-  if (nodi.camera.dataset.valori !== valori) {
-    nodi.camera.replaceChildren(...camere.map((c) => el('option', { value: String(c.id) }, c.nome)));
-    nodi.camera.dataset.valori = valori;
-  }
-  if (!camere.some((c) => c.id === cam)) cam = camere.length ? camere[0].id : 0;
-  for (const id of [...affiancate]) if (id === cam || !camere.some((c) => c.id === id)) affiancate.delete(id);
-  nodi.camera.value = String(cam);
-  disegna_affiancate();
-  return camere.length > 0;
-}
-
-function disegna_affiancate() {
-  const altre = camere.filter((c) => c.id !== cam);
-  nodi.affianca.hidden = altre.length === 0;
-  const pieno = affiancate.size >= AFFIANCATE_MAX - 1;
-  nodi.affianca.replaceChildren(
-    el('legend', {}, 'Affianca allo stesso momento'),
-    ...altre.map((c) => {
-      const id = `affianca-${c.id}`;
-      const casella = el('input', { type: 'checkbox', id, checked: affiancate.has(c.id),
-                                    disabled: pieno && !affiancate.has(c.id) });
-      casella.addEventListener('change', async () => {
-        if (casella.checked) affiancate.add(c.id);
-        else affiancate.delete(c.id);
-        disegna_affiancate();
-        await carica_giorno();
-      });
-      return el('label', { class: 'spunta', for: id }, casella, c.nome);
-    }),
-    el('span', { class: 'tenue' }, ` (fino a ${AFFIANCATE_MAX} telecamere insieme)`));
+  const errore = await scelta.carica();
+  avviso(nodi.errore, errore);
+  return !errore && scelta.cam !== 0;
 }
 
 async function carica_giorni() {
-  const r = await api('GET', `/api/nvr/giorni?cam=${cam}`);
+  const r = await api('GET', `/api/nvr/giorni?cam=${scelta.cam}`);
   const giorni = r.ok ? r.dati.giorni || [] : [];
   if (!r.ok) avviso(nodi.errore, r.messaggio);
   if (!giorno) giorno = giorni.length ? giorni[giorni.length - 1] : giorno_di(Date.now() / 1000);
@@ -227,7 +167,7 @@ async function elenco_di(id) {
 }
 
 async function carica_giorno() {
-  const ids = [cam, ...affiancate];
+  const ids = scelta.ids();
   const risposte = await Promise.all(ids.map(elenco_di));
   const r = risposte[0];
   nodi.titolo_giorno.textContent = giorno_esteso(giorno);
@@ -236,14 +176,14 @@ async function carica_giorno() {
     dati = null;
     prepara_lettori([], []);
     disegna();
-    elenca();
+    nodi.elenco.elenca();
     return;
   }
   avviso(nodi.errore, '');
   dati = r.dati;
-  dati.cam = cam;
+  dati.cam = scelta.cam;
   const elenchi = risposte.map((x) => (x.ok ? x.dati.registrazioni : []));
-  const stesso_giorno = chiave_lettori.startsWith(`${giorno}|${cam},`) || chiave_lettori === `${giorno}|${cam}`;
+  const stesso_giorno = chiave_lettori.startsWith(`${giorno}|${scelta.cam},`) || chiave_lettori === `${giorno}|${scelta.cam}`;
   const suonava = sinc.suona;
   if (prepara_lettori(ids, elenchi)) {
     const segs = dati.registrazioni;
@@ -251,7 +191,7 @@ async function carica_giorno() {
     if (stesso_giorno) {
       // Only the cameras beside it changed: same moment, same state.
       sinc.vai(cursore);
-      if (suonava) alterna();
+      if (suonava) nodi.comandi.alterna();
     } else {
       cursore = segs.length ? Math.max(segs[0].inizio, dati.inizio_giorno) : dati.inizio_giorno;
       nodi.zoom.value = '0';
@@ -261,7 +201,7 @@ async function carica_giorno() {
   }
   centra(cursore);
   disegna();
-  elenca();
+  nodi.elenco.elenca();
   programma_aggiornamento();
 }
 
@@ -274,13 +214,12 @@ function prepara_lettori(ids, elenchi) {
     return false;
   }
   sinc.svuota();
-  aggiorna_bottone();
+  nodi.comandi.aggiorna();
   chiave_lettori = chiave;
   riquadri = [];
   const lettori = [];
   ids.forEach((id, i) => {
-    const nome = camere.find((c) => c.id === id)?.nome || `Telecamera ${id}`;
-    const q = riquadro(nome, id);
+    const q = riquadro(scelta.nome(id), id);
     if (i === 0) q.video.id = 'video';
     riquadri.push(q);
     lettori.push(new Lettore(q.video, { cam: id, origine: dati.inizio_giorno, segmenti: elenchi[i], su_nota: q.scrivi }));
@@ -288,7 +227,7 @@ function prepara_lettori(ids, elenchi) {
   nodi.lettori.className = `griglia-lettori quanti-${ids.length}`;
   nodi.lettori.replaceChildren(...riquadri.map((q) => q.radice));
   sinc.imposta(lettori, riquadri);
-  sinc.imposta_velocita(Number(nodi.velocita.value));
+  sinc.imposta_velocita(nodi.comandi.velocita());
   return true;
 }
 
@@ -303,30 +242,17 @@ function programma_aggiornamento() {
     const prima = dati.registrazioni.length;
     const ids = sinc.lettori.map((p) => p.cam);
     const risposte = await Promise.all(ids.map(elenco_di));
-    if (risposte[0].ok && risposte[0].dati.giorno === dati.giorno && ids[0] === cam) {
-      dati = { ...risposte[0].dati, cam };
+    if (risposte[0].ok && risposte[0].dati.giorno === dati.giorno && ids[0] === scelta.cam) {
+      dati = { ...risposte[0].dati, cam: scelta.cam };
       risposte.forEach((x, i) => { if (x.ok) sinc.lettori[i]?.aggiorna_elenco(x.dati.registrazioni); });
       disegna();
-      if (dati.registrazioni.length !== prima) elenca();
+      if (dati.registrazioni.length !== prima) nodi.elenco.elenca();
     }
     programma_aggiornamento();
   }, AGGIORNA_MS);
 }
 
 // --- Playback controls -----------------------------------------------------------------------
-
-function aggiorna_bottone() {
-  const testo = sinc.suona ? 'Pausa' : 'Riproduci';
-  if (nodi.suona.textContent !== testo) nodi.suona.textContent = testo;
-  nodi.suona.setAttribute('aria-pressed', String(sinc.suona));
-}
-
-function alterna() {
-  if (!dati || !sinc.lettori.length) return;
-  if (sinc.suona) sinc.pausa();
-  else sinc.riproduci();
-  aggiorna_bottone();
-}
 
 function vai(t, perche) {
   if (!dati) return;
@@ -339,9 +265,9 @@ function vai(t, perche) {
 function segui_orologio(t) {
   const mosso = t !== cursore;
   cursore = t;
-  aggiorna_bottone();
-  if (nodi.ora.textContent !== ora(t) && dati) nodi.ora.textContent = ora(t);
+  nodi.comandi.aggiorna();
   if (!dati) return;
+  nodi.comandi.orologio(t);
   const lungo = finestra.a - finestra.da;
   if (mosso && trascina === null && (t < finestra.da || t > finestra.a - lungo * 0.02)) {
     centra(t);
@@ -349,48 +275,6 @@ function segui_orologio(t) {
   } else {
     aggiorna_cursore();
   }
-}
-
-function vai_evento(verso) {
-  if (!dati) return;
-  const tempi = dati.eventi.map((e) => e.ts).sort((x, y) => x - y);
-  const t = verso > 0 ? tempi.find((x) => x > cursore + 0.5) : tempi.reverse().find((x) => x < cursore - 1.5);
-  if (t === undefined) {
-    testo_stato(verso > 0 ? 'Nessun evento dopo questo momento.' : 'Nessun evento prima di questo momento.');
-    return;
-  }
-  const e = dati.eventi.find((x) => x.ts === t);
-  vai(t, `Evento delle ${ora(t)}: ${e.entita} ${e.stato}`);
-}
-
-function buchi_del_giorno() {
-  const tratti = tratti_elenco(dati.registrazioni);
-  return tratti.slice(1).map((r, i) => ({ da: tratti[i].a, a: r.da }));
-}
-
-function vai_buco(verso) {
-  if (!dati) return;
-  const buchi = buchi_del_giorno();
-  const b = verso > 0 ? buchi.find((x) => x.da - PRIMA_DEL_BUCO_S > cursore + 0.5)
-                      : buchi.reverse().find((x) => x.da - PRIMA_DEL_BUCO_S < cursore - 1.5);
-  if (!b) {
-    testo_stato(verso > 0 ? 'Nessun buco dopo questo momento.' : 'Nessun buco prima di questo momento.');
-    return;
-  }
-  vai(b.da - PRIMA_DEL_BUCO_S, `Buco dalle ${ora(b.da)} alle ${ora(b.a)}`);
-}
-
-function tasto_pagina(ev) {
-  if (!dati || nodi.linea.closest('[hidden]') || ev.ctrlKey || ev.metaKey || ev.altKey) return;
-  if (ev.target.closest('input, select, textarea, button, a, dialog')) return;
-  const k = ev.key.toLowerCase();
-  if (k === ' ' && ev.target !== nodi.linea) alterna();
-  else if (k === 'e') vai_evento(ev.shiftKey ? -1 : 1);
-  else if (k === 'b') vai_buco(ev.shiftKey ? -1 : 1);
-  else if (k === 'i') nodi.esporta.segna_inizio();
-  else if (k === 'o') nodi.esporta.segna_fine();
-  else return;
-  ev.preventDefault();
 }
 
 // --- Timeline --------------------------------------------------------------------------------
@@ -436,7 +320,7 @@ function disegna() {
         figli.push(b);
       }
     });
-    const buchi = buchi_del_giorno();
+    const buchi = buchi_elenco(segs);
     for (const g of buchi) {
       const b = blocco('buco', g.da, g.a, `Nessuna registrazione dalle ${ora(g.da)} alle ${ora(g.a)}`);
       if (b) figli.push(b);
@@ -471,7 +355,7 @@ function disegna() {
         (dati.archivio_ok ? '' : ' — archivio non collegato: i file potrebbero mancare')
       : 'Nessuna registrazione in questo giorno.';
   } else {
-    nodi.ora.textContent = '—';
+    nodi.comandi.orologio(null);
   }
   figli.push(el('div', { class: 'cursore', id: 'cursore-linea', style: `left:${x(cursore)}%`, hidden: !dati }));
   figli.push(el('div', { class: 'cursore ombra', id: 'ombra-linea', hidden: true }));
@@ -519,41 +403,23 @@ function lascia_linea(ev) {
   vai(tempo_di(ev));
 }
 
-// The time and the picture under the pointer (and, while dragging, where the release will go).
+// The time and the picture under the pointer (and, while dragging, where the release will go),
+// the picture on a grid a little finer than a pixel of the timeline.
 function mostra_bolla(t) {
   const p = x(t);
-  nodi.bolla.hidden = false;
-  nodi.bolla.style.left = `${Math.max(6, Math.min(94, p))}%`;
-  nodi.bolla_ora.textContent = ora(t);
+  nodi.bolla.mostra(t, p, scelta.cam, dati ? dati.registrazioni : [],
+                    Math.max(1, Math.round((finestra.a - finestra.da) / 400)));
   const ombra = nodi.linea.querySelector('#ombra-linea');
   if (ombra) {
     ombra.hidden = trascina === null;
     ombra.style.left = `${p}%`;
   }
-  chiedi_anteprima(t);
 }
 
 function nascondi_bolla() {
-  nodi.bolla.hidden = true;
+  nodi.bolla.nascondi();
   const ombra = nodi.linea.querySelector('#ombra-linea');
   if (ombra) ombra.hidden = true;
-  lascia_anteprima();
-}
-
-// The picture under the pointer, only near a recording (elsewhere the server has none), on a
-// grid a little finer than a pixel of the timeline.
-function chiedi_anteprima(t) {
-  const segs = dati ? dati.registrazioni : [];
-  if (!segs.some((s) => s.inizio - VICINO_S <= t && t <= s.fine + VICINO_S)) {
-    lascia_anteprima();
-    nodi.bolla_img.hidden = true;
-    return;
-  }
-  anteprima(cam, t, Math.max(1, Math.round((finestra.a - finestra.da) / 400)), (u) => {
-    if (nodi.bolla.hidden) return;
-    nodi.bolla_img.hidden = !u;
-    if (u && nodi.bolla_img.src !== u) nodi.bolla_img.src = u;
-  });
 }
 
 function tasto_linea(ev) {
@@ -566,7 +432,7 @@ function tasto_linea(ev) {
   else if (ev.key === 'End') t = dati.fine_giorno - 1;
   else if (ev.key === 'Enter' || ev.key === ' ') {
     ev.preventDefault();
-    alterna();
+    nodi.comandi.alterna();
     return;
   } else {
     return;
@@ -587,102 +453,11 @@ function ferma_lettori() {
   testo_stato('');
 }
 
-// --- Segment list and deletion ---------------------------------------------------------------
-
-function elenca() {
-  const segs = dati ? dati.registrazioni : [];
-  if (!segs.length) {
-    nodi.elenco.replaceChildren();
-    return;
-  }
-  const righe = segs.map((s) => {
-    const gioca = el('button', { type: 'button', class: 'secondario piccolo' }, 'Riproduci');
-    gioca.addEventListener('click', () => {
-      vai(s.inizio);
-      centra(cursore);
-      disegna();
-      if (!sinc.suona) alterna();
-    });
-    const nome = `${giorno}_${ora(s.inizio).replace(/:/g, '-')}.mp4`;
-    const scarica = el('a', { class: 'bottone secondario piccolo', href: `${s.url}?scarica=1`, download: nome }, 'Scarica');
-    const togli = el('button', { type: 'button', class: 'pericolo piccolo' }, 'Elimina');
-    togli.addEventListener('click', () => elimina_segmento(s));
-    return el('tr', { dataset: { id: String(s.id) } },
-      el('td', {}, ora(s.inizio)), el('td', {}, durata(s.durata)), el('td', {}, `${numero(s.mb)} MB`),
-      el('td', {}, MOTIVI[s.motivo] || s.motivo || ''),
-      el('td', { class: 'azioni-riga' }, gioca, scarica, togli));
-  });
-  nodi.elenco.replaceChildren(el('div', { class: 'scorri' }, el('table', { class: 'tabella' },
-    el('caption', {}, 'Segmenti del giorno'),
-    el('thead', {}, el('tr', {}, ['Inizio', 'Durata', 'Dimensione', 'Motivo', ''].map((t) => el('th', { scope: 'col' }, t)))),
-    el('tbody', {}, righe))));
-}
-
-function nome_camera() {
-  return nodi.camera.selectedOptions[0]?.textContent || `Telecamera ${cam}`;
-}
-
-async function dopo_eliminazione(r) {
-  if (!r.ok) {
-    avviso(nodi.esito, r.messaggio);
-    return;
-  }
-  const d = r.dati;
-  avviso(nodi.esito, d.voci !== undefined ? `Eliminate ${d.voci} registrazioni (${d.file} file).` : 'Eliminata.', 'ok');
-  ferma_lettori();
-  dati = null;
-  await carica_giorni();
-}
-
-async function elimina_segmento(s) {
-  const si = await conferma(`Eliminare il segmento di ${nome_camera()} delle ${ora(s.inizio)} del ${giorno_esteso(giorno)} ` +
-                            `(${durata(s.durata)}, ${numero(s.mb)} MB)? Il file verrà cancellato.`);
-  if (!si) return;
-  const r = await api('DELETE', `/api/nvr/registrazione/${s.id}`);
-  await dopo_eliminazione(r);
-}
-
-async function elimina_giorno() {
-  const segs = dati ? dati.registrazioni : [];
-  const mb = segs.reduce((a, s) => a + s.mb, 0);
-  const si = await conferma(`Eliminare tutte le registrazioni di ${nome_camera()} del ${giorno_esteso(giorno)}? ` +
-    `Verranno cancellati ${segs.length} segmenti (${numero(mb)} MB) e gli eventi di quel giorno.`);
-  if (!si) return;
-  const r = await api('DELETE', '/api/nvr/registrazioni', { cam, giorno });
-  await dopo_eliminazione(r);
-}
-
-async function riepilogo_archivio() {
-  const r = await api('GET', '/api/nvr/archivio');
-  return r.ok ? r.dati : null;
-}
-
-async function elimina_camera() {
-  const a = await riepilogo_archivio();
-  const c = a ? a.telecamere.find((t) => t.id === cam) : null;
-  const quanto = c ? `${c.n} segmenti (${numero(c.gb, 2)} GB) in ${c.giorni.length} giorni` : 'tutte le registrazioni';
-  const si = await conferma(`Eliminare tutte le registrazioni di ${nome_camera()}? Verranno cancellati ${quanto} ` +
-                            'e tutti i suoi eventi.');
-  if (!si) return;
-  const r = await api('DELETE', '/api/nvr/registrazioni', { cam });
-  await dopo_eliminazione(r);
-}
-
-async function elimina_tutto() {
-  const a = await riepilogo_archivio();
-  const quanto = a ? `${a.totale.n} segmenti (${numero(a.totale.gb, 2)} GB) di ${a.telecamere.length} telecamere` : 'ogni registrazione';
-  const si = await conferma(`Svuotare tutto l'archivio? Verranno cancellati ${quanto} e tutti gli eventi; ` +
-                            'le registrazioni in corso ripartono da capo.', 'Svuota tutto');
-  if (!si) return;
-  const r = await api('DELETE', '/api/nvr/registrazioni', { tutto: true });
-  await dopo_eliminazione(r);
-}
-
 export async function mostra(sezione) {
   if (!nodi) costruisci(sezione);
   // #registrazioni?cam=1&giorno=2026-01-31 opens that camera and day (links of the Archivio page).
   const q = new URLSearchParams(location.hash.split('?')[1] || '');
-  if (q.get('cam')) cam = Number(q.get('cam'));
+  if (q.get('cam')) scelta.scegli(Number(q.get('cam')));
   if (/^\d{4}-\d{2}-\d{2}$/.test(q.get('giorno') || '')) giorno = q.get('giorno');
   if (await carica_camere()) await carica_giorni();
   else {
@@ -696,5 +471,5 @@ export function nascondi() {
   clearTimeout(timer_elenco);
   timer_elenco = null;
   sinc.pausa();
-  aggiorna_bottone();
+  nodi.comandi.aggiorna();
 }

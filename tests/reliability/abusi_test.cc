@@ -19,6 +19,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <ctime>
 #include <filesystem>
 #include <fstream>
 #include <limits>
@@ -145,9 +146,9 @@ const Valori kNumeri = {-1, 0, 1.5, 1e308, std::numeric_limits<std::int64_t>::ma
 // Every route with the values that break it. The spare camera is the only one the camera routes
 // may reach (never the recording one); the configuration gets only values the API must refuse:
 // a saved archive folder, destination or huge free-space floor would be an administrator's
-// action, not abuse.
+// action, not abuse. [da, a) is the well-formed playback span, which holds recordings.
 std::vector<Rotta> rotte(std::int64_t riserva, const std::string& sfoglia,
-                         const std::string& segreto) {
+                         const std::string& segreto, double da, double a) {
   const Json nul = std::string("/srv\0/../etc", 12);
   const Valori basi = {sfoglia, sfoglia + "/fuga", sfoglia + "/fuga/..", sfoglia + "/../..", "/",
                        "/etc", "/proc/self/root/etc", "/media/../etc", "../../etc",
@@ -160,6 +161,16 @@ std::vector<Rotta> rotte(std::int64_t riserva, const std::string& sfoglia,
   const Valori id = {riserva, std::to_string(riserva), "abc", -1, 0, 9e18, 12345.5, nullptr,
                      Json::array()};
   const Json camera = {{"nome", "Fuzz"}, {"url", "rtsp://127.0.0.1:9/x"}};
+  // Playback: seconds that are no number, not finite, out of any range, or a span past 24 hours
+  // or ending before it starts.
+  const Valori cam = {riserva, "abc", "-1", "0", "1.5", "1e3", "99999999999999999999999", "nan",
+                      kNonUtf8, ""};
+  const Valori secondi = {"abc", "", "-1", "nan", "NaN", "inf", "-inf", "Infinity", "1e308",
+                          "-1e308", "1e999", "0x1f", " 12", kNonUtf8, std::string(4000, '9'),
+                          std::numeric_limits<std::int64_t>::max(), "1e9"};
+  Valori inizi = secondi, fini = secondi;
+  inizi.push_back(std::to_string(a - 86400 - 10));
+  fini.insert(fini.end(), {std::to_string(da + 86400.5), std::to_string(da), "0"});
   std::vector<Rotta> rotte = {
       {"POST", "/api/nvr/config", Json{{"giorni", 30}},
        {{"giorni", kNumeri}, {"segmento_sec", kNumeri},
@@ -193,6 +204,11 @@ std::vector<Rotta> rotte(std::int64_t riserva, const std::string& sfoglia,
       {"POST", "/api/accesso", Json{{"password", "sbagliata"}}, {{"password", kNumeri}}},
       {"POST", "/api/uscita", nullptr, {}},
       {"POST", "/api/nvr/installa_ffmpeg", Json::object(), {}},
+      {"GET", "/api/flusso", nullptr, {{"cam", cam}, {"da", inizi}, {"a", fini}}},
+      {"GET", "/api/flusso", nullptr, {{"cam", cam}, {"da", inizi}}},  // up to the run's end
+      {"GET", "/api/esporta", nullptr, {{"cam", cam}, {"da", inizi}, {"a", fini}}},
+      {"GET", "/api/esporta/impronta", nullptr, {{"cam", cam}, {"da", inizi}, {"a", fini}}},
+      {"GET", "/api/anteprima", nullptr, {{"cam", cam}, {"t", secondi}}},
   };
   for (const std::string p : {"/api/nvr/config", "/api/nvr/storage", "/api/nvr/stato", "/api/info",
                               "/api/nvr/riassunto", "/api/nvr/archivio", "/api/telecamere",
@@ -396,15 +412,22 @@ TEST(AbusiTest, SecretsNeverLeakAndMalformedRequestsNeverCrashLeakOrLose) {
       200);
   const auto prima = voci_indice(imp.db_file());
   const std::int64_t id_riserva = riserva.json.value("id", std::int64_t{0});
+  // Playback from before the first segment to past the fuzzer's end; pictures from a moment
+  // already recorded.
+  const double adesso = static_cast<double>(std::time(nullptr)), da = adesso - 600,
+               a = adesso + 600;
   Generatore gen{std::mt19937_64(seme),
-                 rotte(id_riserva, sfoglia, fuori + "/segreto.txt"),
+                 rotte(id_riserva, sfoglia, fuori + "/segreto.txt", da, a),
                  cookie,
                  uscito,
                  std::to_string(id_riserva),
                  {{"cam", std::to_string(imp.cam())},
                   {"base", sfoglia},
                   {"scarica", "1"},
-                  {"giorno", "2024-01-01"}},
+                  {"giorno", "2024-01-01"},
+                  {"da", std::to_string(da)},
+                  {"a", std::to_string(a)},
+                  {"t", std::to_string(adesso - 3)}},
                  {}};
   for (int inviate = 0; inviate < totale;) {
     // A batch is drawn in order (the seed replays it), sent over several connections at once,
