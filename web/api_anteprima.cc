@@ -9,18 +9,11 @@
 #include "core/config.h"
 #include "core/json.h"
 #include "engine/anteprime.h"
+#include "web/parametri.h"
 
 namespace nvr {
 
 namespace {
-
-// A positive camera id of at most 18 digits (longer ones would saturate into a real id).
-std::optional<CamId> id_camera(const std::string& testo) {
-  if (testo.size() > 18) return std::nullopt;
-  std::optional<std::int64_t> id = intero(Json(testo));
-  if (!id || *id <= 0) return std::nullopt;
-  return *id;
-}
 
 bool camera_conosciuta(CamId cam) {
   for (const Camera& c : _telecamere())
@@ -31,11 +24,11 @@ bool camera_conosciuta(CamId cam) {
 }  // namespace
 
 Risposta api_anteprima(const Richiesta& r) {
-  const std::optional<CamId> cam = id_camera(r.parametro("cam"));
+  const std::optional<CamId> cam = telecamera_da_testo(r.parametro("cam"));
   if (!cam) return errore_json("Telecamera non valida", 400);
   if (!camera_conosciuta(*cam)) return errore_json("Telecamera non trovata", 404);
-  const std::optional<double> t = reale(Json(r.parametro("t")));
-  if (!t || !std::isfinite(*t))
+  const std::optional<double> t = secondi_da_testo(r.parametro("t"));
+  if (!t)
     return errore_json("Parametro non valido: t sono secondi dal 1970", 400);
   if (!_archivio_presente(leggi_config()))
     return errore_json("Unità di archivio non collegata: collegala e riprova.", 409);

@@ -133,10 +133,14 @@ TEST_F(AnteprimaE2eTest, BadInputAnswers) {
       {"0", "x", 400, "Telecamera non valida"},
       {"-7", dentro, 400, "Telecamera non valida"},
       {"99999999999999999999", dentro, 400, "Telecamera non valida"},
+      {"+7", dentro, 400, "Telecamera non valida"},  // read as strictly as the playback routes
+      {" 7", dentro, 400, "Telecamera non valida"},
       {"8", "x", 404, "Telecamera non trovata"},
       {"7", "", 400, t_male},
       {"7", "ieri", 400, t_male},
       {"7", "inf", 400, t_male},
+      {"7", " 12", 400, t_male},
+      {"7", "-1e300", 400, t_male},  // beyond any day the calendar can hold
       {"7", std::to_string(segmenti_.back().second + 61), 404, niente},
   };
   for (const auto& c : casi) {

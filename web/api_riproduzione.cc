@@ -20,6 +20,7 @@
 #include "core/esito.h"
 #include "core/tempo.h"
 #include "web/flusso_riproduzione.h"
+#include "web/parametri.h"
 
 namespace nvr {
 
@@ -38,29 +39,10 @@ struct Domanda {
   std::optional<double> a;
 };
 
-// The query's text as a finite number; absent for anything else ("", "nan", "1e999", "0x10").
-std::optional<double> numero(const std::string& testo) {
-  if (testo.empty() || testo.find_first_not_of("0123456789.+-eE") != std::string::npos)
-    return std::nullopt;
-  char* fine = nullptr;
-  const double v = std::strtod(testo.c_str(), &fine);
-  if (fine != testo.c_str() + testo.size() || !std::isfinite(v)) return std::nullopt;
-  return v;
-}
-
-std::optional<CamId> telecamera(const std::string& testo) {
-  if (testo.empty() || testo.size() > 18 ||
-      testo.find_first_not_of("0123456789") != std::string::npos)
-    return std::nullopt;
-  const CamId id = std::stoll(testo);
-  if (id <= 0) return std::nullopt;
-  return id;
-}
-
 // The checks every route shares, up to the archive's presence, in the order of the contract.
 Esito<Domanda> leggi_domanda(const Richiesta& r, Fine fine) {
   Domanda d;
-  auto cam = telecamera(r.parametro("cam"));
+  auto cam = telecamera_da_testo(r.parametro("cam"));
   if (!cam) return Errore{400, "Telecamera non valida"};
   d.cam = *cam;
   for (const Camera& c : _telecamere())
@@ -69,9 +51,9 @@ Esito<Domanda> leggi_domanda(const Richiesta& r, Fine fine) {
     if (giorni_con_registrazioni(d.cam).empty()) return Errore{404, "Telecamera non trovata"};
     d.nome_camera = "Telecamera " + std::to_string(d.cam);
   }
-  auto da = numero(r.parametro("da"));
+  auto da = secondi_da_testo(r.parametro("da"));
   const bool senza_a = r.query.find("a") == r.query.end();
-  auto a = numero(r.parametro("a"));
+  auto a = secondi_da_testo(r.parametro("a"));
   if (!da || (!a && !(senza_a && fine == Fine::facoltativa))) return Errore{400, kParametri};
   d.da = *da;
   d.a = a;
