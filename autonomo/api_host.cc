@@ -5,6 +5,7 @@
 #include "core/testi.h"
 #include "web/api_anteprima.h"
 #include "web/api_riproduzione.h"
+#include "web/api_salute.h"
 #include "web/api_vivo.h"
 
 namespace nvr::autonomo {
@@ -150,6 +151,7 @@ void registra_rotte_host(AppWeb& app, std::shared_ptr<const ContestoHost> c) {
   });
   registra_rotte_riproduzione(app, login, admin);
   registra_rotte_anteprima(app, login, admin);
+  registra_rotte_salute(app, login, admin);
 }
 
 }  // namespace nvr::autonomo
