@@ -24,6 +24,7 @@
 #include "engine/decisione.h"
 #include "engine/piano_giro.h"
 #include "engine/registratori.h"
+#include "engine/salute.h"
 #include "engine/vivo.h"
 #include "storage/comando.h"
 #include "storage/con_timeout.h"
@@ -42,7 +43,7 @@ Condiviso<std::string> _problema;  // the system-wide problem, "" when all is we
 TempiLavori tempi;
 
 // A problem text is logged when it changes, not at every pass.
-void segnala_problema(const std::string& testo, const std::string& da_registrare) {
+void annota_problema(const std::string& testo, const std::string& da_registrare) {
   if (_problema.get() != testo) _log(da_registrare);
   _problema.set(testo);
 }
@@ -165,7 +166,7 @@ void _giro() {
   if (piano.problema.empty())
     _problema.set("");
   else
-    segnala_problema(piano.problema, piano.log_problema);
+    annota_problema(piano.problema, piano.log_problema);
 
   bool eventi = std::any_of(s.cams.begin(), s.cams.end(),
                             [](const Camera& c) { return c.attiva && c.modo == "eventi"; });
@@ -231,6 +232,7 @@ void _motore() {
     _sveglia.clear();
     {
       std::lock_guard g(_giro_lock);
+      auto inizio = std::chrono::steady_clock::now();
       try {
         _giro();
       } catch (const std::exception& e) {
@@ -238,6 +240,8 @@ void _motore() {
       } catch (...) {
         _log("giro del motore: errore sconosciuto");
       }
+      registra_durata_giro(
+          std::chrono::duration<double>(std::chrono::steady_clock::now() - inizio).count());
     }
     if (fermare) break;
     _sveglia.wait(3);
