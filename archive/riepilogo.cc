@@ -70,4 +70,20 @@ std::int64_t righe_indice() {
   return come_intero(c.righe("SELECT COALESCE(SUM(n), 0) FROM nvr_reg_totali").at(0).at(0));
 }
 
+std::map<CamId, RecentiCamera> recenti_camere(const std::vector<CamId>& cams, double da) {
+  std::map<CamId, RecentiCamera> recenti;
+  Connessione c = _db();
+  for (CamId cam : cams) {
+    const std::int64_t id = cam;
+    auto riga = c.righe(
+        "SELECT COALESCE(SUM(dimensione), 0), MIN(inizio) FROM nvr_registrazioni "
+        "INDEXED BY nvr_reg_cam_inizio_fine WHERE cam_id=? AND inizio>=?",
+        {id, da});
+    RecentiCamera& r = recenti[cam];
+    r.byte = come_reale(riga.at(0).at(0));
+    if (!nullo(riga.at(0).at(1))) r.primo_inizio = come_reale(riga.at(0).at(1));
+  }
+  return recenti;
+}
+
 }  // namespace nvr

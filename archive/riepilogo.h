@@ -49,4 +49,13 @@ std::map<CamId, TotaliCamera> totali_camere(const std::vector<CamId>& cams);
 // in step with it: one row per camera is read, however long the index.
 std::int64_t righe_indice();
 
+struct RecentiCamera {
+  double byte = 0;                     // size of the segments that started at or after `da`
+  std::optional<double> primo_inizio;  // the oldest of those starts; absent without any
+};
+
+// For each of `cams`: its segments started at or after `da`, read from the (cam_id, inizio,
+// fine, dimensione) index alone, so the cost grows with the rows since `da`, not the table.
+std::map<CamId, RecentiCamera> recenti_camere(const std::vector<CamId>& cams, double da);
+
 }  // namespace nvr

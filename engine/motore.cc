@@ -25,6 +25,7 @@
 #include "engine/piano_giro.h"
 #include "engine/registratori.h"
 #include "engine/salute.h"
+#include "engine/salute_raccolta.h"
 #include "engine/vivo.h"
 #include "storage/comando.h"
 #include "storage/con_timeout.h"
@@ -167,6 +168,13 @@ void _giro() {
     _problema.set("");
   else
     annota_problema(piano.problema, piano.log_problema);
+  // Before the jobs, so that a failing index job does not leave the health stale; the health then
+  // sees the index as the previous pass left it.
+  try {
+    aggiorna_salute(s);
+  } catch (const std::exception& e) {
+    _log(std::string("salute: ") + e.what());
+  }
 
   bool eventi = std::any_of(s.cams.begin(), s.cams.end(),
                             [](const Camera& c) { return c.attiva && c.modo == "eventi"; });
@@ -196,6 +204,8 @@ void azzera_motore_per_test() {
   _sveglia.clear();
   _problema.set("");
   tempi = {};
+  azzera_raccolta_salute_per_test();
+  azzera_salute_per_test();
 }
 
 bool nvr_attivo() {

@@ -7,10 +7,10 @@
 #include <algorithm>
 #include <cctype>
 
-#include "core/log.h"
-#include "core/testi.h"
-#include "core/tempo.h"
 #include "archive/posizione.h"
+#include "core/log.h"
+#include "core/tempo.h"
+#include "core/testi.h"
 #include "storage/cartelle_fs.h"
 
 namespace nvr {
@@ -24,8 +24,13 @@ constexpr double kAttesaSigint = 20.0;
 constexpr double kSerieGuasti = 600.0;
 
 std::mutex _lock;
-std::map<CamId, Registratore> _processi;          // guarded by _lock
+std::map<CamId, Registratore> _processi;         // guarded by _lock
 std::map<CamId, ErroreRecente> _errori_recenti;  // guarded by _lock
+std::map<CamId, std::vector<double>> _avvii;     // start times of the last hour; guarded by _lock
+
+void dimentica_avvii_vecchi(std::vector<double>& avvii, double adesso) {
+  std::erase_if(avvii, [&](double t) { return t < adesso - 3600; });
+}
 
 }  // namespace
 
@@ -38,6 +43,16 @@ void FileLog::chiudi() {
   std::lock_guard l(m_);
   if (fd_ >= 0) ::close(fd_);
   fd_ = -1;
+}
+
+std::map<CamId, int> avvii_ultima_ora(double adesso) {
+  std::lock_guard l(_lock);
+  std::map<CamId, int> n;
+  for (auto& [cid, avvii] : _avvii) {
+    dimentica_avvii_vecchi(avvii, adesso);
+    if (!avvii.empty()) n[cid] = static_cast<int>(avvii.size());
+  }
+  return n;
 }
 
 std::map<CamId, Registratore> registratori_in_corso() {
@@ -81,6 +96,7 @@ void azzera_registratori_per_test() {
     std::lock_guard l(_lock);
     _processi.clear();
     _errori_recenti.clear();
+    _avvii.clear();
   }
   dimentica_versione_ffmpeg();
 }
@@ -131,6 +147,9 @@ std::pair<bool, std::string> _avvia(const Config& cfg, const Camera& cam, const 
       r.errori = vecchio->second.errori;
     else if (recente != _errori_recenti.end() && r.da - recente->second.ts < kSerieGuasti)
       r.errori = recente->second.n;
+    auto& avvii = _avvii[cam.id];
+    dimentica_avvii_vecchi(avvii, r.da);
+    avvii.push_back(r.da);
     _processi[cam.id] = std::move(r);
   }
   _log(cam.nome + ": registrazione avviata (" + motivo + ")");

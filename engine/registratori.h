@@ -59,6 +59,9 @@ struct ErroreRecente {
 
 // A copy of the recorder table; the processes are shared, not copied.
 std::map<CamId, Registratore> registratori_in_corso();
+// How many recorders each camera started in the hour before `adesso` (cameras with none are
+// left out).
+std::map<CamId, int> avvii_ultima_ora(double adesso);
 // The camera's running recorder, if any.
 std::optional<Registratore> registratore_di(CamId cid);
 // A copy of the failure records.
