@@ -15,12 +15,14 @@
 #include "autonomo/api_host.h"
 #include "autonomo/avvio.h"
 #include "autonomo/demo.h"
+#include "autonomo/impostazioni.h"
 #include "autonomo/server_http.h"
 #include "autonomo/telecamere_host.h"
 #include "core/db.h"
 #include "core/segnale_nel_thread.h"
 #include "core/stato.h"
 #include "engine/motore.h"
+#include "engine/mqtt.h"
 #include "engine/registratori.h"
 #include "engine/vivo.h"
 #include "web/collega.h"
@@ -130,6 +132,14 @@ int esegui(const Opzioni& o) {
   auto demo_vivo = std::make_shared<GeneratoreDemo>();
   try {
     registra_rotte_host(*rotte, contesto);
+    // States arriving over MQTT take the path of POST /api/stati, and wake the engine at once.
+    RiceviStato ricevi = [stati = contesto->stati](const std::string& entita, const Json& stato) {
+      (void)stati->unisci(Json{{entita, stato}});
+      _giro_sicuro();
+    };
+    registra_rotte_impostazioni(*rotte, host->login_required, host->admin_required, db_file,
+                                [ricevi](const Impostazioni& imp) { configura_mqtt(imp.mqtt, ricevi); });
+    configura_mqtt(leggi_impostazioni(db_file).mqtt, ricevi);
     collega(host);
     configura_primo_avvio(dati.valore());
     if (o.demo) {
@@ -153,6 +163,7 @@ int esegui(const Opzioni& o) {
     return fallisci(std::string("Avvio non riuscito: ") + e.what());
   }
   registra_uscita_nativa([demo, demo_vivo, server] {
+    ferma_mqtt(2);  // "offline" before the process goes
     demo->ferma();
     demo_vivo->ferma();
     server->ferma();

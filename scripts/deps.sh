@@ -8,7 +8,7 @@ what=${1:-test}
 run_pkgs=(
   build-essential cmake pkg-config
   nlohmann-json3-dev libsqlite3-dev libhowardhinnant-date-dev tzdata
-  libmicrohttpd-dev libcli11-dev libssl-dev
+  libmicrohttpd-dev libcli11-dev libssl-dev libmosquitto-dev
   pybind11-dev python3-dev python3-flask
   ffmpeg util-linux procps mount sudo
 )
@@ -18,6 +18,7 @@ test_pkgs=(
   gstreamer1.0-plugins-good gstreamer1.0-plugins-ugly
   e2fsprogs dosfstools
   prometheus  # promtool checks the text of /metrics
+  mosquitto mosquitto-clients
   chromium
 )
 

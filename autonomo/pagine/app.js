@@ -6,8 +6,9 @@ import * as telecamere from './telecamere.js';
 import * as archiviazione from './archiviazione.js';
 import * as registrazioni from './registrazioni.js';
 import * as archivio from './archivio.js';
+import * as impostazioni from './impostazioni.js';
 
-const pagine = { stato, vivo, telecamere, archiviazione, registrazioni, archivio };
+const pagine = { stato, vivo, telecamere, archiviazione, registrazioni, archivio, impostazioni };
 let loggato = false;
 let attuale = null;
 
