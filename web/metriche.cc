@@ -11,6 +11,7 @@
 
 #include "archive/riepilogo.h"
 #include "core/log.h"
+#include "engine/mqtt.h"
 
 namespace nvr {
 
@@ -228,6 +229,12 @@ DatiMetriche raccogli_metriche() {
   d.salute = salute_attuale();
   d.giri = istogramma_giri();
   d.contatori = contatori();
+  const StatoMqtt mqtt = stato_mqtt();
+  d.contatori.push_back({"nvr_mqtt_messaggi_ricevuti_total",
+                         "Messaggi MQTT accettati come stato di un'entita'", mqtt.ricevuti});
+  d.contatori.push_back({"nvr_mqtt_messaggi_scartati_total",
+                         "Messaggi MQTT ignorati: troppo grandi, malformati o di un topic ignoto",
+                         mqtt.scartati});
   try {
     d.righe_indice = righe_indice();
   } catch (const std::exception& e) {

@@ -22,7 +22,7 @@ struct DatiMetriche {
   Salute salute;
   IstogrammaGiri giri;
   std::optional<std::int64_t> righe_indice;  // absent when the database could not answer
-  std::vector<Contatore> contatori;          // from the named counters (core/contatori.h)
+  std::vector<Contatore> contatori;          // the named counters (core/contatori.h), MQTT's
 };
 
 inline constexpr const char* kTipoMetriche = "text/plain; version=0.0.4; charset=utf-8";
