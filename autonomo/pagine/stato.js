@@ -1,5 +1,5 @@
-// Stato: the recording switch, the system problem, one card per camera, free space and the
-// ffmpeg installation. Polled every few seconds; every refresh changes the existing nodes in
+// Stato: the problems first, the recording switch, the system problem, one card per camera (with
+// how old its last segment is), free space and the ffmpeg installation. Polled every few seconds; every refresh changes the existing nodes in
 // place so that nothing flickers and focus stays where it was.
 import { api, avviso, data_ora, el, numero, ora, testo } from './comune.js';
 
@@ -12,12 +12,14 @@ const IN_CORSO = 'Installazione in corso...';
 
 let nodi = null;
 let timer = null;
+let salute_camere = new Map();  // camera id -> its entry in /api/salute/dettagli
 const schede = new Map();  // camera id -> { radice, parti }
 
 function costruisci(sezione) {
   const interruttore = el('input', { type: 'checkbox', role: 'switch', id: 'stato-attivo' });
   interruttore.addEventListener('change', cambia_attivo);
   nodi = {
+    problemi: el('ul', { class: 'lista-problemi', id: 'problemi', role: 'alert', hidden: true }),
     problema: el('div', { class: 'banner-problema', role: 'alert', id: 'stato-problema', hidden: true }),
     interruttore,
     etichetta_attivo: el('span', { id: 'stato-attivo-testo' }),
@@ -45,6 +47,7 @@ function costruisci(sezione) {
     bottone, nodi.ffmpeg_progresso, nodi.ffmpeg_testo);
 
   sezione.append(
+    nodi.problemi,
     nodi.problema,
     el('div', { class: 'scheda riga-interruttore' },
        el('label', { for: 'stato-attivo', class: 'interruttore' }, nodi.interruttore,
@@ -134,9 +137,31 @@ function aggiorna_camera(s, c) {
   testo(p.da, c.registrando && c.da ? data_ora(c.da) : '—');
   testo(p.file, c.file);
   testo(p.gb, `${numero(c.gb, 2)} GB`);
-  testo(p.ultimo, c.ultimo ? data_ora(c.ultimo) : '—');
+  const sc = salute_camere.get(c.id);
+  const eta = sc ? sc.eta_ultimo_segmento : (c.ultimo ? Date.now() / 1000 - c.ultimo : null);
+  testo(p.ultimo, eta == null ? 'nessun segmento' : `${da_quanto(eta)} fa`);
+  p.ultimo.title = c.ultimo ? data_ora(c.ultimo) : '';
   testo(p.errore, c.errore || '');
   p.errore.hidden = !c.errore;
+}
+
+// "40 s", "3 min", "2 ore", "5 giorni": whole units, as a glance needs.
+function da_quanto(secondi) {
+  const s = Math.max(0, Math.floor(secondi));
+  if (s < 60) return `${s} s`;
+  if (s < 3600) return `${Math.floor(s / 60)} min`;
+  if (s < 2 * 86400) return `${Math.floor(s / 3600)} ${Math.floor(s / 3600) === 1 ? 'ora' : 'ore'}`;
+  return `${Math.floor(s / 86400)} giorni`;
+}
+
+// The health's problems, in the order the server gives them, rewritten only when they change.
+function aggiorna_problemi(salute) {
+  const testi = (salute.problemi || []).map((p) => p.testo);
+  const attuali = [...nodi.problemi.children].map((li) => li.textContent);
+  if (testi.join('\n') !== attuali.join('\n')) {
+    nodi.problemi.replaceChildren(...testi.map((t) => el('li', {}, t)));
+  }
+  nodi.problemi.hidden = testi.length === 0;
 }
 
 function aggiorna_spazio(st) {
@@ -174,8 +199,13 @@ function aggiorna_ffmpeg(st) {
 }
 
 export async function aggiorna() {
-  const r = await api('GET', '/api/nvr/stato');
+  const [r, salute] = await Promise.all([api('GET', '/api/nvr/stato'),
+                                         api('GET', '/api/salute/dettagli')]);
   if (!nodi) return;
+  if (salute.ok) {
+    aggiorna_problemi(salute.dati);
+    salute_camere = new Map((salute.dati.telecamere || []).map((c) => [c.id, c]));
+  }
   if (!r.ok) {
     avviso(nodi.errore, r.messaggio);
     nodi.errore.dataset.origine = 'aggiorna';
