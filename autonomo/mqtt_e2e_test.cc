@@ -1,0 +1,145 @@
+// The program and a real mosquitto broker: discovery and retained states arrive, the last will
+// after SIGKILL, reconnection after a broker restart, entity topics driving an event camera, and
+// the broker password kept out of every answer, output and payload.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <fstream>
+
+#include "autonomo/programma_di_prova.h"
+#include "testing/ambiente.h"
+#include "testing/camera_rtsp.h"
+
+namespace nvr::autonomo {
+namespace {
+
+using prova::attendi;
+using prova::Programma;
+
+constexpr const char* kPassword = "Broker-Segreto-7319";
+
+class MqttE2eTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    if (!programma_presente("mosquitto") || !programma_presente("mosquitto_sub") ||
+        !programma_presente("mosquitto_pub"))
+      GTEST_SKIP() << "mosquitto o mosquitto-clients non installati";
+    if (!programma_presente("ffmpeg")) GTEST_SKIP() << "ffmpeg non installato";
+    std::string motivo;
+    camera = testing::CameraRtsp::avvia(&motivo);
+    if (!camera) GTEST_SKIP() << "telecamera di prova non disponibile: " << motivo;
+    porta = testing::porta_libera();
+    std::ofstream(t / "broker.conf") << "listener " << porta << " 127.0.0.1\n"
+                                     << "allow_anonymous true\n";
+    avvia_broker();
+  }
+  void avvia_broker() {
+    broker = std::make_unique<Programma>(
+        std::vector<std::string>{"mosquitto", "-c", t / "broker.conf"}, true);
+    ASSERT_TRUE(attendi([&] { return ascolta(); }, 10)) << broker->errori();
+  }
+  bool ascolta() {
+    return ::system(("mosquitto_pub -h 127.0.0.1 -p " + std::to_string(porta) +
+                     " -t nvr-prova -n -q 0 2>/dev/null")
+                        .c_str()) == 0;
+  }
+  // A subscriber to everything, its lines "topic payload" in its output.
+  std::unique_ptr<Programma> ascoltatore() {
+    return std::make_unique<Programma>(
+        std::vector<std::string>{"mosquitto_sub", "-h", "127.0.0.1", "-p", std::to_string(porta),
+                                 "-t", "#", "-v"},
+        true);
+  }
+  void pubblica(const std::string& topic, const std::string& payload) {
+    ASSERT_EQ(::system(("mosquitto_pub -h 127.0.0.1 -p " + std::to_string(porta) + " -t " +
+                        topic + " -m " + payload)
+                           .c_str()),
+              0);
+  }
+  static bool vede(Programma& a, const std::string& riga, double secondi = 15) {
+    return attendi([&] { return a.uscita().find(riga + "\n") != std::string::npos; }, secondi);
+  }
+  bool registra() {
+    auto s = p->get("/api/nvr/stato");
+    return s.json["telecamere"].size() == 1 && s.json["telecamere"][0]["registrando"] == true;
+  }
+
+  testing::CartellaTemporanea t;
+  std::unique_ptr<testing::CameraRtsp> camera;
+  std::unique_ptr<Programma> broker, p;
+  int porta = 0;
+};
+
+TEST_F(MqttE2eTest, DiscoveryStatesWillReconnectAndEntityTopics) {
+  p = Programma::su(t / "dati");
+  ASSERT_TRUE(p->pronto()) << p->errori();
+  ASSERT_TRUE(p->accedi());
+  auto r = p->post("/api/telecamere", {{"nome", "Ingresso"}, {"url", camera->url()}});
+  ASSERT_EQ(r.status, 200) << r.corpo;
+  ASSERT_EQ(p->post("/api/nvr/camera", {{"id", r.json["id"]},
+                                        {"attiva", true},
+                                        {"modo", "eventi"},
+                                        {"eventi", {"binary_sensor.porta"}},
+                                        {"post_roll", 2}})
+                .status,
+            200);
+  ASSERT_EQ(p->post("/api/nvr/config", {{"attivo", 1}}).status, 200);
+
+  // A bad field: 400 naming it, nothing saved.
+  r = p->post("/api/impostazioni", {{"mqtt", {{"attivo", true}, {"host", "127.0.0.1"},
+                                               {"porta", porta}, {"prefisso", "nvr/#"}}}});
+  EXPECT_EQ(r.status, 400);
+  EXPECT_NE(r.corpo.find("mqtt.prefisso"), std::string::npos) << r.corpo;
+  EXPECT_EQ(p->get("/api/impostazioni").json["mqtt"]["attivo"], false);
+
+  r = p->post("/api/impostazioni",
+              {{"mqtt",
+                {{"attivo", true}, {"host", "127.0.0.1"}, {"porta", porta}, {"utente", "nvr"},
+                 {"password", kPassword},
+                 {"stati", {{{"entita", "binary_sensor.porta"}, {"topic", "casa/porta"}}}}}}});
+  ASSERT_EQ(r.status, 200) << r.corpo;
+  EXPECT_EQ(r.json["mqtt"]["password_impostata"], true);
+
+  // Retained: a subscriber that comes later still gets configs and states.
+  std::this_thread::sleep_for(std::chrono::seconds(2));
+  auto a = ascoltatore();
+  EXPECT_TRUE(vede(*a, "nvr/stato online")) << a->uscita();
+  EXPECT_TRUE(attendi(
+      [&] {
+        return a->uscita().find("homeassistant/binary_sensor/nvr/cam1_registra/config {") !=
+               std::string::npos;
+      },
+      15))
+      << a->uscita();
+  EXPECT_TRUE(vede(*a, "nvr/telecamere/1/registra OFF")) << a->uscita();
+
+  // The entity topic drives the event camera; "off" stops it after the post-roll.
+  pubblica("casa/porta", "ON");
+  EXPECT_TRUE(attendi([&] { return registra(); }, 20)) << p->uscita();
+  EXPECT_TRUE(vede(*a, "nvr/telecamere/1/registra ON", 20)) << a->uscita();
+  pubblica("casa/porta", "off");
+  EXPECT_TRUE(attendi([&] { return !registra(); }, 20)) << p->uscita();
+
+  // The broker restarted (retained messages gone): the program reconnects and republishes.
+  broker.reset();
+  a.reset();
+  avvia_broker();
+  a = ascoltatore();
+  EXPECT_TRUE(vede(*a, "nvr/stato online", 30)) << a->uscita() << p->uscita();
+  EXPECT_TRUE(attendi(
+      [&] { return a->uscita().find("homeassistant/sensor/nvr/problemi/config") !=
+                   std::string::npos; },
+      15));
+
+  // SIGKILL: the broker sends the last will.
+  const std::string risposte = p->get("/api/impostazioni").corpo + p->get("/api/stati").corpo;
+  p->segnala(SIGKILL);
+  p->fine(10);
+  EXPECT_TRUE(vede(*a, "nvr/stato offline", 10)) << a->uscita();
+
+  for (const std::string& dove : {risposte, p->uscita(), p->errori(), a->uscita()})
+    EXPECT_EQ(dove.find(kPassword), std::string::npos) << dove;
+}
+
+}  // namespace
+}  // namespace nvr::autonomo
