@@ -7,6 +7,7 @@
 #include <charconv>
 #include <cmath>
 #include <exception>
+#include <set>
 #include <utility>
 
 #include "archive/riepilogo.h"
@@ -215,8 +216,10 @@ std::string testo_metriche(const DatiMetriche& d) {
   if (d.righe_indice)
     Famiglia(out, "nvr_indice_righe", "gauge", "Righe dell'indice delle registrazioni")
         .campione(numero(*d.righe_indice));
+  std::set<std::string> visti;  // a family appears once, whoever raised it
   for (const auto& c : d.contatori) {
-    if (!c.nome.starts_with("nvr_") || !nome_valido(c.nome)) continue;
+    if (!c.nome.starts_with("nvr_") || !nome_valido(c.nome) || !visti.insert(c.nome).second)
+      continue;
     Famiglia(out, c.nome, "counter",
              c.aiuto.empty() ? "Conteggio dall'avvio del programma" : c.aiuto)
         .campione(numero(c.valore));

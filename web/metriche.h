@@ -29,7 +29,7 @@ inline constexpr const char* kTipoMetriche = "text/plain; version=0.0.4; charset
 
 // The exposition text: one "# HELP" and one "# TYPE" per family, label values escaped, the
 // histogram as cumulative _bucket{le=...} lines ending with +Inf, then _sum and _count. A
-// counter whose name is not a valid metric name is left out. Pure.
+// counter whose name is not a valid metric name, or repeats an earlier one, is left out. Pure.
 std::string testo_metriche(const DatiMetriche& d);
 
 // The health snapshot, the histogram, the counters and the index row count (one short query

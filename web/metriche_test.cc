@@ -32,7 +32,8 @@ DatiMetriche fatti_a_mano() {
   d.righe_indice = 2500000;
   d.contatori = {{"nvr_mqtt_messaggi_scartati_total", "", 4},
                  {"nvr_sbagliato-nome_total", "x", 1},
-                 {"altro_total", "x", 1}};
+                 {"altro_total", "x", 1},
+                 {"nvr_mqtt_messaggi_scartati_total", "doppio", 9}};
   return d;
 }
 
@@ -66,6 +67,7 @@ TEST(MetricheTest, TextExpositionOfAHandMadeSnapshot) {
     EXPECT_THAT(t, HasSubstr(riga + "\n")) << t;
   EXPECT_THAT(t, Not(HasSubstr("sbagliato"))) << "a name that is no metric name is left out";
   EXPECT_THAT(t, Not(HasSubstr("altro_total")));
+  EXPECT_THAT(t, Not(HasSubstr("_total 9"))) << "a counter raised twice under one name";
   EXPECT_THAT(t, Not(HasSubstr("La telecamera non registra")));
   EXPECT_THAT(t, Not(HasSubstr("nvr_archivio_totali_bytes"))) << "unknown values are not zero";
 
