@@ -44,14 +44,15 @@ TEST(SaluteE2eTest, AStoppedCameraIsAProblemUntilItRecordsAgain) {
   auto camera = testing::CameraRtsp::avvia(&motivo);
   if (!camera) GTEST_SKIP() << "telecamera di prova non disponibile: " << motivo;
 
-  // 2 s segments; the margin lowered from 60 s to 20 s keeps the test short while staying above
-  // the index's 10 s period, so a healthy camera never trips the rule: 2 x 2 + 20 = 24 s.
-  imposta_margine_ferma_per_test(20);
   testing::HostWeb h;
   testing::CartellaTemporanea t;
   h.aggiungi_camera(1, "Ingresso", camera->url());
   ::testing::internal::CaptureStdout();
   ASSERT_TRUE(collega(h.host));
+  // After the host's reset of every module. 2 s segments; the margin lowered from 60 s to 20 s
+  // keeps the test short while staying above the index's 10 s period, so a healthy camera never
+  // trips the rule: 2 x 2 + 20 = 24 s.
+  imposta_margine_ferma_per_test(20);
   h.sql("UPDATE nvr_config SET attivo=1, segmento_sec=2, cartella='" + (t / "archivio") + "'");
   h.sql("INSERT INTO nvr_camere (cam_id, attiva) VALUES (1, 1)");
   _giro_sicuro();
