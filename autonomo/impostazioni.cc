@@ -30,9 +30,9 @@ Impostazioni leggi_impostazioni(const std::string& db_file) {
   c.esegui(kTabella);
   c.commit();
   Impostazioni imp;
-  for (const auto& riga : c.righe(
-           "SELECT chiave, valore FROM nvr_autonomo_impostazioni WHERE chiave IN "
-           "('mqtt', 'token_metriche')")) {
+  for (const auto& riga :
+       c.righe("SELECT chiave, valore FROM nvr_autonomo_impostazioni WHERE chiave IN "
+               "('mqtt', 'token_metriche')")) {
     const std::string chiave = come_testo(riga[0]);
     const std::string valore = come_testo(riga[1]);
     if (chiave == "mqtt")
@@ -90,7 +90,8 @@ void registra_rotte_impostazioni(AppWeb& app, const Guardia& login, const Guardi
                                  std::function<void(const Impostazioni&)> applica) {
   auto scrittura = std::make_shared<std::mutex>();  // one read-modify-write at a time
   Vista vista = [db_file, applica, scrittura](const Richiesta& r) -> Risposta {
-    if (r.metodo == "GET") return _json(successo(impostazioni_da_mostrare(leggi_impostazioni(db_file))));
+    if (r.metodo == "GET")
+      return _json(successo(impostazioni_da_mostrare(leggi_impostazioni(db_file))));
     auto grezzo = r.intestazioni.find(kCorpoGrezzo);
     std::optional<Json> corpo =
         grezzo == r.intestazioni.end() ? std::optional<Json>(r.corpo) : leggi_json(grezzo->second);

@@ -137,8 +137,9 @@ int esegui(const Opzioni& o) {
       (void)stati->unisci(Json{{entita, stato}});
       _giro_sicuro();
     };
-    registra_rotte_impostazioni(*rotte, host->login_required, host->admin_required, db_file,
-                                [ricevi](const Impostazioni& imp) { configura_mqtt(imp.mqtt, ricevi); });
+    registra_rotte_impostazioni(
+        *rotte, host->login_required, host->admin_required, db_file,
+        [ricevi](const Impostazioni& imp) { configura_mqtt(imp.mqtt, ricevi); });
     configura_mqtt(leggi_impostazioni(db_file).mqtt, ricevi);
     collega(host);
     configura_primo_avvio(dati.valore());

@@ -51,8 +51,8 @@ class MqttE2eTest : public ::testing::Test {
         true);
   }
   void pubblica(const std::string& topic, const std::string& payload) {
-    ASSERT_EQ(::system(("mosquitto_pub -h 127.0.0.1 -p " + std::to_string(porta) + " -t " +
-                        topic + " -m " + payload)
+    ASSERT_EQ(::system(("mosquitto_pub -h 127.0.0.1 -p " + std::to_string(porta) + " -t " + topic +
+                        " -m " + payload)
                            .c_str()),
               0);
   }
@@ -86,15 +86,20 @@ TEST_F(MqttE2eTest, DiscoveryStatesWillReconnectAndEntityTopics) {
   ASSERT_EQ(p->post("/api/nvr/config", {{"attivo", 1}}).status, 200);
 
   // A bad field: 400 naming it, nothing saved.
-  r = p->post("/api/impostazioni", {{"mqtt", {{"attivo", true}, {"host", "127.0.0.1"},
-                                               {"porta", porta}, {"prefisso", "nvr/#"}}}});
+  r = p->post(
+      "/api/impostazioni",
+      {{"mqtt",
+        {{"attivo", true}, {"host", "127.0.0.1"}, {"porta", porta}, {"prefisso", "nvr/#"}}}});
   EXPECT_EQ(r.status, 400);
   EXPECT_NE(r.corpo.find("mqtt.prefisso"), std::string::npos) << r.corpo;
   EXPECT_EQ(p->get("/api/impostazioni").json["mqtt"]["attivo"], false);
 
   r = p->post("/api/impostazioni",
               {{"mqtt",
-                {{"attivo", true}, {"host", "127.0.0.1"}, {"porta", porta}, {"utente", "nvr"},
+                {{"attivo", true},
+                 {"host", "127.0.0.1"},
+                 {"porta", porta},
+                 {"utente", "nvr"},
                  {"password", kPassword},
                  {"stati", {{{"entita", "binary_sensor.porta"}, {"topic", "casa/porta"}}}}}}});
   ASSERT_EQ(r.status, 200) << r.corpo;
@@ -127,8 +132,9 @@ TEST_F(MqttE2eTest, DiscoveryStatesWillReconnectAndEntityTopics) {
   a = ascoltatore();
   EXPECT_TRUE(vede(*a, "nvr/stato online", 30)) << a->uscita() << p->uscita();
   EXPECT_TRUE(attendi(
-      [&] { return a->uscita().find("homeassistant/sensor/nvr/problemi/config") !=
-                   std::string::npos; },
+      [&] {
+        return a->uscita().find("homeassistant/sensor/nvr/problemi/config") != std::string::npos;
+      },
       15));
 
   // SIGKILL: the broker sends the last will.

@@ -71,8 +71,7 @@ void al_collegamento(mosquitto*, void* dati, int rc) {
   ritira_problema("mqtt");
   _log("mqtt: collegato a " + c.indirizzo());
   pubblica(c, {topic_disponibilita(c.imp.prefisso), "online", true});
-  for (const StatoDaMqtt& s : c.imp.stati)
-    mosquitto_subscribe(c.mosq, nullptr, s.topic.c_str(), 1);
+  for (const StatoDaMqtt& s : c.imp.stati) mosquitto_subscribe(c.mosq, nullptr, s.topic.c_str(), 1);
   c.inviati.clear();  // a new session: everything again
   c.ultimo_controllo = {};
 }
@@ -96,8 +95,8 @@ void al_messaggio(mosquitto*, void* dati, const mosquitto_message* msg) {
 
 void segnala_irraggiungibile(Collegamento& c) {
   if (!c.rifiuto.empty())
-    segnala_problema("mqtt", "Il broker MQTT " + c.indirizzo() +
-                                 " rifiuta il collegamento: " + c.rifiuto);
+    segnala_problema("mqtt",
+                     "Il broker MQTT " + c.indirizzo() + " rifiuta il collegamento: " + c.rifiuto);
   else
     segnala_problema("mqtt", "Broker MQTT non raggiungibile: " + c.indirizzo());
 }

@@ -16,8 +16,7 @@ bool utf8_senza_controlli(std::string_view s) {
   for (std::size_t i = 0; i < s.size();) {
     const auto c = static_cast<unsigned char>(s[i]);
     int seguito = c < 0x80 ? 0 : (c >> 5) == 6 ? 1 : (c >> 4) == 14 ? 2 : (c >> 3) == 30 ? 3 : -1;
-    if (seguito < 0 || (c < 0x20 && c != '\t' && c != '\n' && c != '\r') || c == 0x7f)
-      return false;
+    if (seguito < 0 || (c < 0x20 && c != '\t' && c != '\n' && c != '\r') || c == 0x7f) return false;
     if (i + seguito >= s.size()) return false;  // a sequence cut short
     for (int k = 1; k <= seguito; ++k)
       if ((static_cast<unsigned char>(s[i + k]) >> 6) != 2) return false;
@@ -57,15 +56,17 @@ std::string iso_utc(double epoch) {
 }
 
 Json dispositivo_registratore(const std::string& nodo) {
-  return {{"identifiers", {nodo}}, {"name", "NVR"}, {"manufacturer", "nvr"},
+  return {{"identifiers", {nodo}},
+          {"name", "NVR"},
+          {"manufacturer", "nvr"},
           {"model", "Videoregistratore"}};
 }
 
 MessaggioMqtt configurazione(const std::string& componente, const std::string& nodo,
                              const std::string& oggetto, Json corpo) {
-  return {std::string(kPrefissoScoperta) + "/" + componente + "/" + nodo + "/" + oggetto +
-              "/config",
-          corpo.dump(), true};
+  return {
+      std::string(kPrefissoScoperta) + "/" + componente + "/" + nodo + "/" + oggetto + "/config",
+      corpo.dump(), true};
 }
 
 }  // namespace
@@ -112,8 +113,9 @@ std::optional<std::string> controlla_mqtt(const ImpostazioniMqtt& imp) {
     const std::string nome = "mqtt.stati[" + std::to_string(i) + "]";
     if (spoglia(imp.stati[i].entita).empty()) return nome + ".entita: identificativo vuoto";
     if (!topic_valido(imp.stati[i].topic))
-      return nome + ".topic: topic non valido (niente + o #, niente livelli vuoti, niente / "
-                    "all'inizio o alla fine)";
+      return nome +
+             ".topic: topic non valido (niente + o #, niente livelli vuoti, niente / "
+             "all'inizio o alla fine)";
     if (!visti.insert(imp.stati[i].topic).second)
       return nome + ".topic: topic gia' usato da un'altra entita'";
   }
@@ -139,9 +141,8 @@ Esito<ImpostazioniMqtt> unisci_impostazioni_mqtt(const ImpostazioniMqtt& attuali
     dove = spoglia(v.get<std::string>());
     return std::nullopt;
   };
-  for (auto e : {booleano("attivo", imp.attivo), booleano("tls", imp.tls),
-                 testo("host", imp.host), testo("utente", imp.utente),
-                 testo("prefisso", imp.prefisso)})
+  for (auto e : {booleano("attivo", imp.attivo), booleano("tls", imp.tls), testo("host", imp.host),
+                 testo("utente", imp.utente), testo("prefisso", imp.prefisso)})
     if (e) return *e;
   if (corpo.contains("porta")) {
     const Json& v = corpo["porta"];
@@ -182,8 +183,9 @@ Esito<ImpostazioniMqtt> unisci_impostazioni_mqtt(const ImpostazioniMqtt& attuali
 Json mqtt_da_salvare(const ImpostazioniMqtt& imp) {
   Json stati = Json::array();
   for (const auto& s : imp.stati) stati.push_back({{"entita", s.entita}, {"topic", s.topic}});
-  return {{"attivo", imp.attivo}, {"host", imp.host},         {"porta", imp.porta},
-          {"utente", imp.utente}, {"password", imp.password}, {"tls", imp.tls},
+  return {{"attivo", imp.attivo},     {"host", imp.host},
+          {"porta", imp.porta},       {"utente", imp.utente},
+          {"password", imp.password}, {"tls", imp.tls},
           {"prefisso", imp.prefisso}, {"stati", stati}};
 }
 

@@ -143,8 +143,7 @@ TEST(MqttMessaggiTest, BackOffAndIncomingPayloads) {
       {"\xff\xfe", std::nullopt},
       {std::string(kMassimoPayloadMqtt + 1, 'a'), std::nullopt},
   };
-  for (const auto& [p, atteso] : payload)
-    EXPECT_EQ(stato_da_payload(p), atteso) << p.substr(0, 40);
+  for (const auto& [p, atteso] : payload) EXPECT_EQ(stato_da_payload(p), atteso) << p.substr(0, 40);
 }
 
 }  // namespace
