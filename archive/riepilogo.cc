@@ -65,6 +65,11 @@ std::map<CamId, TotaliCamera> totali_camere(const std::vector<CamId>& cams) {
   return totali;
 }
 
+std::int64_t righe_indice() {
+  Connessione c = _db();
+  return come_intero(c.righe("SELECT COALESCE(SUM(n), 0) FROM nvr_reg_totali").at(0).at(0));
+}
+
 std::map<CamId, RecentiCamera> recenti_camere(const std::vector<CamId>& cams, double da) {
   std::map<CamId, RecentiCamera> recenti;
   Connessione c = _db();

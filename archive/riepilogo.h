@@ -45,6 +45,10 @@ struct TotaliCamera {
 // end from the (cam_id, fine) index; neither reads the camera's rows.
 std::map<CamId, TotaliCamera> totali_camere(const std::vector<CamId>& cams);
 
+// Rows of the index with an integer camera id (all the recorder writes), from the totals kept
+// in step with it: one row per camera is read, however long the index.
+std::int64_t righe_indice();
+
 struct RecentiCamera {
   double byte = 0;                     // size of the segments that started at or after `da`
   std::optional<double> primo_inizio;  // the oldest of those starts; absent without any

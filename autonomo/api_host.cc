@@ -2,11 +2,13 @@
 
 #include "autonomo/instradamento.h"
 #include "autonomo/telecamere_host.h"
+#include "autonomo/token_metriche.h"
 #include "core/testi.h"
 #include "web/api_anteprima.h"
 #include "web/api_riproduzione.h"
 #include "web/api_salute.h"
 #include "web/api_vivo.h"
+#include "web/metriche.h"
 
 namespace nvr::autonomo {
 
@@ -152,6 +154,8 @@ void registra_rotte_host(AppWeb& app, std::shared_ptr<const ContestoHost> c) {
   registra_rotte_riproduzione(app, login, admin);
   registra_rotte_anteprima(app, login, admin);
   registra_rotte_salute(app, login, admin);
+  // A Prometheus server has no session: a bearer token set in the settings opens /metrics too.
+  registra_rotte_metriche(app, login, [db = c->db_file] { return token_metriche(db); });
 }
 
 }  // namespace nvr::autonomo

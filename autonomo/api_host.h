@@ -32,7 +32,8 @@ Guardia guardia_login(std::shared_ptr<Accesso> accesso);
 Guardia guardia_admin(std::shared_ptr<Accesso> accesso);
 
 // Registers /api/sessione, /api/accesso and /api/uscita without guards, and /api/info,
-// /api/telecamere[/<id>] and /api/stati behind login_required(admin_required(...)). Handlers
+// /api/telecamere[/<id>] and /api/stati behind login_required(admin_required(...)), and
+// /metrics behind login or the metrics token (token_metriche). Handlers
 // block on the database (cameras) and on the login slow-down (accesso). Throws what
 // add_url_rule throws.
 void registra_rotte_host(AppWeb& app, std::shared_ptr<const ContestoHost> c);

@@ -312,7 +312,8 @@ MHD_Result accesso(void* cls, MHD_Connection* c, const char* url, const char* me
   if (dom->troppo_grande)
     return accoda_json(c, 413, {{"status", "error"}, {"message", "Richiesta troppo grande"}});
   const std::string percorso = url;
-  if (percorso != "/api" && !percorso.starts_with("/api/"))
+  // Prometheus looks for /metrics at the root: that one path outside /api goes to the handlers.
+  if (percorso != "/api" && !percorso.starts_with("/api/") && percorso != "/metrics")
     return accoda_pagina(c, percorso, metodo);
   dom->richiesta = richiesta_da(c, metodo, dom->corpo);
   dom->affidata = true;

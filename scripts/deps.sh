@@ -17,6 +17,7 @@ test_pkgs=(
   python3-gi gir1.2-gst-rtsp-server-1.0 gstreamer1.0-plugins-base
   gstreamer1.0-plugins-good gstreamer1.0-plugins-ugly
   e2fsprogs dosfstools
+  prometheus  # promtool checks the text of /metrics
   mosquitto mosquitto-clients
   chromium
 )

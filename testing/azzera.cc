@@ -3,6 +3,7 @@
 #include "archive/allineamento.h"
 #include "archive/indice.h"
 #include "archive/posizione.h"
+#include "core/contatori.h"
 #include "core/stato.h"
 #include "engine/decisione.h"
 #include "engine/motore.h"
@@ -17,6 +18,7 @@ namespace nvr {
 
 void azzera_stato_per_test() {
   A.azzera_per_test();
+  azzera_contatori_per_test();
   azzera_vivo_per_test();
   azzera_registratori_per_test();
   azzera_decisione_per_test();
