@@ -171,7 +171,9 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
   test('stato: accesa la registrazione, la scheda passa a «in registrazione»', async () => {
     await pagina.goto(`${nvr.base}/#stato`);
     const scheda = pagina.locator(`#stato-camere article[data-id="${cam_id}"]`);
+    const ultimo = scheda.locator('xpath=.//dt[.="Ultimo segmento"]/following-sibling::dd[1]');
     await scheda.waitFor();
+    await ultimo.filter({ hasText: 'nessun segmento' }).waitFor();
     await pagina.locator('label[for="stato-attivo"]').click();
     await pagina.locator('#stato-attivo-testo', { hasText: 'accesa' }).waitFor();
     // Saving the configuration keeps segments at 60 s or more; a few seconds keep the test short.
@@ -363,6 +365,32 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     await pagina.click('#dialogo-si');
     await pagina.locator('#esito-registrazioni', { hasText: /^Eliminate \d+ registrazioni \(\d+ file\)\.$/ }).waitFor();
     await fine('15-registrazioni-eliminate');
+  });
+
+  // Last, so the recording's gap disturbs no playback step.
+  test('stato: un problema in cima finché dura, ogni scheda dice l\'età del suo ultimo segmento', async () => {
+    await pagina.goto(`${nvr.base}/#stato`);
+    const scheda = pagina.locator(`#stato-camere article[data-id="${cam_id}"]`);
+    const ultimo = scheda.locator('xpath=.//dt[.="Ultimo segmento"]/following-sibling::dd[1]');
+    await ultimo.filter({ hasText: / fa$/ }).waitFor({ timeout: 30000 });
+    // A file where the archive folder was: the engine cannot make it, the page lists the problem
+    // first; the folder back, the problem goes and recording resumes.
+    const cartella = (await json('/api/nvr/stato')).cartella;
+    const problemi = pagina.locator('#problemi');
+    const problema = problemi.locator('li', { hasText: "L'archivio non è collegato: Cartella non creabile" });
+    fs.renameSync(cartella, `${cartella}.via`);
+    try {
+      fs.writeFileSync(cartella, '');
+      await problema.waitFor({ timeout: 30000 });
+      assert.equal(await problemi.evaluate((n) => n.previousElementSibling.id), 'titolo-stato', '#problemi non è in cima');
+      await schermata('16-stato-problema');
+    } finally {
+      fs.rmSync(cartella, { force: true });
+      fs.renameSync(`${cartella}.via`, cartella);
+    }
+    await problema.waitFor({ state: 'detached', timeout: 30000 });
+    await scheda.locator('.pastiglia', { hasText: 'in registrazione' }).waitFor({ timeout: 60000 });
+    await fine('17-stato-risolto');
   });
 
 });
