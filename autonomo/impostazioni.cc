@@ -2,6 +2,7 @@
 
 #include "autonomo/instradamento.h"
 #include "core/db.h"
+#include "engine/mqtt.h"
 
 namespace nvr::autonomo {
 
@@ -21,6 +22,12 @@ Json successo(Json altro) {
   Json corpo = {{"status", "success"}};
   for (auto& [k, v] : altro.items()) corpo[k] = v;
   return corpo;
+}
+
+// Where the MQTT link stands right now: what the page shows under the broker's fields.
+Json stato_collegamento() {
+  const StatoMqtt s = stato_mqtt();
+  return {{"fase", nome_fase(s.fase)}, {"messaggio", s.messaggio}};
 }
 
 }  // namespace
@@ -90,8 +97,11 @@ void registra_rotte_impostazioni(AppWeb& app, const Guardia& login, const Guardi
                                  std::function<void(const Impostazioni&)> applica) {
   auto scrittura = std::make_shared<std::mutex>();  // one read-modify-write at a time
   Vista vista = [db_file, applica, scrittura](const Richiesta& r) -> Risposta {
-    if (r.metodo == "GET")
-      return _json(successo(impostazioni_da_mostrare(leggi_impostazioni(db_file))));
+    if (r.metodo == "GET") {
+      Json corpo = successo(impostazioni_da_mostrare(leggi_impostazioni(db_file)));
+      corpo["mqtt_stato"] = stato_collegamento();
+      return _json(corpo);
+    }
     auto grezzo = r.intestazioni.find(kCorpoGrezzo);
     std::optional<Json> corpo =
         grezzo == r.intestazioni.end() ? std::optional<Json>(r.corpo) : leggi_json(grezzo->second);

@@ -38,7 +38,9 @@ Json impostazioni_da_mostrare(const Impostazioni& imp);
 
 // Registers GET/POST /api/impostazioni behind login(admin(...)). A POST that passes the checks
 // is stored, then `applica` runs with the new settings (it must not block: the MQTT link only
-// takes them over); the answer is the GET one. Handlers block on the database.
+// takes them over); the answer is the GET one. GET adds "mqtt_stato": {"fase", "messaggio"},
+// where the link stands now (see StatoMqtt; a POST's answer leaves it out, the link has not
+// taken the new settings yet). Handlers block on the database.
 void registra_rotte_impostazioni(AppWeb& app, const Guardia& login, const Guardia& admin,
                                  const std::string& db_file,
                                  std::function<void(const Impostazioni&)> applica);

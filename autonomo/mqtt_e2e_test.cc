@@ -27,14 +27,15 @@ class MqttE2eTest : public ::testing::Test {
     if (!programma_presente("mosquitto") || !programma_presente("mosquitto_sub") ||
         !programma_presente("mosquitto_pub"))
       GTEST_SKIP() << "mosquitto o mosquitto-clients non installati";
+    porta = testing::porta_libera();
+    std::ofstream(t / "broker.conf") << "listener " << porta << " 127.0.0.1\n"
+                                     << "allow_anonymous true\n";
+  }
+  void avvia_camera() {
     if (!programma_presente("ffmpeg")) GTEST_SKIP() << "ffmpeg non installato";
     std::string motivo;
     camera = testing::CameraRtsp::avvia(&motivo);
     if (!camera) GTEST_SKIP() << "telecamera di prova non disponibile: " << motivo;
-    porta = testing::porta_libera();
-    std::ofstream(t / "broker.conf") << "listener " << porta << " 127.0.0.1\n"
-                                     << "allow_anonymous true\n";
-    avvia_broker();
   }
   void avvia_broker() {
     broker = std::make_unique<Programma>(
@@ -43,7 +44,7 @@ class MqttE2eTest : public ::testing::Test {
   }
   bool ascolta() {
     return ::system(("mosquitto_pub -h 127.0.0.1 -p " + std::to_string(porta) +
-                     " -t nvr-prova -n -q 0 2>/dev/null")
+                     " -u nvr -P giusta -t nvr-prova -n -q 0 2>/dev/null")
                         .c_str()) == 0;
   }
   // A subscriber to everything, its lines "topic payload" in its output.
@@ -81,7 +82,55 @@ class MqttE2eTest : public ::testing::Test {
   int porta = 0;
 };
 
+// What the settings page shows while the link fails, in Italian, and the same text as the
+// health problem: a refused login, then an address where no broker listens; then connected.
+TEST_F(MqttE2eTest, LinkStateInItalianOnRefusedLoginAndAbsentBroker) {
+  ASSERT_EQ(::system(("mosquitto_passwd -c -b " + std::string(t / "utenti") + " nvr giusta").c_str()),
+            0);
+  std::ofstream(t / "broker.conf") << "listener " << porta << " 127.0.0.1\n"
+                                   << "allow_anonymous false\npassword_file " << t / "utenti"
+                                   << "\nuser root\n";  // the file is in a root-only folder
+  avvia_broker();
+  p = Programma::su(t / "dati");
+  ASSERT_TRUE(p->pronto()) << p->errori();
+  ASSERT_TRUE(p->accedi());
+  const auto prova = [&](int porta_broker, const std::string& password, const std::string& fase,
+                         const std::string& testo) {
+    auto r = p->post("/api/impostazioni", {{"mqtt",
+                                            {{"attivo", true},
+                                             {"host", "127.0.0.1"},
+                                             {"porta", porta_broker},
+                                             {"utente", "nvr"},
+                                             {"password", password}}}});
+    ASSERT_EQ(r.status, 200) << r.corpo;
+    Json stato;
+    EXPECT_TRUE(attendi(
+        [&] {
+          stato = p->get("/api/impostazioni").json["mqtt_stato"];
+          return stato["fase"] == fase;
+        },
+        15))
+        << fase << " " << stato.dump();
+    const std::string messaggio = stato["messaggio"].get<std::string>();
+    EXPECT_EQ(messaggio, testo);
+    const Json problemi = p->get("/api/salute/dettagli").json["problemi"];
+    const bool nei_problemi = problemi.dump().find(testo) != std::string::npos;
+    EXPECT_EQ(nei_problemi, fase != "collegato") << problemi.dump();
+  };
+  const std::string broker = "127.0.0.1:" + std::to_string(porta);
+  prova(porta, "sbagliata", "rifiutato",
+        "Il broker MQTT " + broker + " rifiuta il collegamento: nome utente o password non accettati");
+  const int vuota = testing::porta_libera();
+  prova(vuota, "giusta", "irraggiungibile",
+        "Broker MQTT non raggiungibile: 127.0.0.1:" + std::to_string(vuota) +
+            " (nessun broker in ascolto su quella porta)");
+  prova(porta, "giusta", "collegato", "Collegato a " + broker);
+}
+
 TEST_F(MqttE2eTest, DiscoveryStatesWillReconnectAndEntityTopics) {
+  avvia_camera();
+  if (IsSkipped()) return;
+  avvia_broker();
   p = Programma::su(t / "dati");
   ASSERT_TRUE(p->pronto()) << p->errori();
   ASSERT_TRUE(p->accedi());

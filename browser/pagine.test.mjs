@@ -393,4 +393,29 @@ describe('pagine del programma autonomo', { timeout: 280000 }, () => {
     await fine('17-stato-risolto');
   });
 
+  test('impostazioni: un broker assente detto in italiano sotto i campi, un prefisso errato rifiutato', async () => {
+    await pagina.goto(`${nvr.base}/#impostazioni`);
+    const modulo = pagina.locator('#modulo-impostazioni');
+    const stato = pagina.locator('#mqtt-stato');
+    await stato.filter({ hasText: 'Collegamento MQTT spento' }).waitFor();
+    const vuota = await porta_libera();
+    await modulo.getByLabel('Collegamento attivo').check();
+    await modulo.getByLabel('Broker (nome o indirizzo)').fill('127.0.0.1');
+    await modulo.getByLabel('Porta', { exact: true }).fill(String(vuota));
+    await modulo.getByLabel('Prefisso dei topic').fill('nvr/#');
+    console_.atteso(400, '/api/impostazioni');
+    await modulo.getByRole('button', { name: 'Salva' }).click();
+    await pagina.locator('#esito-impostazioni.errore', { hasText: 'mqtt.prefisso' }).waitFor();
+    await modulo.getByLabel('Prefisso dei topic').fill('nvr');
+    await modulo.getByRole('button', { name: 'Salva' }).click();
+    await stato.filter({ hasText: `Broker MQTT non raggiungibile: 127.0.0.1:${vuota} (nessun broker in ascolto su quella porta)` })
+      .waitFor({ timeout: 15000 });
+    assert.equal(await stato.getAttribute('class'), 'avviso errore');
+    await schermata('18-impostazioni-broker-assente');
+    await modulo.getByLabel('Collegamento attivo').uncheck();
+    await modulo.getByRole('button', { name: 'Salva' }).click();
+    await stato.filter({ hasText: 'Collegamento MQTT spento' }).waitFor({ timeout: 10000 });
+    await fine('19-impostazioni-spento');
+  });
+
 });

@@ -3,6 +3,7 @@
 #include <mosquitto.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -34,6 +35,15 @@ std::optional<Comando> nuova_;
 bool thread_vivo_ = false;
 
 std::atomic<bool> collegato_{false};
+std::mutex fase_m_;  // guards fase_, messaggio_; held for a copy only
+FaseMqtt fase_ = FaseMqtt::spento;
+std::string messaggio_;
+
+void imposta_fase(FaseMqtt f, std::string messaggio) {
+  std::lock_guard l(fase_m_);
+  fase_ = f;
+  messaggio_ = std::move(messaggio);
+}
 std::atomic<std::uint64_t> scartati_{0}, ricevuti_{0};
 
 // The connection, owned by the link's thread alone (the callbacks run inside mosquitto_loop on
@@ -45,6 +55,7 @@ struct Collegamento {
   bool socket_aperto = false;  // connected at TCP level, CONNACK perhaps still to come
   bool collegato = false;      // the broker accepted the session
   std::string rifiuto;         // why the broker refused the last CONNECT, "" when it did not
+  std::string causa;           // why the last attempt or connection failed otherwise
   int tentativi = 0;           // failed attempts in a row
   Orologio::time_point prossimo_tentativo{};
   Orologio::time_point ultimo_controllo{}, ultimo_completo{};
@@ -61,7 +72,7 @@ void pubblica(Collegamento& c, const MessaggioMqtt& m) {
 void al_collegamento(mosquitto*, void* dati, int rc) {
   auto& c = *static_cast<Collegamento*>(dati);
   if (rc != 0) {
-    c.rifiuto = mosquitto_connack_string(rc);
+    c.rifiuto = motivo_rifiuto(rc);
     return;  // the broker closes the connection; the loop reports it
   }
   c.collegato = true;
@@ -70,6 +81,7 @@ void al_collegamento(mosquitto*, void* dati, int rc) {
   collegato_ = true;
   ritira_problema("mqtt");
   _log("mqtt: collegato a " + c.indirizzo());
+  imposta_fase(FaseMqtt::collegato, "Collegato a " + c.indirizzo());
   pubblica(c, {topic_disponibilita(c.imp.prefisso), "online", true});
   for (const StatoDaMqtt& s : c.imp.stati) mosquitto_subscribe(c.mosq, nullptr, s.topic.c_str(), 1);
   c.inviati.clear();  // a new session: everything again
@@ -94,15 +106,22 @@ void al_messaggio(mosquitto*, void* dati, const mosquitto_message* msg) {
 }
 
 void segnala_irraggiungibile(Collegamento& c) {
-  if (!c.rifiuto.empty())
-    segnala_problema("mqtt",
-                     "Il broker MQTT " + c.indirizzo() + " rifiuta il collegamento: " + c.rifiuto);
-  else
-    segnala_problema("mqtt", "Broker MQTT non raggiungibile: " + c.indirizzo());
+  std::string testo;
+  if (!c.rifiuto.empty()) {
+    testo = "Il broker MQTT " + c.indirizzo() + " rifiuta il collegamento: " + c.rifiuto;
+    imposta_fase(FaseMqtt::rifiutato, testo);
+  } else {
+    testo = "Broker MQTT non raggiungibile: " + c.indirizzo() + " (" + c.causa + ")";
+    imposta_fase(FaseMqtt::irraggiungibile, testo);
+  }
+  segnala_problema("mqtt", testo);
 }
 
 void perso(Collegamento& c) {
-  if (c.socket_aperto) mosquitto_disconnect(c.mosq);
+  if (c.socket_aperto) {
+    mosquitto_disconnect(c.mosq);
+    if (c.causa.empty()) c.causa = "collegamento interrotto";
+  }
   c.socket_aperto = c.collegato = false;
   collegato_ = false;
   segnala_irraggiungibile(c);
@@ -115,10 +134,17 @@ void perso(Collegamento& c) {
 void connetti(Collegamento& c) {
   // Blocks this thread for the name lookup and the TCP handshake only.
   const int rc = mosquitto_connect(c.mosq, c.imp.host.c_str(), c.imp.porta, kKeepalive);
+  const int errore = errno;
+  c.rifiuto.clear();
+  c.causa.clear();
   if (rc == MOSQ_ERR_SUCCESS) {
     c.socket_aperto = true;
     return;
   }
+  if (rc == MOSQ_ERR_TLS)
+    c.causa = "errore TLS: certificato non valido o broker senza TLS";
+  else
+    c.causa = motivo_irraggiungibile(rc == MOSQ_ERR_ERRNO ? errore : 0);
   perso(c);
 }
 
@@ -139,6 +165,7 @@ void chiudi(Collegamento& c) {
   c = Collegamento{};
   collegato_ = false;
   ritira_problema("mqtt");
+  imposta_fase(FaseMqtt::spento, "");
 }
 
 void apri(Collegamento& c, const ImpostazioniMqtt& imp) {
@@ -160,6 +187,7 @@ void apri(Collegamento& c, const ImpostazioniMqtt& imp) {
   mosquitto_connect_callback_set(c.mosq, al_collegamento);
   mosquitto_message_callback_set(c.mosq, al_messaggio);
   c.prossimo_tentativo = Orologio::now();
+  imposta_fase(FaseMqtt::in_collegamento, "Collegamento a " + c.indirizzo() + " in corso");
 }
 
 void pubblica_stati(Collegamento& c) {
@@ -245,6 +273,26 @@ void ferma_mqtt(double limite) {
   cv_.wait_for(l, std::chrono::duration<double>(limite), [] { return !thread_vivo_; });
 }
 
-StatoMqtt stato_mqtt() { return {collegato_.load(), scartati_.load(), ricevuti_.load()}; }
+const char* nome_fase(FaseMqtt f) {
+  switch (f) {
+    case FaseMqtt::spento: return "spento";
+    case FaseMqtt::in_collegamento: return "in_collegamento";
+    case FaseMqtt::collegato: return "collegato";
+    case FaseMqtt::irraggiungibile: return "irraggiungibile";
+    case FaseMqtt::rifiutato: return "rifiutato";
+  }
+  return "spento";
+}
+
+StatoMqtt stato_mqtt() {
+  StatoMqtt s;
+  s.collegato = collegato_.load();
+  s.scartati = scartati_.load();
+  s.ricevuti = ricevuti_.load();
+  std::lock_guard l(fase_m_);
+  s.fase = fase_;
+  s.messaggio = messaggio_;
+  return s;
+}
 
 }  // namespace nvr

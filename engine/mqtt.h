@@ -32,8 +32,20 @@ void configura_mqtt(const ImpostazioniMqtt& imp, RiceviStato ricevi);
 // seconds for "offline" to be sent and the thread to end. For the process's exit and tests.
 void ferma_mqtt(double limite = 3);
 
+// Where the link stands, for the settings page.
+enum class FaseMqtt {
+  spento,           // no broker configured, or the link switched off
+  in_collegamento,  // first attempt under way
+  collegato,        // the broker accepted the session
+  irraggiungibile,  // no connection could be opened, or it dropped; retrying with back-off
+  rifiutato,        // the broker answered and refused the session (login, client id, ...)
+};
+const char* nome_fase(FaseMqtt f);  // "spento", "in_collegamento", ...
+
 struct StatoMqtt {
   bool collegato = false;
+  FaseMqtt fase = FaseMqtt::spento;
+  std::string messaggio;  // Italian, one line, the same text as the problem "mqtt" when failing
   std::uint64_t scartati = 0;  // incoming payloads dropped: too big, malformed, unknown topic
   std::uint64_t ricevuti = 0;  // incoming payloads delivered to RiceviStato
 };

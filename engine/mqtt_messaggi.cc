@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdio>
 #include <ctime>
@@ -311,6 +312,29 @@ std::vector<MessaggioMqtt> da_inviare(const std::vector<MessaggioMqtt>& nuovi,
 double attesa_riconnessione(int tentativi) {
   if (tentativi <= 0) return 1;
   return tentativi >= 6 ? 60 : std::min(60.0, double(1 << tentativi));
+}
+
+std::string motivo_rifiuto(int codice) {
+  switch (codice) {
+    case 1: case 0x84: return "versione del protocollo MQTT non accettata dal broker";
+    case 2: case 0x85: return "identificativo del client non accettato";
+    case 3: case 0x88: case 0x89: return "servizio del broker non disponibile";
+    // Brokers answer a wrong password with either code, so the text covers both.
+    case 4: case 5: case 0x86: case 0x87: return "nome utente o password non accettati";
+    case 0x8A: return "client escluso dal broker";
+    default: return "rifiuto con codice " + std::to_string(codice);
+  }
+}
+
+std::string motivo_irraggiungibile(int errore) {
+  switch (errore) {
+    case 0: return "nome del broker sconosciuto";
+    case ECONNREFUSED: return "nessun broker in ascolto su quella porta";
+    case ETIMEDOUT: return "nessuna risposta entro il tempo";
+    case EHOSTUNREACH: case ENETUNREACH: return "rete o indirizzo non raggiungibile";
+    case ECONNRESET: return "collegamento chiuso dal broker";
+    default: return "errore di rete " + std::to_string(errore);
+  }
 }
 
 std::optional<Json> stato_da_payload(std::string_view payload) {

@@ -97,6 +97,14 @@ std::vector<MessaggioMqtt> da_inviare(const std::vector<MessaggioMqtt>& nuovi,
 // in a row: 1, 2, 4, ... up to 60.
 double attesa_riconnessione(int tentativi);
 
+// Why the broker refused the session, as the settings page says it: a CONNACK return code of
+// MQTT 3.1.1 (1..5) or a reason code of MQTT 5 (128 and above).
+std::string motivo_rifiuto(int codice);
+
+// Why no connection to the broker could be opened, from the errno of the failed attempt (0 when
+// there is none: the name did not resolve).
+std::string motivo_irraggiungibile(int errore);
+
 // The state an incoming payload carries, as /api/stati would receive it: a JSON object's
 // "state" field, another JSON value as it is, any other text as text (blanks around removed).
 // Nothing for a payload over kMassimoPayloadMqtt, empty, not UTF-8 or with control characters,

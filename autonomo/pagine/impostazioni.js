@@ -6,6 +6,27 @@ import { api, avviso, el } from './comune.js';
 export const titolo = 'Impostazioni';
 
 let nodi = null;
+let timer = null;
+
+// The link's state under the broker's fields, as the server sees it now: refreshed every few
+// seconds while the page is open, so that a refused login shows up right after saving.
+function mostra_stato(stato) {
+  const s = stato || { fase: 'spento', messaggio: '' };
+  const tipi = { collegato: 'ok', rifiutato: 'errore', irraggiungibile: 'errore' };
+  const testo = s.fase === 'spento' ? 'Collegamento MQTT spento' : s.messaggio;
+  if (tipi[s.fase]) {
+    avviso(nodi.stato, testo, tipi[s.fase]);
+  } else {
+    nodi.stato.hidden = false;
+    nodi.stato.className = 'tenue';
+    nodi.stato.textContent = testo;
+  }
+}
+
+async function aggiorna_stato() {
+  const r = await api('GET', '/api/impostazioni');
+  if (r.ok && nodi) mostra_stato(r.dati.mqtt_stato);
+}
 
 function campo(etichetta, input, nota) {
   return el('div', { class: 'campo' }, el('label', { for: input.id }, etichetta), input,
@@ -38,11 +59,13 @@ function costruisci(sezione) {
   nodi.nota_token = el('span', { class: 'tenue' });
   nodi.righe = el('div', { id: 'mqtt-stati' });
   nodi.esito = el('div', { hidden: true, id: 'esito-impostazioni' });
+  nodi.stato = el('div', { id: 'mqtt-stato', 'aria-live': 'polite' });
   const aggiungi = el('button', { type: 'button', class: 'secondario' }, 'Aggiungi entità');
   aggiungi.addEventListener('click', () => riga_stato());
   const salva = el('button', { type: 'submit' }, 'Salva');
   const modulo = el('form', { class: 'scheda', id: 'modulo-impostazioni' },
     el('h3', {}, 'MQTT (Home Assistant)'),
+    nodi.stato,
     el('div', { class: 'campo' }, el('label', {}, nodi.attivo, ' Collegamento attivo')),
     campo('Broker (nome o indirizzo)', nodi.host),
     campo('Porta', nodi.porta),
@@ -116,6 +139,12 @@ export async function mostra(sezione) {
   }
   avviso(nodi.esito, '');
   riempi(r.dati);
+  mostra_stato(r.dati.mqtt_stato);
+  clearInterval(timer);
+  timer = setInterval(aggiorna_stato, 3000);
 }
 
-export function nascondi() {}
+export function nascondi() {
+  clearInterval(timer);
+  timer = null;
+}
