@@ -33,7 +33,8 @@ std::optional<std::vector<std::string>> sottocartelle(const std::string& cartell
   while (dirent* e = ::readdir(d)) {
     std::string n = e->d_name;
     if (n == "." || n == "..") continue;
-    if (e->d_type == DT_DIR || e->d_type == DT_UNKNOWN) v.push_back(cartella + "/" + n);
+    if (e->d_type == DT_DIR || e->d_type == DT_LNK || e->d_type == DT_UNKNOWN)
+      v.push_back(cartella + "/" + n);
   }
   ::closedir(d);
   return v;
