@@ -71,6 +71,11 @@ std::string unisci(const std::string& cartella, const std::string& nome) {
 // ---- The earlier in-progress folders, this module's own table ----
 
 std::mutex _indice_lock;  // one index run at a time (try_lock: a second caller leaves)
+// Day folders a deep run found with every segment indexed, by the look they had then (identity,
+// modification and change times). A name added, removed or renamed in a folder changes its
+// times, so an unchanged look means nothing to adopt: at millions of rows a deep run reads the
+// disk and the index only where something moved. Guarded by _indice_lock (runs are single-flight).
+std::map<std::string, std::string> giorni_visti;  // "<cam_id>|<folder>" -> look
 std::mutex precedenti_m;
 // Camera -> in-progress folders it wrote into before its folder changed; guarded by precedenti_m.
 std::map<CamId, std::set<std::string>> _in_corso_precedenti;
@@ -134,8 +139,12 @@ void dimentica_in_corso_precedenti(CamId id) {
 }
 
 void azzera_indice_per_test() {
-  std::lock_guard l(precedenti_m);
-  _in_corso_precedenti.clear();
+  {
+    std::lock_guard l(precedenti_m);
+    _in_corso_precedenti.clear();
+  }
+  std::lock_guard l(_indice_lock);
+  giorni_visti.clear();
 }
 
 namespace {
@@ -154,7 +163,7 @@ struct Lavoro {
   CamId id = 0;
   const RegistratoriInCorso* registratori = nullptr;
   std::string cart_cam;  // where finished segments go
-  std::set<std::string> noti;
+  std::set<std::string> noti;  // the camera's indexed paths in the folder being handled
   bool profondo = false;
   double ora = 0.0;
   std::vector<RigaIndice> nuovi;
@@ -166,11 +175,20 @@ struct Lavoro {
   void scrivi() { _scrivi_indice(nuovi, rename); }
 };
 
-std::set<std::string> file_noti(CamId id) {
+// The camera's indexed paths lying directly in `cartella`. A range of the unique index on the
+// path ("+cam_id" keeps the planner off the camera's index, which would read all its rows):
+// an index of millions of rows is read only where the run looks.
+std::set<std::string> noti_in(CamId id, const std::string& cartella) {
+  const std::string da = unisci(cartella, "");  // "<cartella>/"
+  std::string a = da;
+  a.back() = '/' + 1;
   std::set<std::string> noti;
   Connessione c = _db();
-  c.scorri("SELECT file FROM nvr_registrazioni WHERE cam_id=?", {id},
-           [&](const Riga& r) { noti.insert(come_testo(r[0])); });
+  c.scorri("SELECT file FROM nvr_registrazioni WHERE file >= ? AND file < ? AND +cam_id = ?",
+           {da, a, id}, [&](const Riga& r) {
+             std::string f = come_testo(r[0]);
+             if (f.find('/', da.size()) == std::string::npos) noti.insert(std::move(f));
+           });
   return noti;
 }
 
@@ -189,7 +207,6 @@ bool gestisci_in_corso(Lavoro& w, const std::string& p, const std::string& nome)
     if (!dove) return false;
     if (*dove != p) {
       w.rename.emplace_back(*dove, p);
-      w.noti.insert(*dove);
       segna_non_spostabile(p, false);
     } else {
       segna_non_spostabile(p, true);
@@ -207,7 +224,6 @@ bool gestisci_in_corso(Lavoro& w, const std::string& p, const std::string& nome)
   if (*dove == p) segna_non_spostabile(p, true);  // indexed where it lies all the same
   w.nuovi.push_back(RigaIndice{w.id, *inizio, std::max(*inizio + 1, info->mtime), *dove,
                                info->dimensione, motivo});
-  w.noti.insert(*dove);
   return true;
 }
 
@@ -218,6 +234,8 @@ void svuota_in_corso(Lavoro& w, const std::string& cartella,
   std::vector<std::string> mp4 = solo_mp4(*nomi);
   // The newest file of the folder the recorder writes into is still growing.
   bool scritta_ora = attiva && percorso_reale_o_normale(cartella) == *attiva;
+  // While recording, the folder mostly holds only the file being written: no query then.
+  w.noti = mp4.size() > (scritta_ora ? 1u : 0u) ? noti_in(w.id, cartella) : std::set<std::string>{};
   for (std::size_t i = 0; i < mp4.size() && spostati < MASSIMO_PER_CAMERA; ++i) {
     if (scritta_ora && i + 1 == mp4.size()) continue;
     bool contato = false;
@@ -234,18 +252,63 @@ void svuota_in_corso(Lavoro& w, const std::string& cartella,
   }
 }
 
-// Adopts one day-folder file without a row, when it is a finished segment.
-void adotta(Lavoro& w, const std::string& p, const std::string& giorno, const std::string& nome,
+// Adopts one day-folder file without a row, when it is a finished segment. Answers whether the
+// file now has its row (false: too young, too small, incomplete or unreadable, to be looked at
+// again).
+bool adotta(Lavoro& w, const std::string& p, const std::string& giorno, const std::string& nome,
             Zona zona) {
-  if (w.noti.count(p)) return;
+  if (w.noti.count(p)) return true;
   std::optional<double> inizio = _inizio_archiviato(giorno, nome, zona);
-  if (!inizio) return;
+  if (!inizio) return true;  // not a segment's name: never adopted, nothing to look at again
   std::optional<InfoFile> info = info_file(p);
-  if (!info || w.ora - info->mtime < ETA_MINIMA) return;
-  if (info->dimensione < DIMENSIONE_MINIMA || !_mp4_completo(p)) return;  // never deleted here
+  if (!info || w.ora - info->mtime < ETA_MINIMA) return false;
+  if (info->dimensione < DIMENSIONE_MINIMA || !_mp4_completo(p)) return false;  // never deleted
   w.nuovi.push_back(
       RigaIndice{w.id, *inizio, std::max(*inizio + 1, info->mtime), p, info->dimensione, ""});
   w.noti.insert(p);
+  return true;
+}
+
+// Within this many seconds of a folder's last change its times may not move again for a new
+// name (their granularity): such a folder is not remembered, and looked at again next time.
+constexpr double MARGINE_FIRMA = 3;
+
+std::optional<std::string> firma_recente(const std::string& cartella, double ora) {
+  struct stat st {};
+  if (::stat(cartella.c_str(), &st) != 0) return std::nullopt;
+  auto sec = [](const timespec& t) { return static_cast<double>(t.tv_sec) + t.tv_nsec / 1e9; };
+  if (ora - std::max(sec(st.st_mtim), sec(st.st_ctim)) < MARGINE_FIRMA) return std::string();
+  return std::to_string(st.st_dev) + ":" + std::to_string(st.st_ino) + ":" +
+         std::to_string(st.st_mtim.tv_sec) + "." + std::to_string(st.st_mtim.tv_nsec) + ":" +
+         std::to_string(st.st_ctim.tv_sec) + "." + std::to_string(st.st_ctim.tv_nsec);
+}
+
+void scansione_giorno(Lavoro& w, const std::string& cartella, const std::string& giorno,
+                      Zona zona) {
+  // Read before the names: a change in between makes the next run look again.
+  std::optional<std::string> firma = firma_recente(cartella, _ora());
+  if (!firma) return;
+  const std::string chiave = std::to_string(w.id) + "|" + cartella;
+  auto vista = giorni_visti.find(chiave);
+  if (!firma->empty() && vista != giorni_visti.end() && vista->second == *firma) return;
+  std::optional<std::vector<std::string>> nomi = elenco(cartella);
+  if (!nomi) return;
+  w.noti = noti_in(w.id, cartella);
+  bool tutti = true;
+  for (const std::string& nome : solo_mp4(*nomi)) {
+    try {
+      tutti = adotta(w, unisci(cartella, nome), giorno, nome, zona) && tutti;
+    } catch (const ErroreDb&) {
+      throw;
+    } catch (const std::exception&) {
+      tutti = false;
+    }
+  }
+  w.scrivi();  // remembered only once its rows are written
+  if (tutti && !firma->empty())
+    giorni_visti[chiave] = *firma;
+  else
+    giorni_visti.erase(chiave);
 }
 
 void scansione_profonda(Lavoro& w, const std::string& radice, bool legacy) {
@@ -254,17 +317,7 @@ void scansione_profonda(Lavoro& w, const std::string& radice, bool legacy) {
   Zona zona = _fuso();
   for (const std::string& giorno : voci.value_or(std::vector<std::string>{})) {
     if (!_nome_giorno(giorno)) continue;
-    std::string cartella = unisci(radice, giorno);
-    std::optional<std::vector<std::string>> nomi = elenco(cartella);
-    if (!nomi) continue;
-    for (const std::string& nome : solo_mp4(*nomi)) {
-      try {
-        adotta(w, unisci(cartella, nome), giorno, nome, zona);
-      } catch (const ErroreDb&) {
-        throw;
-      } catch (const std::exception&) {
-      }
-    }
+    scansione_giorno(w, unisci(radice, giorno), giorno, zona);
   }
   w.scrivi();
   if (legacy && voci && voci->empty()) ::rmdir(radice.c_str());
@@ -287,7 +340,6 @@ void indicizza_camera(const Config& cfg, const std::vector<Camera>& cams, const 
   if (con_legacy) profonde.push_back(legacy);
   std::vector<std::string> precedenti = precedenti_da_svuotare(cam.id, in_corso);
 
-  w.noti = file_noti(cam.id);
   std::optional<std::string> attiva = cartella_registratore(registratori, cam.id);
 
   int spostati = 0;

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <optional>
 #include <set>
+#include <thread>
 
 #include "core/db.h"
 #include "core/stato.h"
@@ -195,6 +196,18 @@ TEST_F(IndiceTest, DeepRunAdoptsFinishedFilesOfTheCameraLegacyAndOrphanFolders) 
     EXPECT_TRUE(fs::exists(giorno(n))) << n;  // unfinished day-folder files are left alone
   EXPECT_TRUE(fs::exists(radice / "cam_1/20240501_130000.mp4"));
   nessun_lavoro_rimasto();
+}
+
+// A deep run remembers the day folders it found complete; a name added later changes the
+// folder, which the next deep run reads again.
+TEST_F(IndiceTest, DeepRunReadsAgainADayFolderThatChanged) {
+  segmento(giorno("12-00-00.mp4"), 2048);
+  std::this_thread::sleep_for(std::chrono::milliseconds(3100));  // the folder's times settle
+  _indicizza(cfg, cams, true);
+  segmento(giorno("12-05-00.mp4"), 2048);
+  std::this_thread::sleep_for(std::chrono::milliseconds(3100));  // not only "just changed"
+  _indicizza(cfg, cams, true);
+  EXPECT_EQ(righe().size(), 2u);
 }
 
 TEST_F(IndiceTest, FailedMoveIsIndexedInPlaceLoggedOnceRetriedOnDeepRuns) {

@@ -19,6 +19,7 @@
 #include "core/log.h"
 #include "core/processo.h"
 #include "core/tempo.h"
+#include "engine/allineamento_mirato.h"
 #include "engine/anteprime.h"
 #include "engine/archivio_pronto.h"
 #include "engine/decisione.h"
@@ -128,7 +129,7 @@ void esegui_lavori(const Situazione& s, const Lavori& l, std::vector<Camera>& ca
   }
   if (l.allineamento) {
     tempi.allineamento = s.adesso;
-    int n = _allinea(s.cfg);
+    int n = allinea_dove_cambiato(s.cfg, s.adesso);
     if (n) _log(std::to_string(n) + " voci senza file tolte dall'elenco");
   }
   if (l.pulizia) {
@@ -204,6 +205,7 @@ void azzera_motore_per_test() {
   _sveglia.clear();
   _problema.set("");
   tempi = {};
+  azzera_allineamento_mirato_per_test();
   azzera_raccolta_salute_per_test();
   azzera_salute_per_test();
 }

@@ -3,8 +3,8 @@
 // Every few seconds it runs one pass (_giro) under _giro_lock: it checks the archive and ffmpeg,
 // reaps ended recorders, starts, stops or restarts each camera's recorder, records entity
 // changes, and runs the periodic archive jobs (index every 10 s, deep index every 600 s,
-// reconciliation every 300 s, retention every 3600 s). Request handlers never run a pass: they
-// wake the engine with _giro_sicuro().
+// reconciliation every 300 s where the archive changed, retention every 3600 s). Request
+// handlers never run a pass: they wake the engine with _giro_sicuro().
 #pragma once
 
 #include <mutex>

@@ -7,7 +7,7 @@ cd "$(dirname "$0")/.."
 bash scripts/deps.sh bench
 build=${NVR_BUILD:-build-bench}
 programmi=(bench_indicizzazione bench_registrazione bench_archivio bench_riproduzione bench_vivo
-          bench_linea_tempo bench_salute)
+          bench_linea_tempo bench_salute bench_inattivo)  # bench_inattivo uses bench_archivio's set
 cmake -S . -B "$build" -DNVR_BENCH=ON -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build "$build" -j "$(nproc)" --target "${programmi[@]}" >/dev/null
 # The same columns as bench/tabella.h.
