@@ -18,12 +18,8 @@ while [ $# -gt 0 ]; do
        exit 2 ;;
   esac
 done
-for c in dpkg-deb dpkg-shlibdeps fakeroot; do
-  command -v "$c" >/dev/null || { echo "Manca $c: apt-get install dpkg-dev fakeroot" >&2; exit 1; }
-done
-
 if [ -z "$programma" ]; then
-  bash "$sorgenti/scripts/deps.sh" run >&2
+  bash "$sorgenti/scripts/deps.sh" pacchetto >&2
   build=${NVR_BUILD:-build-pacchetto}
   case $build in /*) ;; *) build=$sorgenti/$build ;; esac
   if [ ! -f "$build/CMakeCache.txt" ]; then
@@ -35,6 +31,9 @@ if [ -z "$programma" ]; then
   programma=$build/autonomo/nvr
 fi
 [ -x "$programma" ] || { echo "Programma non trovato: $programma" >&2; exit 1; }
+for c in dpkg-deb dpkg-shlibdeps; do
+  command -v "$c" >/dev/null || { echo "Manca $c: apt-get install dpkg-dev" >&2; exit 1; }
+done
 
 versione=$(sed -n 's/.*kVersione = "\([^"]*\)".*/\1/p' "$sorgenti/autonomo/main.cc")
 architettura=$(dpkg --print-architecture)
