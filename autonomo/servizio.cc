@@ -25,8 +25,7 @@ bool motore_vivo(double adesso, double ultimo_segno, double avvio, double limite
 }
 
 double adesso_monotono() {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
-      .count();
+  return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
 void notifica_pronto(const std::string& stato) {
@@ -68,8 +67,7 @@ Esito<std::string> scrivi_password_iniziale(const std::string& dati, const std::
   auto fallito = [&](int e) {
     return Errore{e, "Password iniziale non scritta in " + file + ": " + std::strerror(e)};
   };
-  const int fd =
-      ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
+  const int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
   if (fd < 0) return fallito(errno);
   // An older file may have had wider rights: narrow them before the secret goes in.
   const std::string riga = password + "\n";

@@ -226,9 +226,8 @@ namespace {
 std::atomic<double> segno_di_vita{0};
 
 void batti_segno_di_vita() {
-  segno_di_vita = std::chrono::duration<double>(
-                      std::chrono::steady_clock::now().time_since_epoch())
-                      .count();
+  segno_di_vita =
+      std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 }  // namespace
 
