@@ -5,6 +5,7 @@
 #include <openssl/rand.h>
 
 #include <algorithm>
+#include <cmath>
 #include <stdexcept>
 #include <thread>
 
@@ -129,22 +130,38 @@ void salva_impronta(const std::string& db_file, const std::string& impronta) {
   c.commit();
 }
 
-std::optional<std::string> Accesso::accedi(const std::string& password) {
+EsitoAccesso Accesso::accedi(const std::string& password, const std::string& indirizzo) {
+  auto adesso = [] {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+  };
+  auto riprova_fra = [](double secondi) { return static_cast<int>(std::ceil(secondi)); };
+  {
+    std::lock_guard l(m_);
+    auto it = tentativi_.find(indirizzo);
+    if (it != tentativi_.end())
+      if (double b = secondi_di_blocco(it->second, adesso()); b > 0) return {{}, riprova_fra(b)};
+  }
   if (verifica_password(password, impronta_)) {
     std::string token = esadecimale(casuali(32));
     std::lock_guard l(m_);
-    fallimenti_ = 0;
+    tentativi_.erase(indirizzo);
     sessioni_.push_back(token);
     if (sessioni_.size() > kMaxSessioni) sessioni_.erase(sessioni_.begin());
-    return token;
+    return {token, 0};
   }
-  int attesa;
+  DopoFallimento d;
   {
     std::lock_guard l(m_);
-    attesa = std::min(++fallimenti_, 10);
+    const double ora = adesso();
+    Tentativi& t = tentativi_[indirizzo];
+    d = dopo_fallimento(t, ora, regole_);
+    t = d.tentativi;
+    pota_tentativi(tentativi_, ora, regole_);
+    if (double b = secondi_di_blocco(d.tentativi, ora); b > 0) return {{}, riprova_fra(b)};
   }
-  std::this_thread::sleep_for(std::chrono::seconds(attesa));
-  return std::nullopt;
+  std::this_thread::sleep_for(std::chrono::duration<double>(d.attesa));
+  return {};
 }
 
 bool Accesso::valida(const std::string& token) const {

@@ -4,10 +4,13 @@
 
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "autonomo/tentativi.h"
 
 namespace nvr::autonomo {
 
@@ -29,16 +32,25 @@ bool verifica_password(const std::string& password, const std::string& impronta)
 std::optional<std::string> leggi_impronta(const std::string& db_file);
 void salva_impronta(const std::string& db_file, const std::string& impronta);
 
-// The open sessions and the slowing down of wrong passwords. Thread-safe; no call blocks except
-// accedi, which sleeps after a wrong password.
+// What a login attempt gave.
+struct EsitoAccesso {
+  std::optional<std::string> token;  // the new session when the password was right
+  int riprova_fra = 0;  // > 0: the address is locked out, seconds until it may try again
+};
+
+// The open sessions, and the wrong passwords counted per client address (tentativi.h).
+// Thread-safe; no call blocks except accedi, which sleeps after a wrong password.
 class Accesso {
  public:
-  explicit Accesso(std::string impronta) : impronta_(std::move(impronta)) {}
+  explicit Accesso(std::string impronta, RegoleTentativi regole = {})
+      : impronta_(std::move(impronta)), regole_(regole) {}
 
-  // A new session token when `password` is right (the count of failures starts again). When
-  // it is wrong, sleeps 1 s for the first failure in a row, one more second for each further
-  // one (up to 10 s), and answers nothing. The sleep holds no lock.
-  std::optional<std::string> accedi(const std::string& password);
+  // From client address `indirizzo`: while it is locked out, answers riprova_fra at once
+  // without looking at the password. A right password gives a new session token and clears the
+  // address's record. A wrong one sleeps as dopo_fallimento says (1 s for the first in a row,
+  // one more for each further one) and answers nothing, or answers riprova_fra when it was the
+  // failure that locked the address. The sleep holds no lock.
+  EsitoAccesso accedi(const std::string& password, const std::string& indirizzo);
 
   // Whether `token` belongs to an open session (constant-time comparison with each).
   bool valida(const std::string& token) const;
@@ -50,9 +62,10 @@ class Accesso {
 
  private:
   const std::string impronta_;
-  mutable std::mutex m_;               // guards sessioni_ and fallimenti_
-  std::vector<std::string> sessioni_;  // oldest first
-  int fallimenti_ = 0;                 // wrong passwords in a row
+  const RegoleTentativi regole_;
+  mutable std::mutex m_;                        // guards sessioni_ and tentativi_
+  std::vector<std::string> sessioni_;           // oldest first
+  std::map<std::string, Tentativi> tentativi_;  // by client address
 };
 
 }  // namespace nvr::autonomo

@@ -37,12 +37,28 @@ std::optional<std::string> testo_campo(const Json& corpo, const char* chiave) {
   return testo_di(v);
 }
 
+// The session cookie's attributes; under HTTPS the browser must never send it in clear.
+std::string attributi_cookie(const ContestoHost& c) {
+  return std::string("; HttpOnly; SameSite=Strict; Path=/") + (c.https ? "; Secure" : "");
+}
+
 Risposta api_accesso(const ContestoHost& c, const Richiesta& r) {
-  auto token = c.accesso->accedi(testo_campo(r.corpo, "password").value_or(""));
-  if (!token) return errore_json("Password errata", 401);
+  auto indirizzo = r.intestazioni.find(kIndirizzoCliente);
+  auto esito = c.accesso->accedi(testo_campo(r.corpo, "password").value_or(""),
+                                 indirizzo == r.intestazioni.end() ? "" : indirizzo->second);
+  if (esito.riprova_fra > 0) {
+    const int minuti = (esito.riprova_fra + 59) / 60;
+    Risposta risposta =
+        errore_json("Troppe password errate da questo indirizzo: riprova fra " +
+                        std::to_string(minuti) + (minuti == 1 ? " minuto" : " minuti"),
+                    429);
+    risposta.intestazioni.emplace_back("Retry-After", std::to_string(esito.riprova_fra));
+    return risposta;
+  }
+  if (!esito.token) return errore_json("Password errata", 401);
   Risposta risposta = successo();
-  risposta.intestazioni.emplace_back("Set-Cookie", std::string(kCookieSessione) + "=" + *token +
-                                                       "; HttpOnly; SameSite=Strict; Path=/");
+  risposta.intestazioni.emplace_back(
+      "Set-Cookie", std::string(kCookieSessione) + "=" + *esito.token + attributi_cookie(c));
   return risposta;
 }
 
@@ -50,8 +66,7 @@ Risposta api_uscita(const ContestoHost& c, const Richiesta& r) {
   c.accesso->esci(token_di(r));
   Risposta risposta = successo();
   risposta.intestazioni.emplace_back(
-      "Set-Cookie",
-      std::string(kCookieSessione) + "=; Max-Age=0; HttpOnly; SameSite=Strict; Path=/");
+      "Set-Cookie", std::string(kCookieSessione) + "=; Max-Age=0" + attributi_cookie(c));
   return risposta;
 }
 

@@ -22,6 +22,7 @@ struct ContestoHost {
   std::string versione;  // the program's version, for /api/info
   std::shared_ptr<Accesso> accesso;
   std::shared_ptr<StatiEntita> stati;
+  bool https = false;  // the server speaks TLS: the session cookie is sent only over it (Secure)
 };
 
 // login_required: without a valid session cookie, 401 "Accesso richiesto".

@@ -14,6 +14,8 @@ namespace nvr::autonomo {
 // Where the server leaves the request's raw body among the headers, for the handlers that must
 // tell a missing or non-object body from an empty object. No HTTP header name can contain ':'.
 inline constexpr const char* kCorpoGrezzo = ":corpo";
+// Where it leaves the client's address ("192.0.2.7", "2001:db8::1"), likewise.
+inline constexpr const char* kIndirizzoCliente = ":indirizzo";
 
 class Instradatore : public AppWeb {
  public:

@@ -20,6 +20,7 @@
 #include "autonomo/server_http.h"
 #include "autonomo/servizio.h"
 #include "autonomo/telecamere_host.h"
+#include "autonomo/tls.h"
 #include "core/db.h"
 #include "core/segnale_nel_thread.h"
 #include "core/stato.h"
@@ -139,6 +140,8 @@ int esegui(const Opzioni& o) {
   if (!fuso) return fallisci(o.prefisso_fuso + fuso.errore().messaggio, 2);
   auto dati = prepara_cartella_dati(o.dati);
   if (!dati) return fallisci(o.prefisso_dati + dati.errore().messaggio);
+  auto tls = prepara_tls(o.tls_cert, o.tls_chiave, o.tls_autofirmato, dati.valore());
+  if (!tls) return fallisci(tls.errore().messaggio);
   if (!ffmpeg_presente()) {
     const std::string riga =
         "ffmpeg non trovato: installa il pacchetto ffmpeg: apt-get install ffmpeg";
@@ -150,6 +153,7 @@ int esegui(const Opzioni& o) {
   auto server = std::make_shared<ServerHttp>(rotte);
   auto porta = server->apri(o.indirizzo, o.porta);
   if (!porta) return fallisci(porta.errore().messaggio);
+  if (tls.valore().attivo()) server->usa_tls(tls.valore().certificato, tls.valore().chiave);
 
   ::signal(SIGPIPE, SIG_IGN);  // a client that hangs up must not end the program
   inoltra_sigint_come_sigterm();
@@ -160,6 +164,7 @@ int esegui(const Opzioni& o) {
   contesto->fuso = fuso.valore();
   contesto->versione = kVersione;
   contesto->stati = std::make_shared<StatiEntita>();
+  contesto->https = tls.valore().attivo();
   try {
     crea_tabella_telecamere(db_file);
     auto impronta = impronta_amministratore(db_file, o, dati.valore());
@@ -234,15 +239,21 @@ int esegui(const Opzioni& o) {
   _giro_sicuro();
 
   std::string mostrato = o.indirizzo == "0.0.0.0" ? "127.0.0.1" : o.indirizzo;
-  std::printf("nvr in ascolto: apri http://%s:%d/ nel browser (dati in %s)\n", mostrato.c_str(),
-              porta.valore(), dati.valore().c_str());
+  const char* schema = tls.valore().attivo() ? "https" : "http";
+  std::printf("nvr in ascolto: apri %s://%s:%d/ nel browser (dati in %s)\n", schema,
+              mostrato.c_str(), porta.valore(), dati.valore().c_str());
+  if (tls.valore().attivo())
+    std::printf("Certificato HTTPS: %s\n", tls.valore().file_certificato.c_str());
   std::fflush(stdout);
   notifica_pronto("In ascolto sulla porta " + std::to_string(porta.valore()));
   avvia_cane_da_guardia([avvio = adesso_monotono()] {
     return motore_vivo(adesso_monotono(), ultimo_segno_di_vita_motore(), avvio,
                        kSilenzioMassimoMotore);
   });
-  if (!server->servi()) return fallisci("Il server web si e' fermato per un errore");
+  if (!server->servi())
+    return fallisci(tls.valore().attivo()
+                        ? "Il server web non parte in HTTPS: certificato o chiave rifiutati"
+                        : "Il server web si e' fermato per un errore");
   // Only the exit path stops the server, and it ends the process itself once the recorders are
   // down. Returning from main meanwhile would destroy the engine's state under its thread.
   std::this_thread::sleep_for(std::chrono::seconds(30));
@@ -265,6 +276,10 @@ int main(int argc, char** argv) {
   app.add_flag("--demo", o.demo, "aggiunge una telecamera dimostrativa e avvia la registrazione");
   app.add_flag("--nuova-password", o.nuova_password,
                "genera e mostra una nuova password dell'amministratore");
+  app.add_option("--tls-cert", o.tls_cert, "certificato HTTPS (file PEM), con --tls-chiave");
+  app.add_option("--tls-chiave", o.tls_chiave, "chiave del certificato HTTPS (file PEM)");
+  app.add_flag("--tls-autofirmato", o.tls_autofirmato,
+               "HTTPS con un certificato autofirmato creato in <dati>/tls/ (se mancano i file)");
   // Only the tests use it: segments of a few seconds, below what the API allows.
   app.add_option("--segmento-prova", o.segmento_prova)->group("");
   app.add_option("--configurazione", o.configurazione,

@@ -69,6 +69,7 @@ struct Trasmissione;
 struct StatoServer {
   std::shared_ptr<const Instradatore> rotte;
   LimitiServer limiti;
+  std::string certificato, chiave;  // PEM; empty: plain HTTP. Must outlive the daemon
   int ascolto = -1;
   MHD_Daemon* demone = nullptr;
   Lavoratori lavoratori{32};  // a live request waits up to 7 s for its first bytes
@@ -251,6 +252,20 @@ MHD_Result aggiungi_valore(void* cls, MHD_ValueKind tipo, const char* chiave, co
   return MHD_YES;
 }
 
+// The peer's address as text, "" when the library does not tell.
+std::string indirizzo_cliente(MHD_Connection* c) {
+  const MHD_ConnectionInfo* info = MHD_get_connection_info(c, MHD_CONNECTION_INFO_CLIENT_ADDRESS);
+  if (!info || !info->client_addr) return "";
+  char testo[INET6_ADDRSTRLEN] = "";
+  const sockaddr* a = info->client_addr;
+  if (a->sa_family == AF_INET)
+    ::inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(a)->sin_addr, testo, sizeof testo);
+  else if (a->sa_family == AF_INET6)
+    ::inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6*>(a)->sin6_addr, testo,
+                sizeof testo);
+  return testo;
+}
+
 Richiesta richiesta_da(MHD_Connection* c, const char* metodo, const std::string& corpo) {
   Richiesta r;
   r.metodo = metodo;
@@ -258,6 +273,7 @@ Richiesta richiesta_da(MHD_Connection* c, const char* metodo, const std::string&
   MHD_get_connection_values(c, MHD_HEADER_KIND, aggiungi_valore, &r);
   r.corpo = corpo_da_testo(corpo);
   r.intestazioni[kCorpoGrezzo] = corpo;
+  r.intestazioni[kIndirizzoCliente] = indirizzo_cliente(c);
   return r;
 }
 
@@ -419,12 +435,24 @@ Esito<int> ServerHttp::apri(const std::string& indirizzo, int porta) {
 bool ServerHttp::servi() {
   StatoServer* d = d_.get();
   if (d->ascolto < 0) return false;
-  d->demone = MHD_start_daemon(
-      MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME, 0, nullptr,
-      nullptr, accesso, d, MHD_OPTION_LISTEN_SOCKET, d->ascolto, MHD_OPTION_NOTIFY_COMPLETED,
-      completata, d, MHD_OPTION_NOTIFY_CONNECTION, notifica, d, MHD_OPTION_CONNECTION_TIMEOUT, 60u,
-      MHD_OPTION_PER_IP_CONNECTION_LIMIT, d->limiti.connessioni_per_indirizzo,
-      MHD_OPTION_CONNECTION_MEMORY_LIMIT, std::size_t{64 * 1024}, MHD_OPTION_END);
+  std::vector<MHD_OptionItem> opzioni = {
+      {MHD_OPTION_LISTEN_SOCKET, d->ascolto, nullptr},
+      {MHD_OPTION_NOTIFY_COMPLETED, reinterpret_cast<intptr_t>(completata), d},
+      {MHD_OPTION_NOTIFY_CONNECTION, reinterpret_cast<intptr_t>(notifica), d},
+      {MHD_OPTION_CONNECTION_TIMEOUT, 60, nullptr},
+      {MHD_OPTION_PER_IP_CONNECTION_LIMIT, d->limiti.connessioni_per_indirizzo, nullptr},
+      {MHD_OPTION_CONNECTION_MEMORY_LIMIT, 64 * 1024, nullptr}};
+  unsigned int modo = MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME;
+  if (!d->certificato.empty()) {
+    if (MHD_is_feature_supported(MHD_FEATURE_TLS) != MHD_YES) return false;
+    modo |= MHD_USE_TLS;
+    // The library keeps the pointers: the texts live in StatoServer as long as the daemon.
+    opzioni.push_back({MHD_OPTION_HTTPS_MEM_CERT, 0, d->certificato.data()});
+    opzioni.push_back({MHD_OPTION_HTTPS_MEM_KEY, 0, d->chiave.data()});
+  }
+  opzioni.push_back({MHD_OPTION_END, 0, nullptr});
+  d->demone = MHD_start_daemon(modo, 0, nullptr, nullptr, accesso, d, MHD_OPTION_ARRAY,
+                               opzioni.data(), MHD_OPTION_END);
   if (!d->demone) return false;
   std::thread sorvegliante(sorveglia, d);
   {
@@ -448,6 +476,11 @@ bool ServerHttp::servi() {
     d->ascolto = -1;
   }
   return true;
+}
+
+void ServerHttp::usa_tls(std::string certificato_pem, std::string chiave_pem) {
+  d_->certificato = std::move(certificato_pem);
+  d_->chiave = std::move(chiave_pem);
 }
 
 void ServerHttp::ferma() {

@@ -40,8 +40,13 @@ class ServerHttp {
   // Does not block.
   Esito<int> apri(const std::string& indirizzo, int porta);
 
+  // Speaks HTTPS instead of HTTP with this certificate (chain) and unencrypted private key,
+  // both PEM text (tls.h checks them). Call before servi(). Does not block.
+  void usa_tls(std::string certificato_pem, std::string chiave_pem);
+
   // Serves on the bound port until ferma(); blocks. Answers false when the server could not
-  // start serving rather than stopping on ferma().
+  // start serving rather than stopping on ferma() (with TLS: also when the library refuses the
+  // certificate or key, or was built without TLS).
   bool servi();
 
   // Makes servi() return: open streams end, running handlers get a few seconds to finish, open

@@ -1,13 +1,13 @@
 #!/usr/bin/env bash
 # The package on this machine: built from the given program, checked with dpkg-deb and lintian,
 # installed, its unit's ExecStart run as systemd would run it (notify socket and watchdog
-# included), reached over HTTPS, upgraded, removed and purged with the data left in place.
+# included), reached over HTTPS with its self-signed certificate, upgraded, removed and purged with the data left in place.
 # Usage: pacchetto_root_test.sh <nvr program>. Exit 77 (skipped) with the reason when it cannot run.
 set -euo pipefail
 programma=$1
 salta() { echo "SALTATO: $*"; exit 77; }
 [ "$(id -u)" = 0 ] || salta "serve root (dpkg -i)"
-for c in dpkg-deb dpkg-shlibdeps fakeroot lintian systemd-analyze curl openssl; do
+for c in dpkg-deb dpkg-shlibdeps fakeroot lintian systemd-analyze curl; do
   command -v $c >/dev/null || salta "manca $c"
 done
 dpkg -s nvr >/dev/null 2>&1 && salta "nvr e' gia' installato: il test non tocca un'installazione vera"
@@ -67,19 +67,11 @@ grep -q 'READY=1' "$lavoro/notifiche" || sbaglia "nessun READY=1: $(cat "$lavoro
 sleep 3
 grep -q 'WATCHDOG=1' "$lavoro/notifiche" || sbaglia "nessun WATCHDOG=1"
 
-if ls /var/lib/nvr/tls/*.pem >/dev/null 2>&1; then
-  # The certificate served is the one made at first start in the data folder.
-  cert=$(grep -l CERTIFICATE /var/lib/nvr/tls/*.pem | head -1)
-  servito=$(openssl s_client -connect 127.0.0.1:"$porta" </dev/null 2>/dev/null |
-    openssl x509 -noout -fingerprint -sha256)
-  [ "$servito" = "$(openssl x509 -in "$cert" -noout -fingerprint -sha256)" ] ||
-    sbaglia "certificato servito diverso da $cert"
-  salute=$(curl -sS -k "https://127.0.0.1:$porta/api/salute")
-else
-  # HTTPS NON ANCORA NEL PROGRAMMA: nessun certificato in /var/lib/nvr/tls/, controllo in chiaro.
-  echo "AVVISO: HTTPS assente nel programma, /api/salute controllata in HTTP"
-  salute=$(curl -sS "http://127.0.0.1:$porta/api/salute")
-fi
+# Over HTTPS, trusting only the certificate made at first start in the data folder.
+cert=/var/lib/nvr/tls/certificato.pem
+[ -f "$cert" ] || sbaglia "nessun certificato autofirmato in $cert"
+salute=$(curl -sS --cacert "$cert" "https://localhost:$porta/api/salute") ||
+  sbaglia "/api/salute non raggiungibile in HTTPS"
 grep -q '"stato"' <<<"$salute" || sbaglia "/api/salute: $salute"
 
 file=/var/lib/nvr/password-iniziale

@@ -21,7 +21,7 @@ test_pkgs=(
   prometheus  # promtool checks the text of /metrics
   mosquitto mosquitto-clients
   chromium
-  curl openssl  # the installed package reached over HTTPS
+  curl  # the installed package reached over HTTPS
 )
 pacchetto_pkgs=(dpkg-dev fakeroot lintian)
 
