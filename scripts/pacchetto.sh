@@ -49,6 +49,9 @@ strip --strip-unneeded --remove-section=.comment --remove-section=.note "$radice
 install -m 0644 "$p/nvr.service" "$radice/lib/systemd/system/nvr.service"
 install -m 0644 "$p/nvr.conf" "$radice/etc/nvr/nvr.conf"
 install -m 0644 "$p/copyright" "$radice/usr/share/doc/nvr/copyright"
+install -d "$radice/usr/share/man/man8"
+sed "s/@VERSIONE@/$versione/" "$p/nvr.8" | gzip -9n >"$radice/usr/share/man/man8/nvr.8.gz"
+chmod 0644 "$radice/usr/share/man/man8/nvr.8.gz"
 install -m 0644 "$sorgenti/README.md" "$radice/usr/share/doc/nvr/README.md"
 data=$(date -R -d "@$(git -C "$sorgenti" log -1 --format=%ct 2>/dev/null || date +%s)")
 sed -e "s/@VERSIONE@/$versione/" -e "s/@DATA@/$data/" "$p/changelog" |
