@@ -3,9 +3,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <fstream>
-#include <sstream>
 
 #include "autonomo/programma_di_prova.h"
 #include "testing/ambiente.h"
@@ -14,13 +12,6 @@ namespace nvr::autonomo {
 namespace {
 
 using prova::Programma;
-
-std::string leggi(const std::string& percorso) {
-  std::ifstream f(percorso);
-  std::stringstream s;
-  s << f.rdbuf();
-  return s.str();
-}
 
 TEST(TlsE2eTest, SelfSignedCertificateIsMadeOnceAndServesHttps) {
   testing::CartellaTemporanea t;
@@ -34,10 +25,10 @@ TEST(TlsE2eTest, SelfSignedCertificateIsMadeOnceAndServesHttps) {
     ASSERT_EQ(::stat((t / "dati/tls/chiave.pem").c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0600u);
     if (avvio == 1) {
-      EXPECT_EQ(leggi(cert), primo) << "the second start made a new certificate";
+      EXPECT_EQ(testing::leggi_file(cert), primo) << "the second start made a new certificate";
       break;
     }
-    primo = leggi(cert);
+    primo = testing::leggi_file(cert);
 
     httplib::SSLClient c("127.0.0.1", p->porta());
     c.set_ca_cert_path(cert.c_str());
@@ -48,12 +39,7 @@ TEST(TlsE2eTest, SelfSignedCertificateIsMadeOnceAndServesHttps) {
     auto login = c.Post("/api/accesso", Json{{"password", password}}.dump(), "application/json");
     ASSERT_TRUE(login);
     EXPECT_EQ(login->status, 200) << login->body;
-    const std::string cookie = login->get_header_value("Set-Cookie");
-    EXPECT_TRUE(cookie.ends_with("; Secure")) << cookie;
-    auto info_api = c.Get("/api/info", {{"Cookie", cookie.substr(0, cookie.find(';'))}});
-    ASSERT_TRUE(info_api);
-    EXPECT_EQ(info_api->status, 200);
-
+    EXPECT_TRUE(login->get_header_value("Set-Cookie").ends_with("; Secure"));
     EXPECT_EQ(p->get("/api/salute").status, 0) << "plain HTTP answered on the HTTPS port";
   }
 }
