@@ -14,9 +14,11 @@
 #include "autonomo/accesso.h"
 #include "autonomo/api_host.h"
 #include "autonomo/avvio.h"
+#include "autonomo/configurazione.h"
 #include "autonomo/demo.h"
 #include "autonomo/impostazioni.h"
 #include "autonomo/server_http.h"
+#include "autonomo/servizio.h"
 #include "autonomo/telecamere_host.h"
 #include "autonomo/tls.h"
 #include "core/db.h"
@@ -47,6 +49,11 @@ struct Opzioni {
   std::string tls_cert;
   std::string tls_chiave;
   bool tls_autofirmato = false;
+  std::string configurazione;
+  bool servizio = false;
+  // Put before a message about a value that came from the configuration file, to name its key.
+  std::string prefisso_dati;
+  std::string prefisso_fuso;
 };
 
 int fallisci(const std::string& riga, int codice = 1) {
@@ -65,25 +72,74 @@ void inoltra_sigint_come_sigterm() {
 }
 
 // The password: generated at the first start (or when asked), shown once, kept as a hash.
-std::string impronta_amministratore(const std::string& db_file, bool nuova) {
-  auto impronta = nuova ? std::nullopt : leggi_impronta(db_file);
+// A service's output goes to the system journal, so there it goes to a file only root reads;
+// an administrator who runs the program from a terminal still sees it.
+Esito<std::string> impronta_amministratore(const std::string& db_file, const Opzioni& o,
+                                           const std::string& dati) {
+  auto impronta = o.nuova_password ? std::nullopt : leggi_impronta(db_file);
   if (impronta) return *impronta;
   const std::string password = genera_password();
   std::string nuova_impronta = impronta_password(password);
-  salva_impronta(db_file, nuova_impronta);
-  std::printf(
-      "Password dell'amministratore: %s (annotala: non verra' mostrata di nuovo; "
-      "--nuova-password ne crea un'altra)\n",
-      password.c_str());
+  if (o.servizio && !::isatty(STDOUT_FILENO)) {
+    auto file = scrivi_password_iniziale(dati, password);
+    if (!file) return file.errore();
+    salva_impronta(db_file, nuova_impronta);
+    std::printf(
+        "Password dell'amministratore scritta in %s (leggibile solo da root; "
+        "--nuova-password ne crea un'altra)\n",
+        file.valore().c_str());
+  } else {
+    salva_impronta(db_file, nuova_impronta);
+    std::printf(
+        "Password dell'amministratore: %s (annotala: non verra' mostrata di nuovo; "
+        "--nuova-password ne crea un'altra)\n",
+        password.c_str());
+  }
   std::fflush(stdout);
   return nuova_impronta;
 }
 
+// Fills what the command line left unset from the configuration file, then the service's
+// defaults: every address, the system's data folder, a self-signed certificate.
+std::optional<Errore> completa_opzioni(const CLI::App& app, Opzioni& o) {
+  auto dato = [&](const char* opzione) {
+    const CLI::Option* scelta = app.get_option_no_throw(opzione);
+    return scelta != nullptr && scelta->count() > 0;
+  };
+  bool indirizzo_scelto = dato("--indirizzo");
+  if (!o.configurazione.empty()) {
+    auto letta = leggi_configurazione(o.configurazione);
+    if (!letta) return letta.errore();
+    const ValoriConfigurazione& c = letta.valore();
+    if (c.indirizzo && !indirizzo_scelto) {
+      o.indirizzo = *c.indirizzo;
+      indirizzo_scelto = true;
+    }
+    if (c.porta && !dato("--porta")) o.porta = *c.porta;
+    if (c.dati && !dato("--dati")) {
+      o.dati = *c.dati;
+      o.prefisso_dati = prefisso_chiave(o.configurazione, "dati");
+    }
+    if (c.fuso && !dato("--fuso")) {
+      o.fuso = *c.fuso;
+      o.prefisso_fuso = prefisso_chiave(o.configurazione, "fuso");
+    }
+    if (c.tls_cert && !dato("--tls-cert")) o.tls_cert = *c.tls_cert;
+    if (c.tls_chiave && !dato("--tls-chiave")) o.tls_chiave = *c.tls_chiave;
+  }
+  if (o.servizio) {
+    if (!indirizzo_scelto) o.indirizzo = "0.0.0.0";
+    if (!dato("--dati") && o.prefisso_dati.empty()) o.dati = "/var/lib/nvr";
+    if (o.tls_cert.empty() && o.tls_chiave.empty()) o.tls_autofirmato = true;
+  }
+  return std::nullopt;
+}
+
 int esegui(const Opzioni& o) {
   auto fuso = fuso_da_usare(o.fuso);
-  if (!fuso) return fallisci(fuso.errore().messaggio, 2);
+  if (!fuso) return fallisci(o.prefisso_fuso + fuso.errore().messaggio, 2);
   auto dati = prepara_cartella_dati(o.dati);
-  if (!dati) return fallisci(dati.errore().messaggio);
+  if (!dati) return fallisci(o.prefisso_dati + dati.errore().messaggio);
   auto tls = prepara_tls(o.tls_cert, o.tls_chiave, o.tls_autofirmato, dati.valore());
   if (!tls) return fallisci(tls.errore().messaggio);
   if (!ffmpeg_presente()) {
@@ -111,8 +167,9 @@ int esegui(const Opzioni& o) {
   contesto->https = tls.valore().attivo();
   try {
     crea_tabella_telecamere(db_file);
-    contesto->accesso =
-        std::make_shared<Accesso>(impronta_amministratore(db_file, o.nuova_password));
+    auto impronta = impronta_amministratore(db_file, o, dati.valore());
+    if (!impronta) return fallisci(impronta.errore().messaggio);
+    contesto->accesso = std::make_shared<Accesso>(impronta.valore());
   } catch (const std::exception& e) {
     return fallisci(std::string("Database ") + db_file + " non utilizzabile: " + e.what());
   }
@@ -130,6 +187,7 @@ int esegui(const Opzioni& o) {
     installa_sigterm_nativo([gestore] {
       // Held until the process ends: no engine pass may start a recorder again while the
       // running ones are stopped and their last segments finalised.
+      notifica_arresto();
       blocca_giri().release();
       gestore();
     });
@@ -187,6 +245,11 @@ int esegui(const Opzioni& o) {
   if (tls.valore().attivo())
     std::printf("Certificato HTTPS: %s\n", tls.valore().file_certificato.c_str());
   std::fflush(stdout);
+  notifica_pronto("In ascolto sulla porta " + std::to_string(porta.valore()));
+  avvia_cane_da_guardia([avvio = adesso_monotono()] {
+    return motore_vivo(adesso_monotono(), ultimo_segno_di_vita_motore(), avvio,
+                       kSilenzioMassimoMotore);
+  });
   if (!server->servi())
     return fallisci(tls.valore().attivo()
                         ? "Il server web non parte in HTTPS: certificato o chiave rifiutati"
@@ -219,6 +282,12 @@ int main(int argc, char** argv) {
                "HTTPS con un certificato autofirmato creato in <dati>/tls/ (se mancano i file)");
   // Only the tests use it: segments of a few seconds, below what the API allows.
   app.add_option("--segmento-prova", o.segmento_prova)->group("");
+  app.add_option("--configurazione", o.configurazione,
+                 "file di configurazione (chiave = valore); le opzioni date qui prevalgono");
+  app.add_flag("--servizio", o.servizio,
+               "come servizio di sistema: ascolta su tutti gli indirizzi, dati in /var/lib/nvr, "
+               "HTTPS con certificato autofirmato, password iniziale in un file");
   CLI11_PARSE(app, argc, argv);
+  if (auto errore = completa_opzioni(app, o)) return fallisci(errore->messaggio, 2);
   return esegui(o);
 }

@@ -224,7 +224,19 @@ void _ferma_orfani() {
   std::this_thread::sleep_for(std::chrono::seconds(3));
 }
 
+namespace {
+std::atomic<double> segno_di_vita{0};
+
+void batti_segno_di_vita() {
+  segno_di_vita =
+      std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+}  // namespace
+
+double ultimo_segno_di_vita_motore() { return segno_di_vita; }
+
 void _motore() {
+  batti_segno_di_vita();
   _sveglia.wait(10);
   if (fermare) {
     fermare = false;
@@ -255,6 +267,7 @@ void _motore() {
       registra_durata_giro(
           std::chrono::duration<double>(std::chrono::steady_clock::now() - inizio).count());
     }
+    batti_segno_di_vita();
     if (fermare) break;
     _sveglia.wait(3);
   }

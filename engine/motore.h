@@ -52,6 +52,12 @@ void _ferma_orfani();
 // The command line pattern of this system's recorders and nothing else.
 inline constexpr const char* kModelloOrfani = "ffmpeg .*(in_corso|cam_[0-9]+)/%Y%m%d_%H%M%S\\.mp4";
 
+// Seconds on the steady clock (std::chrono::steady_clock, since its epoch) when the engine
+// thread last showed it is alive: when it starts and after every pass, hung or not. 0 before any
+// engine thread ran. A host that reports liveness to a service manager stops confirming it once
+// this ages, so that a hung engine gets the process restarted. Never blocks.
+double ultimo_segno_di_vita_motore();
+
 // Makes a running _motore return after its current pass or wait. For a process that is ending
 // (the engine's state is about to be destroyed under it) and for tests. Never blocks.
 void arresta_motore();
