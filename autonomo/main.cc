@@ -139,9 +139,11 @@ int esegui(const Opzioni& o) {
   auto fuso = fuso_da_usare(o.fuso);
   if (!fuso) return fallisci(o.prefisso_fuso + fuso.errore().messaggio, 2);
   auto dati = prepara_cartella_dati(o.dati);
-  if (!dati) return fallisci(o.prefisso_dati + dati.errore().messaggio);
+  // Status 2, like a bad configuration value: the service manager does not restart into the
+  // same message every few seconds.
+  if (!dati) return fallisci(o.prefisso_dati + dati.errore().messaggio, 2);
   auto tls = prepara_tls(o.tls_cert, o.tls_chiave, o.tls_autofirmato, dati.valore());
-  if (!tls) return fallisci(tls.errore().messaggio);
+  if (!tls) return fallisci(tls.errore().messaggio, 2);
   if (!ffmpeg_presente()) {
     const std::string riga =
         "ffmpeg non trovato: installa il pacchetto ffmpeg: apt-get install ffmpeg";

@@ -171,11 +171,11 @@ TEST(AvvioE2eTest, StartUpErrorsAreOneLineAndANonZeroExit) {
        "Porta " + std::to_string(porta) + " gia' in uso: scegli un'altra porta con --porta"},
       {"fuso sconosciuto", {"--fuso", "Marte/Olimpo", "--dati", t / "b"}, 2,
        "Fuso orario sconosciuto: Marte/Olimpo (esempio: --fuso Europe/Rome)"},
-      {"file al posto della cartella", {"--dati", t / "file"}, 1,
+      {"file al posto della cartella", {"--dati", t / "file"}, 2,
        "Cartella dei dati " + (t / "file") + " non utilizzabile: "},
   };
   if (sola_lettura && sola_lettura->montato())
-    casi.push_back({"cartella in sola lettura", {"--dati", *sola_lettura / "dati"}, 1,
+    casi.push_back({"cartella in sola lettura", {"--dati", *sola_lettura / "dati"}, 2,
                     "Cartella dei dati " + (*sola_lettura / "dati") + " non utilizzabile: "});
   // clang-format on
   for (const Caso& c : casi) {

@@ -62,7 +62,7 @@ TEST(TlsE2eTest, BadTlsFilesStopTheStartWithOneLine) {
   };
   for (const Caso& c : casi) {
     auto p = Programma::su(t / "dati", c.argomenti);
-    EXPECT_EQ(p->fine(20), 1) << c.riga;
+    EXPECT_EQ(p->fine(20), 2) << c.riga;
     EXPECT_EQ(p->errori(), c.riga + "\n");
   }
 }
