@@ -5,6 +5,7 @@
 // files gone, called in this process through the library.
 //
 //   bench_archivio [--quick]      (--quick: the small index only, fewer requests)
+//   bench_archivio --genera       (only makes the sets missing under /var/tmp/nvr-bench/)
 //
 // A generated set is kept under /var/tmp/nvr-bench/ and used again while its parameters match.
 #include <fcntl.h>
@@ -481,9 +482,17 @@ bool misura_allinea_pulizia(const Insieme& ins, const std::string& prova) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const bool rapido = argc > 1 && std::string(argv[1]) == "--quick";
+  const std::string opzione = argc > 1 ? argv[1] : "";
+  const bool rapido = opzione == "--quick";
   std::vector<Insieme> insiemi = {{86400, 300}};
   if (!rapido) insiemi.push_back({2600000, 60});
+  if (opzione == "--genera") {
+    for (const Insieme& ins : insiemi)
+      if (!pronto_in_cache(ins))
+        nvr::bench::riga("archivio " + std::to_string(ins.righe / 1000) + "k",
+                         "generazione (righe, file, eventi)", genera(ins), nvr::bench::kNessuna, "s");
+    return 0;
+  }
   const int volte = rapido ? 10 : 50;
 
   bool giusto = true;

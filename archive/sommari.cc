@@ -1,0 +1,177 @@
+#include "archive/sommari.h"
+
+#include <date/tz.h>
+
+#include <atomic>
+#include <exception>
+#include <map>
+#include <string>
+#include <thread>
+#include <utility>
+
+#include "core/db.h"
+#include "core/log.h"
+
+namespace nvr {
+
+namespace {
+
+std::string nome_zona(Zona z) { return z ? "zona " + z->name() : "ora locale della macchina"; }
+
+// Changes to the sums of one camera and day. Sizes add up as integers and durations as reals:
+// with times of this era stored to the microsecond, every duration is an exact multiple of a
+// power of two, so sums and differences come out the same in any order.
+struct Variazione {
+  std::int64_t n = 0;
+  std::int64_t byte = 0;
+  double sec = 0;
+};
+using Variazioni = std::map<std::pair<CamId, std::string>, Variazione>;
+
+// Adds `segno` times the row (cam_id, inizio, fine, dimensione), read exactly as the overview
+// reads the index, to the changes of its camera and day.
+void aggiungi(Variazioni& v, GiornoLocale& giorno_di, std::int64_t segno, const Valore& cam,
+              const Valore& inizio, const Valore& fine, const Valore& dimensione) {
+  const double da = come_reale(inizio), a = come_reale(fine);
+  Variazione& x = v[{static_cast<CamId>(come_intero(cam)), giorno_di.di(da)}];
+  x.n += segno;
+  x.byte += segno * come_intero(dimensione);
+  x.sec += static_cast<double>(segno) * std::max(0.0, a - da);
+}
+
+std::optional<std::string> zona_dei_sommari(Connessione& c) {
+  auto r = c.righe("SELECT valore FROM nvr_reg_sommari WHERE chiave='fuso'");
+  if (r.empty()) return std::nullopt;
+  return come_testo(r[0][0]);
+}
+
+// Folds the journal into the sums; inside the caller's write transaction.
+void ripiega(Connessione& c, Zona z) {
+  GiornoLocale giorno_di(z);
+  Variazioni v;
+  std::int64_t fino_a = 0;
+  c.scorri("SELECT id, segno, cam_id, inizio, fine, dimensione FROM nvr_reg_variazioni", {},
+           [&](const Riga& r) {
+             fino_a = std::max(fino_a, come_intero(r[0]));
+             aggiungi(v, giorno_di, come_intero(r[1]), r[2], r[3], r[4], r[5]);
+           });
+  if (fino_a == 0) return;
+  std::vector<std::vector<Valore>> lotti;
+  for (const auto& [chiave, x] : v)
+    lotti.push_back({std::int64_t{chiave.first}, chiave.second, x.n, x.byte, x.sec});
+  c.esegui_molti(
+      "INSERT INTO nvr_reg_giorni (cam_id, giorno, n, byte, sec) VALUES (?,?,?,?,?) "
+      "ON CONFLICT (cam_id, giorno) DO UPDATE SET n = n + excluded.n, "
+      "byte = byte + excluded.byte, sec = sec + excluded.sec",
+      lotti);
+  c.esegui("DELETE FROM nvr_reg_giorni WHERE n <= 0");
+  c.esegui("DELETE FROM nvr_reg_variazioni WHERE id <= ?", {fino_a});
+}
+
+// Opens the transaction with the write lock taken at once (what BEGIN IMMEDIATE does): a write
+// that matches no row still takes it, and the connection opens its own transaction for it.
+void prendi_scrittura(Connessione& c) { c.esegui("DELETE FROM nvr_reg_sommari WHERE 0"); }
+
+std::atomic<bool> in_costruzione{false};
+
+}  // namespace
+
+void ripiega_sommari(Zona z) {
+  const std::string zona = nome_zona(z);
+  Connessione c = _db();
+  if (zona_dei_sommari(c) != zona ||
+      c.righe("SELECT 1 FROM nvr_reg_variazioni LIMIT 1").empty())
+    return;
+  prendi_scrittura(c);
+  if (zona_dei_sommari(c) != zona) return;
+  ripiega(c, z);
+  c.commit();
+}
+
+std::optional<RiepilogoArchivio> riepilogo_da_sommari(Zona z) {
+  const std::string zona = nome_zona(z);
+  Connessione c = _db();
+  if (zona_dei_sommari(c) != zona) return std::nullopt;
+  if (!c.righe("SELECT 1 FROM nvr_reg_variazioni LIMIT 1").empty()) {
+    // The write lock before reading, so that no change slips between fold and read.
+    prendi_scrittura(c);
+    if (zona_dei_sommari(c) != zona) return std::nullopt;
+    ripiega(c, z);
+  }
+  RiepilogoArchivio r;
+  c.scorri("SELECT cam_id, giorno, n, byte, sec FROM nvr_reg_giorni", {}, [&](const Riga& g) {
+    Somma s{come_intero(g[2]), come_reale(g[3]), come_reale(g[4])};
+    RiepilogoCamera& cam = r.camere[static_cast<CamId>(come_intero(g[0]))];
+    cam.giorni[come_testo(g[1])] = s;
+    cam.totale.n += s.n;
+    cam.totale.byte += s.byte;
+    cam.totale.sec += s.sec;
+    r.righe += s.n;
+    r.byte += s.byte;
+  });
+  c.commit();
+  return r;
+}
+
+void costruisci_sommari(Zona z) {
+  {
+    // No fold may run from here until the new sums are in: it would fold changes that the
+    // snapshot below already holds, or drop ones it does not.
+    Connessione c = _db();
+    c.esegui("DELETE FROM nvr_reg_sommari WHERE chiave='fuso'");
+    c.commit();
+  }
+  Variazioni v;
+  std::int64_t fino_a = 0;
+  {
+    // One snapshot, so that the rows read and the journal up to `fino_a` tell the same story.
+    Connessione c = _db();
+    c.esegui("BEGIN");
+    fino_a = come_intero(
+        c.righe("SELECT COALESCE(MAX(id), 0) FROM nvr_reg_variazioni").at(0).at(0));
+    GiornoLocale giorno_di(z);
+    c.scorri(
+        "SELECT cam_id, inizio, fine, dimensione FROM nvr_registrazioni ORDER BY cam_id, inizio",
+        {}, [&](const Riga& r) { aggiungi(v, giorno_di, 1, r[0], r[1], r[2], r[3]); });
+    c.commit();
+  }
+  Connessione c = _db();
+  prendi_scrittura(c);
+  c.esegui("DELETE FROM nvr_reg_giorni");
+  std::vector<std::vector<Valore>> lotti;
+  lotti.reserve(v.size());
+  for (const auto& [chiave, x] : v)
+    lotti.push_back({std::int64_t{chiave.first}, chiave.second, x.n, x.byte, x.sec});
+  c.esegui_molti("INSERT INTO nvr_reg_giorni (cam_id, giorno, n, byte, sec) VALUES (?,?,?,?,?)",
+                 lotti);
+  c.esegui("DELETE FROM nvr_reg_variazioni WHERE id <= ?", {fino_a});
+  c.esegui("INSERT OR REPLACE INTO nvr_reg_sommari (chiave, valore) VALUES ('fuso', ?)",
+           {nome_zona(z)});
+  c.commit();
+}
+
+void costruisci_sommari_in_fondo() {
+  if (in_costruzione.exchange(true)) return;
+  try {
+    std::thread([] {
+      try {
+        const Zona z = _fuso();
+        bool pronti = false;
+        {
+          Connessione c = _db();
+          pronti = zona_dei_sommari(c) == nome_zona(z);
+        }
+        if (!pronti) costruisci_sommari(z);
+      } catch (const std::exception& e) {
+        _log(std::string("riepilogo dell'archivio non preparato: ") + e.what());
+      } catch (...) {
+        _log("riepilogo dell'archivio non preparato");
+      }
+      in_costruzione = false;
+    }).detach();
+  } catch (const std::system_error&) {
+    in_costruzione = false;  // no thread now: the next overview asks again
+  }
+}
+
+}  // namespace nvr
