@@ -9,6 +9,7 @@
 #include <thread>
 #include <utility>
 
+#include "archive/nomi_cartelle.h"
 #include "core/db.h"
 #include "core/log.h"
 
@@ -27,6 +28,24 @@ struct Variazione {
   double sec = 0;
 };
 using Variazioni = std::map<std::pair<CamId, std::string>, Variazione>;
+
+struct VariazioneCartella {
+  std::int64_t n = 0;
+  std::uint64_t firma = 0;  // modulo 2^64, as the shares add up
+};
+using VariazioniCartelle = std::map<std::string, VariazioneCartella, std::less<>>;
+
+void aggiungi_file(VariazioniCartelle& v, std::int64_t segno, const Valore& file) {
+  const std::string* testo = std::get_if<std::string>(&file);
+  const std::string altro = testo ? std::string() : come_testo(file);
+  const auto [cartella, nome] = cartella_e_nome(testo ? *testo : altro);
+  auto it = v.find(cartella);
+  if (it == v.end()) it = v.emplace(std::string(cartella), VariazioneCartella{}).first;
+  it->second.n += segno;
+  it->second.firma += static_cast<std::uint64_t>(segno) * impronta(nome);
+}
+
+std::int64_t come_firma(std::uint64_t f) { return static_cast<std::int64_t>(f); }
 
 // Adds `segno` times the row (cam_id, inizio, fine, dimensione), read exactly as the overview
 // reads the index, to the changes of its camera and day.
@@ -49,13 +68,29 @@ std::optional<std::string> zona_dei_sommari(Connessione& c) {
 void ripiega(Connessione& c, Zona z) {
   GiornoLocale giorno_di(z);
   Variazioni v;
+  VariazioniCartelle vc;
   std::int64_t fino_a = 0;
-  c.scorri("SELECT id, segno, cam_id, inizio, fine, dimensione FROM nvr_reg_variazioni", {},
+  c.scorri("SELECT id, segno, cam_id, inizio, fine, dimensione, file FROM nvr_reg_variazioni", {},
            [&](const Riga& r) {
              fino_a = std::max(fino_a, come_intero(r[0]));
              aggiungi(v, giorno_di, come_intero(r[1]), r[2], r[3], r[4], r[5]);
+             aggiungi_file(vc, come_intero(r[1]), r[6]);
            });
   if (fino_a == 0) return;
+  // The signature's sum wraps around: it is added here rather than in SQL, which would turn an
+  // overflowing integer into a real.
+  for (auto& [cartella, x] : vc) {
+    auto prima = c.righe("SELECT n, firma FROM nvr_reg_cartelle WHERE cartella=?", {cartella});
+    if (!prima.empty()) {
+      x.n += come_intero(prima[0][0]);
+      x.firma += static_cast<std::uint64_t>(come_intero(prima[0][1]));
+    }
+    if (x.n > 0)
+      c.esegui("INSERT OR REPLACE INTO nvr_reg_cartelle (cartella, n, firma) VALUES (?,?,?)",
+               {cartella, x.n, come_firma(x.firma)});
+    else
+      c.esegui("DELETE FROM nvr_reg_cartelle WHERE cartella=?", {cartella});
+  }
   std::vector<std::vector<Valore>> lotti;
   for (const auto& [chiave, x] : v)
     lotti.push_back({std::int64_t{chiave.first}, chiave.second, x.n, x.byte, x.sec});
@@ -86,6 +121,24 @@ void ripiega_sommari(Zona z) {
   if (zona_dei_sommari(c) != zona) return;
   ripiega(c, z);
   c.commit();
+}
+
+std::optional<std::vector<CartellaIndicizzata>> cartelle_indicizzate(Zona z) {
+  const std::string zona = nome_zona(z);
+  Connessione c = _db();
+  if (zona_dei_sommari(c) != zona) return std::nullopt;
+  if (!c.righe("SELECT 1 FROM nvr_reg_variazioni LIMIT 1").empty()) {
+    prendi_scrittura(c);
+    if (zona_dei_sommari(c) != zona) return std::nullopt;
+    ripiega(c, z);
+  }
+  std::vector<CartellaIndicizzata> fuori;
+  c.scorri("SELECT cartella, n, firma FROM nvr_reg_cartelle", {}, [&](const Riga& r) {
+    fuori.push_back({come_testo(r[0]), come_intero(r[1]),
+                     static_cast<std::uint64_t>(come_intero(r[2]))});
+  });
+  c.commit();
+  return fuori;
 }
 
 std::optional<RiepilogoArchivio> riepilogo_da_sommari(Zona z) {
@@ -122,6 +175,7 @@ void costruisci_sommari(Zona z) {
     c.commit();
   }
   Variazioni v;
+  VariazioniCartelle vc;
   std::int64_t fino_a = 0;
   {
     // One snapshot, so that the rows read and the journal up to `fino_a` tell the same story.
@@ -130,9 +184,11 @@ void costruisci_sommari(Zona z) {
     fino_a = come_intero(
         c.righe("SELECT COALESCE(MAX(id), 0) FROM nvr_reg_variazioni").at(0).at(0));
     GiornoLocale giorno_di(z);
-    c.scorri(
-        "SELECT cam_id, inizio, fine, dimensione FROM nvr_registrazioni ORDER BY cam_id, inizio",
-        {}, [&](const Riga& r) { aggiungi(v, giorno_di, 1, r[0], r[1], r[2], r[3]); });
+    c.scorri("SELECT cam_id, inizio, fine, dimensione, file FROM nvr_registrazioni", {},
+             [&](const Riga& r) {
+               aggiungi(v, giorno_di, 1, r[0], r[1], r[2], r[3]);
+               aggiungi_file(vc, 1, r[4]);
+             });
     c.commit();
   }
   Connessione c = _db();
@@ -144,6 +200,11 @@ void costruisci_sommari(Zona z) {
     lotti.push_back({std::int64_t{chiave.first}, chiave.second, x.n, x.byte, x.sec});
   c.esegui_molti("INSERT INTO nvr_reg_giorni (cam_id, giorno, n, byte, sec) VALUES (?,?,?,?,?)",
                  lotti);
+  c.esegui("DELETE FROM nvr_reg_cartelle");
+  lotti.clear();
+  for (const auto& [cartella, x] : vc)
+    lotti.push_back({cartella, x.n, come_firma(x.firma)});
+  c.esegui_molti("INSERT INTO nvr_reg_cartelle (cartella, n, firma) VALUES (?,?,?)", lotti);
   c.esegui("DELETE FROM nvr_reg_variazioni WHERE id <= ?", {fino_a});
   c.esegui("INSERT OR REPLACE INTO nvr_reg_sommari (chiave, valore) VALUES ('fuso', ?)",
            {nome_zona(z)});

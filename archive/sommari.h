@@ -5,7 +5,10 @@
 // remember the zone they were built for and are rebuilt when it changes.
 #pragma once
 
+#include <cstdint>
 #include <optional>
+#include <string>
+#include <vector>
 
 #include "archive/riepilogo.h"
 #include "core/tempo.h"
@@ -17,6 +20,16 @@ namespace nvr {
 // camera and day. Absent while the sums are not built for `z`: the caller falls back to
 // riepilogo_archivio and may start costruisci_sommari_in_fondo(). Throws ErroreDb.
 std::optional<RiepilogoArchivio> riepilogo_da_sommari(Zona z);
+
+struct CartellaIndicizzata {
+  std::string cartella;  // as cartella_e_nome (archive/nomi_cartelle.h) gives it
+  std::int64_t n = 0;    // rows whose file lies in it
+  std::uint64_t firma = 0;  // the sum of the shares (impronta) of their names
+};
+
+// The folders that hold indexed files, after folding the journal as riepilogo_da_sommari does;
+// absent while the sums are not built for `z`. Throws ErroreDb.
+std::optional<std::vector<CartellaIndicizzata>> cartelle_indicizzate(Zona z);
 
 // Folds the journal into the sums built for `z` (nothing when they are not), so that it stays
 // short between overviews; for the paths that remove many rows at once. Throws ErroreDb.

@@ -29,6 +29,11 @@ void crea_schema_sommari(Connessione& c) {
       "CREATE TABLE IF NOT EXISTS nvr_reg_giorni (cam_id INTEGER NOT NULL, giorno TEXT NOT NULL, "
       "n INTEGER NOT NULL, byte INTEGER NOT NULL, sec REAL NOT NULL, PRIMARY KEY (cam_id, giorno)) "
       "WITHOUT ROWID");
+  // Per folder of indexed files: how many rows and the sum of their names' shares, so that
+  // reconciliation looks again only at folders that changed.
+  c.esegui(
+      "CREATE TABLE IF NOT EXISTS nvr_reg_cartelle (cartella TEXT PRIMARY KEY, n INTEGER NOT "
+      "NULL, firma INTEGER NOT NULL) WITHOUT ROWID");
   c.esegui("CREATE TABLE IF NOT EXISTS nvr_reg_sommari (chiave TEXT PRIMARY KEY, valore)");
 }
 
