@@ -45,6 +45,8 @@ namespace {
 
 constexpr int kCamere = 10;
 constexpr const char* kRadice = "/var/tmp/nvr-bench";
+// The program and this process date the days alike, so that both use the same per-day sums.
+constexpr const char* kFuso = "Europe/Rome";
 
 struct Insieme {
   std::int64_t righe;  // all cameras together
@@ -68,6 +70,7 @@ struct Aggancio {
   nvr::testing::HostDiProva prova{nvr::testing::HostDiProva::Aggancia::kNo};
   explicit Aggancio(const std::string& db) {
     prova.host->DB_FILE = db;
+    prova.imposta_zona(kFuso);
     nvr::A.imposta_se_assente(prova.host);
   }
 };
@@ -298,13 +301,43 @@ void stampa(const std::string& prova, const std::string& cosa, const Latenze& l,
                    obiettivo_p95);
 }
 
+// Takes the per-day sums and their journal out of the set's database, as an index written before
+// they existed: every run then measures the first start after the upgrade.
+void come_prima_delle_somme(const Insieme& ins) {
+  sqlite3* s = nullptr;
+  sqlite3_open(ins.db().c_str(), &s);
+  sqlite3_busy_timeout(s, 15000);
+  for (const char* t : {"TRIGGER nvr_reg_variazioni_ins", "TRIGGER nvr_reg_variazioni_del",
+                        "TRIGGER nvr_reg_variazioni_upd", "TABLE nvr_reg_variazioni",
+                        "TABLE nvr_reg_giorni", "TABLE nvr_reg_cartelle", "TABLE nvr_reg_sommari"})
+    sql(s, (std::string("DROP ") + t + " IF EXISTS " + std::strchr(t, ' ')).c_str());
+  sqlite3_close(s);
+}
+
+bool somme_pronte(const Insieme& ins) {
+  Nudo nudo(ins.db());
+  return nudo.passa("SELECT 1 FROM nvr_reg_sommari WHERE chiave='fuso'") > 0;
+}
+
 // The listings through HTTP, each against its bare SQL. Answers false when an answer is wrong.
 bool misura_elenchi(const Insieme& ins, int volte, const std::string& prova) {
+  come_prima_delle_somme(ins);
   auto t0 = std::chrono::steady_clock::now();
-  auto p = nvr::autonomo::prova::Programma::su(ins.dati(), {"--nuova-password"});
+  auto p = nvr::autonomo::prova::Programma::su(ins.dati(), {"--nuova-password", "--fuso", kFuso});
   if (!p->pronto(600)) muori("il programma non parte: " + p->errori());
   const double avvio = secondi_da(t0);
   if (!p->accedi()) muori("accesso non riuscito");
+  // Meanwhile the sums are built in the background: the overview answers the old way.
+  auto t_prima = std::chrono::steady_clock::now();
+  const int stato_prima = p->get("/api/nvr/archivio").status;
+  const double archivio_prima = secondi_da(t_prima);
+  while (!somme_pronte(ins) && secondi_da(t0) < 600)
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  const double somme = secondi_da(t0);
+  nvr::bench::riga(prova, "api_archivio mentre le somme si preparano", archivio_prima * 1000,
+                   nvr::bench::kNessuna, "ms");
+  nvr::bench::riga(prova, "somme per giorno pronte (dall'avvio)", somme, nvr::bench::kNessuna, "s",
+                   "<=10");
   // The engine's first pass (about ten seconds after start) indexes deeply: let it finish.
   std::this_thread::sleep_for(std::chrono::seconds(12));
   auto t1 = std::chrono::steady_clock::now();
@@ -321,6 +354,7 @@ bool misura_elenchi(const Insieme& ins, int volte, const std::string& prova) {
       giusto = false;
     }
   };
+  controlla(stato_prima == 200, "api_archivio mentre le somme si preparano");
 
   // A day in the middle of camera 3's recordings.
   auto giorni = p->get("/api/nvr/giorni?cam=3").json["giorni"];
@@ -378,7 +412,7 @@ bool misura_elenchi(const Insieme& ins, int volte, const std::string& prova) {
         "SELECT cam_id, inizio, fine, dimensione FROM nvr_registrazioni ORDER BY cam_id, inizio");
   });
   controlla(n_archivio == ins.righe, "api_archivio totale.n " + std::to_string(n_archivio));
-  stampa(prova, "api_archivio", l, "<=1000");
+  stampa(prova, "api_archivio", l, "<=200");
 
   nvr::Json stato;
   l.nvr_ms = nvr::bench::cronometra_ms(volte, [&] {

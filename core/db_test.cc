@@ -43,7 +43,7 @@ class DbTest : public ::testing::Test {
 TEST_F(DbTest, FreshDatabaseGetsSchemaAndSeedRow) {
   _init_db();
   EXPECT_EQ(nomi("table"),
-            (std::vector<std::string>{"nvr_camere", "nvr_config", "nvr_eventi", "nvr_reg_giorni",
+            (std::vector<std::string>{"nvr_camere", "nvr_config", "nvr_eventi", "nvr_reg_cartelle", "nvr_reg_giorni",
                                       "nvr_reg_sommari", "nvr_reg_totali", "nvr_reg_variazioni",
                                       "nvr_registrazioni", "tapo_cameras"}));
   EXPECT_EQ(nomi("index"),
