@@ -109,29 +109,35 @@ void prendi_scrittura(Connessione& c) { c.esegui("DELETE FROM nvr_reg_sommari WH
 
 std::atomic<bool> in_costruzione{false};
 
+// Whether the sums are built for `z`. When they are, the journal has been folded into them in
+// the write transaction left open on `c`, so that the caller reads them as folded.
+bool ripiegati(Connessione& c, Zona z) {
+  const std::string zona = nome_zona(z);
+  if (zona_dei_sommari(c) != zona) return false;
+  auto voci = c.righe("SELECT MIN(id), MAX(id) FROM nvr_reg_variazioni").at(0);
+  if (nullo(voci.at(0))) return true;
+  // After most of the index went at once, reading what is left costs less than folding.
+  const std::int64_t quante = come_intero(voci[1]) - come_intero(voci[0]) + 1;
+  if (quante > 100000 && quante > righe_indice()) {
+    costruisci_sommari(z);
+    return zona_dei_sommari(c) == zona;
+  }
+  prendi_scrittura(c);  // no change may slip between fold and read
+  if (zona_dei_sommari(c) != zona) return false;
+  ripiega(c, z);
+  return true;
+}
+
 }  // namespace
 
 void ripiega_sommari(Zona z) {
-  const std::string zona = nome_zona(z);
   Connessione c = _db();
-  if (zona_dei_sommari(c) != zona ||
-      c.righe("SELECT 1 FROM nvr_reg_variazioni LIMIT 1").empty())
-    return;
-  prendi_scrittura(c);
-  if (zona_dei_sommari(c) != zona) return;
-  ripiega(c, z);
-  c.commit();
+  if (ripiegati(c, z)) c.commit();
 }
 
 std::optional<std::vector<CartellaIndicizzata>> cartelle_indicizzate(Zona z) {
-  const std::string zona = nome_zona(z);
   Connessione c = _db();
-  if (zona_dei_sommari(c) != zona) return std::nullopt;
-  if (!c.righe("SELECT 1 FROM nvr_reg_variazioni LIMIT 1").empty()) {
-    prendi_scrittura(c);
-    if (zona_dei_sommari(c) != zona) return std::nullopt;
-    ripiega(c, z);
-  }
+  if (!ripiegati(c, z)) return std::nullopt;
   std::vector<CartellaIndicizzata> fuori;
   c.scorri("SELECT cartella, n, firma FROM nvr_reg_cartelle", {}, [&](const Riga& r) {
     fuori.push_back({come_testo(r[0]), come_intero(r[1]),
@@ -142,15 +148,8 @@ std::optional<std::vector<CartellaIndicizzata>> cartelle_indicizzate(Zona z) {
 }
 
 std::optional<RiepilogoArchivio> riepilogo_da_sommari(Zona z) {
-  const std::string zona = nome_zona(z);
   Connessione c = _db();
-  if (zona_dei_sommari(c) != zona) return std::nullopt;
-  if (!c.righe("SELECT 1 FROM nvr_reg_variazioni LIMIT 1").empty()) {
-    // The write lock before reading, so that no change slips between fold and read.
-    prendi_scrittura(c);
-    if (zona_dei_sommari(c) != zona) return std::nullopt;
-    ripiega(c, z);
-  }
+  if (!ripiegati(c, z)) return std::nullopt;
   RiepilogoArchivio r;
   c.scorri("SELECT cam_id, giorno, n, byte, sec FROM nvr_reg_giorni", {}, [&](const Riga& g) {
     Somma s{come_intero(g[2]), come_reale(g[3]), come_reale(g[4])};
