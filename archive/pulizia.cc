@@ -11,13 +11,13 @@
 #include <vector>
 
 #include "archive/allineamento.h"
+#include "archive/posizione.h"
 #include "archive/pulizia_piano.h"
 #include "archive/senza_file.h"
 #include "archive/sommari.h"
 #include "core/db.h"
 #include "core/percorsi.h"
 #include "core/tempo.h"
-#include "archive/posizione.h"
 #include "storage/con_timeout.h"
 #include "storage/montaggi.h"
 
@@ -57,8 +57,7 @@ std::vector<SegmentoIndice> iniziate_prima(Connessione& c, double limite) {
     for (const char* inizio : {"inizio < ?", "inizio IS NULL", "inizio >= ''"}) {
       std::vector<Valore> p = chiave;
       if (std::string_view(inizio) == "inizio < ?") p.push_back(limite);
-      c.scorri("SELECT id, file, inizio FROM nvr_registrazioni WHERE " + camera + " AND " +
-                   inizio,
+      c.scorri("SELECT id, file, inizio FROM nvr_registrazioni WHERE " + camera + " AND " + inizio,
                p, [&](const Riga& r) {
                  const double t = come_reale(r[2]);
                  if (t < limite) fuori.push_back({come_intero(r[0]), come_testo(r[1]), t});

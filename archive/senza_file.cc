@@ -120,9 +120,9 @@ std::optional<SenzaFile> senza_file_per_cartelle(Servono cosa, double margine) {
   for (const CartellaIndicizzata& g : *cartelle) {
     std::optional<Visto> prima;
     if (auto it = ricordo.find(g.cartella); it != ricordo.end()) prima = it->second;
-    auto sguardo = _con_timeout(
-        [cartella = g.cartella, prima, f = g.firma, cosa] { return guarda(cartella, prima, f, cosa); },
-        5);
+    auto sguardo = _con_timeout([cartella = g.cartella, prima, f = g.firma,
+                                 cosa] { return guarda(cartella, prima, f, cosa); },
+                                5);
     if (!sguardo.ok()) continue;  // too slow: nothing is concluded about its files
     const Sguardo& s = sguardo.valore();
     if (s.esito == Sguardo::kIlleggibile) continue;

@@ -140,8 +140,8 @@ std::optional<std::vector<CartellaIndicizzata>> cartelle_indicizzate(Zona z) {
   if (!ripiegati(c, z)) return std::nullopt;
   std::vector<CartellaIndicizzata> fuori;
   c.scorri("SELECT cartella, n, firma FROM nvr_reg_cartelle", {}, [&](const Riga& r) {
-    fuori.push_back({come_testo(r[0]), come_intero(r[1]),
-                     static_cast<std::uint64_t>(come_intero(r[2]))});
+    fuori.push_back(
+        {come_testo(r[0]), come_intero(r[1]), static_cast<std::uint64_t>(come_intero(r[2]))});
   });
   c.commit();
   return fuori;
@@ -180,8 +180,8 @@ void costruisci_sommari(Zona z) {
     // One snapshot, so that the rows read and the journal up to `fino_a` tell the same story.
     Connessione c = _db();
     c.esegui("BEGIN");
-    fino_a = come_intero(
-        c.righe("SELECT COALESCE(MAX(id), 0) FROM nvr_reg_variazioni").at(0).at(0));
+    fino_a =
+        come_intero(c.righe("SELECT COALESCE(MAX(id), 0) FROM nvr_reg_variazioni").at(0).at(0));
     GiornoLocale giorno_di(z);
     c.scorri("SELECT cam_id, inizio, fine, dimensione, file FROM nvr_registrazioni", {},
              [&](const Riga& r) {
@@ -201,8 +201,7 @@ void costruisci_sommari(Zona z) {
                  lotti);
   c.esegui("DELETE FROM nvr_reg_cartelle");
   lotti.clear();
-  for (const auto& [cartella, x] : vc)
-    lotti.push_back({cartella, x.n, come_firma(x.firma)});
+  for (const auto& [cartella, x] : vc) lotti.push_back({cartella, x.n, come_firma(x.firma)});
   c.esegui_molti("INSERT INTO nvr_reg_cartelle (cartella, n, firma) VALUES (?,?,?)", lotti);
   c.esegui("DELETE FROM nvr_reg_variazioni WHERE id <= ?", {fino_a});
   c.esegui("INSERT OR REPLACE INTO nvr_reg_sommari (chiave, valore) VALUES ('fuso', ?)",

@@ -22,8 +22,8 @@ namespace nvr {
 std::optional<RiepilogoArchivio> riepilogo_da_sommari(Zona z);
 
 struct CartellaIndicizzata {
-  std::string cartella;  // as cartella_e_nome (archive/nomi_cartelle.h) gives it
-  std::int64_t n = 0;    // rows whose file lies in it
+  std::string cartella;     // as cartella_e_nome (archive/nomi_cartelle.h) gives it
+  std::int64_t n = 0;       // rows whose file lies in it
   std::uint64_t firma = 0;  // the sum of the shares (impronta) of their names
 };
 

@@ -119,8 +119,9 @@ TEST_F(SommariTest, SameAnswersAsThePlainStatementsThroughEveryChange) {
       {"righe tolte", "DELETE FROM nvr_registrazioni WHERE id % 13 = 4"},
       {"fine e camera cambiate dall'applicazione",
        "UPDATE nvr_registrazioni SET fine = fine + 3600, cam_id = 3 WHERE id % 17 = 2"},
-      {"un giorno intero tolto", "DELETE FROM nvr_registrazioni WHERE cam_id = 1 AND inizio >= "
-                                 "1711839600 AND inizio < 1711922400"},
+      {"un giorno intero tolto",
+       "DELETE FROM nvr_registrazioni WHERE cam_id = 1 AND inizio >= "
+       "1711839600 AND inizio < 1711922400"},
   };
   for (const Passo& p : passi) {
     if (p.sql.empty())

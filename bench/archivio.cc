@@ -524,7 +524,8 @@ int main(int argc, char** argv) {
     for (const Insieme& ins : insiemi)
       if (!pronto_in_cache(ins))
         nvr::bench::riga("archivio " + std::to_string(ins.righe / 1000) + "k",
-                         "generazione (righe, file, eventi)", genera(ins), nvr::bench::kNessuna, "s");
+                         "generazione (righe, file, eventi)", genera(ins), nvr::bench::kNessuna,
+                         "s");
     return 0;
   }
   const int volte = rapido ? 10 : 50;

@@ -43,9 +43,9 @@ class DbTest : public ::testing::Test {
 TEST_F(DbTest, FreshDatabaseGetsSchemaAndSeedRow) {
   _init_db();
   EXPECT_EQ(nomi("table"),
-            (std::vector<std::string>{"nvr_camere", "nvr_config", "nvr_eventi", "nvr_reg_cartelle", "nvr_reg_giorni",
-                                      "nvr_reg_sommari", "nvr_reg_totali", "nvr_reg_variazioni",
-                                      "nvr_registrazioni", "tapo_cameras"}));
+            (std::vector<std::string>{"nvr_camere", "nvr_config", "nvr_eventi", "nvr_reg_cartelle",
+                                      "nvr_reg_giorni", "nvr_reg_sommari", "nvr_reg_totali",
+                                      "nvr_reg_variazioni", "nvr_registrazioni", "tapo_cameras"}));
   EXPECT_EQ(nomi("index"),
             (std::vector<std::string>{"nvr_ev_cam_ts", "nvr_reg_cam_durata", "nvr_reg_cam_fine",
                                       "nvr_reg_cam_inizio", "nvr_reg_cam_inizio_fine"}));

@@ -136,7 +136,8 @@ Risposta api_archivio(const Richiesta&) {
   const Zona zona = _fuso();
   std::optional<RiepilogoArchivio> dai_sommari = riepilogo_da_sommari(zona);
   if (!dai_sommari) costruisci_sommari_in_fondo();
-  const RiepilogoArchivio riepilogo = dai_sommari ? std::move(*dai_sommari) : riepilogo_archivio(zona);
+  const RiepilogoArchivio riepilogo =
+      dai_sommari ? std::move(*dai_sommari) : riepilogo_archivio(zona);
   for (const auto& [id, camera] : riepilogo.camere) {
     Riassunto& r = riassunto_di(id);
     r.totale = camera.totale;
