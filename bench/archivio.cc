@@ -309,8 +309,12 @@ void come_prima_delle_somme(const Insieme& ins) {
   sqlite3_busy_timeout(s, 15000);
   for (const char* t : {"TRIGGER nvr_reg_variazioni_ins", "TRIGGER nvr_reg_variazioni_del",
                         "TRIGGER nvr_reg_variazioni_upd", "TABLE nvr_reg_variazioni",
-                        "TABLE nvr_reg_giorni", "TABLE nvr_reg_cartelle", "TABLE nvr_reg_sommari"})
-    sql(s, (std::string("DROP ") + t + " IF EXISTS " + std::strchr(t, ' ')).c_str());
+                        "TABLE nvr_reg_giorni", "TABLE nvr_reg_cartelle", "TABLE nvr_reg_sommari"}) {
+    const std::string tipo_e_nome = t;
+    const std::size_t spazio = tipo_e_nome.find(' ');
+    sql(s, ("DROP " + tipo_e_nome.substr(0, spazio) + " IF EXISTS" + tipo_e_nome.substr(spazio))
+               .c_str());
+  }
   sqlite3_close(s);
 }
 
