@@ -35,28 +35,50 @@ struct VariazioneCartella {
 };
 using VariazioniCartelle = std::map<std::string, VariazioneCartella, std::less<>>;
 
-void aggiungi_file(VariazioniCartelle& v, std::int64_t segno, const Valore& file) {
-  const std::string* testo = std::get_if<std::string>(&file);
-  const std::string altro = testo ? std::string() : come_testo(file);
-  const auto [cartella, nome] = cartella_e_nome(testo ? *testo : altro);
-  auto it = v.find(cartella);
-  if (it == v.end()) it = v.emplace(std::string(cartella), VariazioneCartella{}).first;
-  it->second.n += segno;
-  it->second.firma += static_cast<std::uint64_t>(segno) * impronta(nome);
-}
-
 std::int64_t come_firma(std::uint64_t f) { return static_cast<std::int64_t>(f); }
 
-// Adds `segno` times the row (cam_id, inizio, fine, dimensione), read exactly as the overview
-// reads the index, to the changes of its camera and day.
-void aggiungi(Variazioni& v, GiornoLocale& giorno_di, std::int64_t segno, const Valore& cam,
-              const Valore& inizio, const Valore& fine, const Valore& dimensione) {
-  const double da = come_reale(inizio), a = come_reale(fine);
-  Variazione& x = v[{static_cast<CamId>(come_intero(cam)), giorno_di.di(da)}];
-  x.n += segno;
-  x.byte += segno * come_intero(dimensione);
-  x.sec += static_cast<double>(segno) * std::max(0.0, a - da);
-}
+// The changes that rows bring, gathered. Rows mostly come camera by camera, day by day and
+// folder by folder, so the previous row's entries are tried before the maps.
+class Accumulo {
+ public:
+  explicit Accumulo(Zona z) : giorno_di_(z) {}
+
+  // Adds `segno` times the row (cam_id, inizio, fine, dimensione, file), read exactly as the
+  // overview and reconciliation read the index.
+  void aggiungi(std::int64_t segno, const Valore& cam, const Valore& inizio, const Valore& fine,
+                const Valore& dimensione, const Valore& file) {
+    const double da = come_reale(inizio), a = come_reale(fine);
+    const CamId id = static_cast<CamId>(come_intero(cam));
+    const std::string& giorno = giorno_di_.di(da);
+    if (!giorno_ || chiave_giorno_.first != id || chiave_giorno_.second != giorno) {
+      chiave_giorno_ = {id, giorno};
+      giorno_ = &giorni[chiave_giorno_];
+    }
+    giorno_->n += segno;
+    giorno_->byte += segno * come_intero(dimensione);
+    giorno_->sec += static_cast<double>(segno) * std::max(0.0, a - da);
+
+    const std::string* testo = std::get_if<std::string>(&file);
+    const std::string altro = testo ? std::string() : come_testo(file);
+    const auto [nome_cartella, nome] = cartella_e_nome(testo ? *testo : altro);
+    if (!cartella_ || nome_cartella_ != nome_cartella) {
+      nome_cartella_ = nome_cartella;
+      cartella_ = &cartelle[nome_cartella_];
+    }
+    cartella_->n += segno;
+    cartella_->firma += static_cast<std::uint64_t>(segno) * impronta(nome);
+  }
+
+  Variazioni giorni;
+  VariazioniCartelle cartelle;
+
+ private:
+  GiornoLocale giorno_di_;
+  std::pair<CamId, std::string> chiave_giorno_;
+  Variazione* giorno_ = nullptr;
+  std::string nome_cartella_;
+  VariazioneCartella* cartella_ = nullptr;
+};
 
 std::optional<std::string> zona_dei_sommari(Connessione& c) {
   auto r = c.righe("SELECT valore FROM nvr_reg_sommari WHERE chiave='fuso'");
@@ -66,16 +88,15 @@ std::optional<std::string> zona_dei_sommari(Connessione& c) {
 
 // Folds the journal into the sums; inside the caller's write transaction.
 void ripiega(Connessione& c, Zona z) {
-  GiornoLocale giorno_di(z);
-  Variazioni v;
-  VariazioniCartelle vc;
+  Accumulo acc(z);
   std::int64_t fino_a = 0;
   c.scorri("SELECT id, segno, cam_id, inizio, fine, dimensione, file FROM nvr_reg_variazioni", {},
            [&](const Riga& r) {
              fino_a = std::max(fino_a, come_intero(r[0]));
-             aggiungi(v, giorno_di, come_intero(r[1]), r[2], r[3], r[4], r[5]);
-             aggiungi_file(vc, come_intero(r[1]), r[6]);
+             acc.aggiungi(come_intero(r[1]), r[2], r[3], r[4], r[5], r[6]);
            });
+  const Variazioni& v = acc.giorni;
+  VariazioniCartelle& vc = acc.cartelle;
   if (fino_a == 0) return;
   // The signature's sum wraps around: it is added here rather than in SQL, which would turn an
   // overflowing integer into a real.
@@ -173,8 +194,7 @@ void costruisci_sommari(Zona z) {
     c.esegui("DELETE FROM nvr_reg_sommari WHERE chiave='fuso'");
     c.commit();
   }
-  Variazioni v;
-  VariazioniCartelle vc;
+  Accumulo acc(z);
   std::int64_t fino_a = 0;
   {
     // One snapshot, so that the rows read and the journal up to `fino_a` tell the same story.
@@ -182,26 +202,23 @@ void costruisci_sommari(Zona z) {
     c.esegui("BEGIN");
     fino_a =
         come_intero(c.righe("SELECT COALESCE(MAX(id), 0) FROM nvr_reg_variazioni").at(0).at(0));
-    GiornoLocale giorno_di(z);
     c.scorri("SELECT cam_id, inizio, fine, dimensione, file FROM nvr_registrazioni", {},
-             [&](const Riga& r) {
-               aggiungi(v, giorno_di, 1, r[0], r[1], r[2], r[3]);
-               aggiungi_file(vc, 1, r[4]);
-             });
+             [&](const Riga& r) { acc.aggiungi(1, r[0], r[1], r[2], r[3], r[4]); });
     c.commit();
   }
   Connessione c = _db();
   prendi_scrittura(c);
   c.esegui("DELETE FROM nvr_reg_giorni");
   std::vector<std::vector<Valore>> lotti;
-  lotti.reserve(v.size());
-  for (const auto& [chiave, x] : v)
+  lotti.reserve(acc.giorni.size());
+  for (const auto& [chiave, x] : acc.giorni)
     lotti.push_back({std::int64_t{chiave.first}, chiave.second, x.n, x.byte, x.sec});
   c.esegui_molti("INSERT INTO nvr_reg_giorni (cam_id, giorno, n, byte, sec) VALUES (?,?,?,?,?)",
                  lotti);
   c.esegui("DELETE FROM nvr_reg_cartelle");
   lotti.clear();
-  for (const auto& [cartella, x] : vc) lotti.push_back({cartella, x.n, come_firma(x.firma)});
+  for (const auto& [cartella, x] : acc.cartelle)
+    lotti.push_back({cartella, x.n, come_firma(x.firma)});
   c.esegui_molti("INSERT INTO nvr_reg_cartelle (cartella, n, firma) VALUES (?,?,?)", lotti);
   c.esegui("DELETE FROM nvr_reg_variazioni WHERE id <= ?", {fino_a});
   c.esegui("INSERT OR REPLACE INTO nvr_reg_sommari (chiave, valore) VALUES ('fuso', ?)",
