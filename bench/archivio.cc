@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "archive/allineamento.h"
+#include "archive/posizione.h"
 #include "archive/pulizia.h"
 #include "archive/sommari.h"
 #include "autonomo/programma_di_prova.h"
@@ -35,7 +36,6 @@
 #include "core/db.h"
 #include "core/stato.h"
 #include "core/tempo.h"
-#include "archive/posizione.h"
 #include "testing/ambiente.h"
 #include "web/api_registrazioni.h"
 
@@ -309,9 +309,10 @@ void come_prima_delle_somme(const Insieme& ins) {
   sqlite3* s = nullptr;
   sqlite3_open(ins.db().c_str(), &s);
   sqlite3_busy_timeout(s, 15000);
-  for (const char* t : {"TRIGGER nvr_reg_variazioni_ins", "TRIGGER nvr_reg_variazioni_del",
-                        "TRIGGER nvr_reg_variazioni_upd", "TABLE nvr_reg_variazioni",
-                        "TABLE nvr_reg_giorni", "TABLE nvr_reg_cartelle", "TABLE nvr_reg_sommari"}) {
+  for (const char* t :
+       {"TRIGGER nvr_reg_variazioni_ins", "TRIGGER nvr_reg_variazioni_del",
+        "TRIGGER nvr_reg_variazioni_upd", "TABLE nvr_reg_variazioni", "TABLE nvr_reg_giorni",
+        "TABLE nvr_reg_cartelle", "TABLE nvr_reg_sommari"}) {
     const std::string tipo_e_nome = t;
     const std::size_t spazio = tipo_e_nome.find(' ');
     sql(s, ("DROP " + tipo_e_nome.substr(0, spazio) + " IF EXISTS" + tipo_e_nome.substr(spazio))
