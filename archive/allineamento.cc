@@ -4,8 +4,8 @@
 #include <sys/stat.h>
 
 #include <algorithm>
-#include <cstdint>
 #include <cerrno>
+#include <cstdint>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -13,6 +13,8 @@
 #include <string_view>
 #include <utility>
 
+#include "archive/nomi_cartelle.h"
+#include "archive/senza_file.h"
 #include "core/condiviso.h"
 #include "core/db.h"
 #include "core/tempo.h"
@@ -45,22 +47,12 @@ Condiviso<std::map<std::string, MancantiCartella>> _mancanti_per_cartella;
 void azzera_allineamento_per_test() {
   _cache_presente.set({});
   _mancanti_per_cartella.set({});
+  dimentica_cartelle_per_test();
 }
 
 namespace fs = std::filesystem;
 
 namespace {
-
-// Folder and name of a path, split at its last "/" the way the shell's dirname and basename
-// do: "a.mp4" lies in "", "/a.mp4" in "/", and "a//b.mp4" in "a". Views into `p`.
-std::pair<std::string_view, std::string_view> cartella_e_nome(std::string_view p) {
-  auto i = p.rfind('/');
-  if (i == std::string_view::npos) return {"", p};
-  std::string_view cartella = p.substr(0, i + 1);
-  auto fine = cartella.find_last_not_of('/');
-  cartella = fine == std::string_view::npos ? cartella : cartella.substr(0, fine + 1);
-  return {cartella, p.substr(i + 1)};
-}
 
 // The names in `cartella`, sorted: none when it does not exist, absent when it cannot be read.
 // A sorted list rather than a set: a day folder holds thousands of short names, looked up once
@@ -164,6 +156,7 @@ bool _archivio_presente(const Config& cfg, double fresco) {
 
 std::vector<std::int64_t> _righe_senza_file(const Config& cfg) {
   if (!_archivio_presente(cfg)) return {};
+  if (std::optional<SenzaFile> r = senza_file_per_cartelle(Servono::kId, 3)) return r->id;
   std::vector<std::int64_t> id;
   std::vector<std::string> file;
   {
@@ -181,20 +174,6 @@ std::vector<std::int64_t> _righe_senza_file(const Config& cfg) {
 }
 
 namespace {
-
-// One name's share of a folder's signature of indexed names. The shares are added up, so that
-// the order in which rows come does not matter.
-std::uint64_t impronta(std::string_view s) {
-  std::uint64_t h = 0xcbf29ce484222325ULL;
-  for (unsigned char ch : s) {
-    h ^= ch;
-    h *= 0x100000001b3ULL;
-  }
-  h ^= h >> 33;
-  h *= 0xff51afd7ed558ccdULL;
-  h ^= h >> 33;
-  return h;
-}
 
 // The names indexed in one folder, packed: over millions of rows one string per name would
 // weigh more than the index itself.
@@ -257,6 +236,8 @@ Sguardo guarda(const NomiIndicizzati& g, const std::optional<MancantiCartella>& 
 
 std::int64_t conta_righe_senza_file(const Config& cfg, double margine) {
   if (!_archivio_presente(cfg)) return 0;
+  if (std::optional<SenzaFile> r = senza_file_per_cartelle(Servono::kConteggio, margine))
+    return r->n;
   std::vector<std::shared_ptr<NomiIndicizzati>> gruppi;
   {
     std::map<std::string, std::size_t, std::less<>> posizione;

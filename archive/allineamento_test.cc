@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <thread>
 
+#include "archive/sommari.h"
 #include "core/db.h"
 #include "core/stato.h"
 #include "testing/ambiente.h"
@@ -118,6 +119,7 @@ TEST_F(AllineamentoTest, CountOfRowsWithoutFilesFollowsEveryChange) {
   const std::int64_t senza = aggiungi_registrazione(1, 700, vecchia + "/10-10-00.mp4");
   aggiungi_registrazione(2, 100, archivio_ / "tolta/2024-05-01/10-00-00.mp4");
   aggiungi_registrazione(2, 100, archivio_ / "file/10-00-00.mp4");  // not a folder: says nothing
+  costruisci_sommari(_fuso());  // folder by folder from here on, as after the first start
   auto conta = [&] {
     // Timestamps of folders move in clock ticks: a change right after a look could hide.
     std::this_thread::sleep_for(30ms);

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 
+#include "archive/sommari.h"
 #include "core/db.h"
 #include "testing/ambiente.h"
 #include "testing/righe_di_prova.h"
@@ -22,7 +23,9 @@ using testing::ts_eventi;
 
 constexpr double kGiorno = 86400;
 
-class PuliziaTest : public ::testing::Test {
+// Run twice: on an index as the first start after an upgrade finds it (every row read at once),
+// and with the per-folder counts built (rows read folder by folder).
+class PuliziaTest : public ::testing::TestWithParam<bool> {
  protected:
   void SetUp() override {
     _init_db();
@@ -39,6 +42,10 @@ class PuliziaTest : public ::testing::Test {
     return p;
   }
 
+  void sommari_se_chiesti() {
+    if (GetParam()) costruisci_sommari(_fuso());
+  }
+
   HostDiProva h_;
   CartellaTemporanea archivio_;
   CartellaTemporanea fuori_;
@@ -46,7 +53,7 @@ class PuliziaTest : public ::testing::Test {
 };
 
 // Which rows go is the planner's table test; here the files and folders they leave.
-TEST_F(PuliziaTest, OldSegmentsGoWithTheFoldersTheyEmpty) {
+TEST_P(PuliziaTest, OldSegmentsGoWithTheFoldersTheyEmpty) {
   const double limite = 1'700'000'000;
   segmento("cam/2023-11-01/10-00-00.mp4", limite - 1);
   std::string nuovo = segmento("cam/2023-11-15/08-00-00.mp4", limite + kGiorno);
@@ -57,6 +64,7 @@ TEST_F(PuliziaTest, OldSegmentsGoWithTheFoldersTheyEmpty) {
   aggiungi_evento(1, limite - 1);
   aggiungi_evento(2, limite + 1);
 
+  sommari_se_chiesti();
   _pulizia_prima_di(cfg_, limite);
 
   EXPECT_EQ(file_indicizzati(), (std::vector<std::string>{nuovo}));
@@ -68,7 +76,7 @@ TEST_F(PuliziaTest, OldSegmentsGoWithTheFoldersTheyEmpty) {
   EXPECT_EQ(ts_eventi(), (std::vector<double>{limite + 1}));
 }
 
-TEST_F(PuliziaTest, VanishedFilesLoseTheirRowsAndOutsideFilesAreNeverTouched) {
+TEST_P(PuliziaTest, VanishedFilesLoseTheirRowsAndOutsideFilesAreNeverTouched) {
   const double limite = 1'700'000'000;
   std::string sparito = archivio_ / "cam/2023-11-20/10-00-00.mp4";
   aggiungi_registrazione(1, limite + kGiorno, sparito);  // recent, but its file is gone
@@ -87,6 +95,7 @@ TEST_F(PuliziaTest, VanishedFilesLoseTheirRowsAndOutsideFilesAreNeverTouched) {
   aggiungi_registrazione(1, limite - 10 * kGiorno, furbo);
   cfg_.spazio_min_gb = 1e9;  // every file of the archive would go for space
 
+  sommari_se_chiesti();
   _pulizia_prima_di(cfg_, limite);
 
   EXPECT_EQ(file_indicizzati(), (std::vector<std::string>{esterno, furbo}));
@@ -95,7 +104,7 @@ TEST_F(PuliziaTest, VanishedFilesLoseTheirRowsAndOutsideFilesAreNeverTouched) {
   EXPECT_FALSE(fs::is_symlink(collegamento));
 }
 
-TEST_F(PuliziaTest, AbsentArchiveIsLeftExactlyAsItIs) {
+TEST_P(PuliziaTest, AbsentArchiveIsLeftExactlyAsItIs) {
   CartellaTemporanea punto;  // the drive's mount point, with nothing mounted on it
   cfg_.destinazione = {{"tipo", "usb"}, {"uuid", "uuid-a"}, {"mountpoint", punto.percorso()}};
   cfg_.spazio_min_gb = 1e9;
@@ -103,12 +112,15 @@ TEST_F(PuliziaTest, AbsentArchiveIsLeftExactlyAsItIs) {
   aggiungi_registrazione(1, 1'577'869'500, archivio_ / "cam/2020-01-01/10-05-00.mp4");
   aggiungi_evento(1, 1'577'869'200);
 
+  sommari_se_chiesti();
   _pulizia(cfg_);
 
   EXPECT_TRUE(fs::exists(vecchio));
   EXPECT_EQ(file_indicizzati().size(), 2u);
   EXPECT_EQ(ts_eventi().size(), 1u);
 }
+
+INSTANTIATE_TEST_SUITE_P(ConESenzaSommari, PuliziaTest, ::testing::Bool());
 
 }  // namespace
 }  // namespace nvr

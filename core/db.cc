@@ -5,6 +5,7 @@
 #include <charconv>
 #include <cmath>
 
+#include "core/schema_sommari.h"
 #include "core/stato.h"
 
 namespace nvr {
@@ -278,6 +279,7 @@ void _init_db() {
   c.esegui(
       "CREATE INDEX IF NOT EXISTS nvr_reg_cam_durata ON nvr_registrazioni (cam_id, fine - inizio)");
   crea_totali(c);
+  crea_schema_sommari(c);
   // The archive overview reads every row's times and size in camera and time order: from this
   // index alone, without a lookup into the table per row.
   c.esegui(

@@ -43,13 +43,16 @@ class DbTest : public ::testing::Test {
 TEST_F(DbTest, FreshDatabaseGetsSchemaAndSeedRow) {
   _init_db();
   EXPECT_EQ(nomi("table"),
-            (std::vector<std::string>{"nvr_camere", "nvr_config", "nvr_eventi", "nvr_reg_totali",
-                                      "nvr_registrazioni", "tapo_cameras"}));
+            (std::vector<std::string>{"nvr_camere", "nvr_config", "nvr_eventi", "nvr_reg_cartelle",
+                                      "nvr_reg_giorni", "nvr_reg_sommari", "nvr_reg_totali",
+                                      "nvr_reg_variazioni", "nvr_registrazioni", "tapo_cameras"}));
   EXPECT_EQ(nomi("index"),
             (std::vector<std::string>{"nvr_ev_cam_ts", "nvr_reg_cam_durata", "nvr_reg_cam_fine",
                                       "nvr_reg_cam_inizio", "nvr_reg_cam_inizio_fine"}));
-  EXPECT_EQ(nomi("trigger"), (std::vector<std::string>{"nvr_reg_totali_del", "nvr_reg_totali_ins",
-                                                       "nvr_reg_totali_upd"}));
+  EXPECT_EQ(nomi("trigger"),
+            (std::vector<std::string>{"nvr_reg_totali_del", "nvr_reg_totali_ins",
+                                      "nvr_reg_totali_upd", "nvr_reg_variazioni_del",
+                                      "nvr_reg_variazioni_ins", "nvr_reg_variazioni_upd"}));
 
   EXPECT_EQ(colonne("nvr_config"),
             (std::vector<std::string>{"id INTEGER - 1", "attivo INTEGER 0 0", "cartella TEXT '' 0",

@@ -11,6 +11,7 @@
 #include "archive/elenchi.h"
 #include "archive/posizione.h"
 #include "archive/riepilogo.h"
+#include "archive/sommari.h"
 #include "core/config.h"
 #include "core/numeri.h"
 #include "core/stato.h"
@@ -132,7 +133,11 @@ Risposta api_archivio(const Richiesta&) {
     return riassunti.emplace(id, std::move(r)).first->second;
   };
 
-  const RiepilogoArchivio riepilogo = riepilogo_archivio(_fuso());
+  const Zona zona = _fuso();
+  std::optional<RiepilogoArchivio> dai_sommari = riepilogo_da_sommari(zona);
+  if (!dai_sommari) costruisci_sommari_in_fondo();
+  const RiepilogoArchivio riepilogo =
+      dai_sommari ? std::move(*dai_sommari) : riepilogo_archivio(zona);
   for (const auto& [id, camera] : riepilogo.camere) {
     Riassunto& r = riassunto_di(id);
     r.totale = camera.totale;

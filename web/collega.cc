@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "archive/sommari.h"
 #include "core/db.h"
 #include "core/log.h"
 #include "core/stato.h"
@@ -61,6 +62,7 @@ bool collega(std::shared_ptr<Host> host) {
   if (!host || !host->app)
     throw std::runtime_error("collega(): il modulo passato non ha un oggetto app Flask");
   _init_db();
+  costruisci_sommari_in_fondo();  // after an upgrade: the overview answers the old way meanwhile
 
   auto _admin = [&host](Vista f) -> Vista {
     if (!host->login_required) throw std::runtime_error("il modulo passato non ha login_required");

@@ -1,0 +1,19 @@
+// How the index's file paths are grouped by folder, shared by reconciliation and the sums kept
+// beside the index.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+#include <utility>
+
+namespace nvr {
+
+// Folder and name of a path, split at its last "/" the way the shell's dirname and basename
+// do: "a.mp4" lies in "", "/a.mp4" in "/", and "a//b.mp4" in "a". Views into `p`.
+std::pair<std::string_view, std::string_view> cartella_e_nome(std::string_view p);
+
+// One name's share of a folder's signature of indexed names. Shares are added up (modulo 2^64),
+// so that the signature does not depend on the order of the rows and a removal subtracts.
+std::uint64_t impronta(std::string_view nome);
+
+}  // namespace nvr
