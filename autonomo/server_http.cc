@@ -287,6 +287,15 @@ Risposta instrada_sicuro(const Instradatore& rotte, const std::string& percorso,
   }
 }
 
+std::optional<Risposta> instrada_subito(const Instradatore& rotte, const std::string& percorso,
+                                        const Richiesta& r) {
+  try {
+    return rotte.instrada_subito(percorso, r);
+  } catch (...) {  // not expected of a shortcut; the worker then answers
+    return std::nullopt;
+  }
+}
+
 MHD_Result accesso(void* cls, MHD_Connection* c, const char* url, const char* metodo, const char*,
                    const char* dati, std::size_t* quanti, void** stato) {
   auto* d = static_cast<StatoServer*>(cls);
@@ -316,6 +325,10 @@ MHD_Result accesso(void* cls, MHD_Connection* c, const char* url, const char* me
   if (percorso != "/api" && !percorso.starts_with("/api/") && percorso != "/metrics")
     return accoda_pagina(c, percorso, metodo);
   dom->richiesta = richiesta_da(c, metodo, dom->corpo);
+  // A segment already known in memory goes out from here: a worker would cost two thread
+  // wake-ups, more than sending it does.
+  if (std::optional<Risposta> subito = instrada_subito(*d->rotte, percorso, *dom->richiesta))
+    return accoda_risposta(d, c, *dom->richiesta, *subito);
   dom->affidata = true;
   MHD_suspend_connection(c);
   d->lavoratori.esegui([d, dom, c, percorso] {
