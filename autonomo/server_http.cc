@@ -432,12 +432,15 @@ Esito<int> ServerHttp::apri(const std::string& indirizzo, int porta) {
 bool ServerHttp::servi() {
   StatoServer* d = d_.get();
   if (d->ascolto < 0) return false;
+  // Up to 32 KiB the library takes a connection's memory from malloc; above, each connection
+  // maps and unmaps pages of its own, and the unmapping stops every core: it cost more than
+  // sending a small range.
   d->demone = MHD_start_daemon(
       MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME, 0, nullptr,
       nullptr, accesso, d, MHD_OPTION_LISTEN_SOCKET, d->ascolto, MHD_OPTION_NOTIFY_COMPLETED,
       completata, d, MHD_OPTION_NOTIFY_CONNECTION, notifica, d, MHD_OPTION_CONNECTION_TIMEOUT, 60u,
       MHD_OPTION_PER_IP_CONNECTION_LIMIT, d->limiti.connessioni_per_indirizzo,
-      MHD_OPTION_CONNECTION_MEMORY_LIMIT, std::size_t{64 * 1024}, MHD_OPTION_END);
+      MHD_OPTION_CONNECTION_MEMORY_LIMIT, std::size_t{32 * 1024}, MHD_OPTION_END);
   if (!d->demone) return false;
   std::thread sorvegliante(sorveglia, d);
   {

@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "archive/allineamento.h"
+#include "archive/selezione.h"
 #include "core/config.h"
 #include "core/db.h"
 #include "core/stato.h"
@@ -101,6 +102,49 @@ TEST_F(RegistrazioniTest, VideoIsServedOrNotFound) {
   ASSERT_TRUE(r.file);
   EXPECT_EQ(r.file->percorso, archivio + "/Garage/2024-05-01/02-00-00.mp4");
   EXPECT_TRUE(r.file->allegato);
+}
+
+// Once a segment has been served its file is answered from memory, and every change to the index
+// is seen at once: a file moved by the index, a deleted row whose file stayed.
+TEST_F(RegistrazioniTest, VideoFromMemoryFollowsTheIndex) {
+  const std::int64_t altra = riga(1, kMaggio, kMaggio + 60, "Garage/a.mp4");
+  const std::int64_t id = riga(1, kMaggio + 60, kMaggio + 120, "Garage/b.mp4");
+  auto esegui = [](const std::string& sql, std::vector<Valore> parametri, bool conferma) {
+    Connessione c = _db();
+    c.esegui(sql, parametri);
+    if (conferma) c.commit();
+  };
+  struct Passo {
+    const char* cosa;
+    std::function<void()> cambia;
+    const char* file;  // what both answers must give for `id` afterwards; "" none
+  };
+  const std::vector<Passo> passi = {
+      {"served once", [] {}, "Garage/b.mp4"},
+      {"deletion rolled back",
+       [&] { esegui("DELETE FROM nvr_registrazioni WHERE id=?", {id}, false); }, "Garage/b.mp4"},
+      {"file moved by the index",
+       [&] {
+         testing::scrivi_file(archivio + "/Garage/c.mp4", "x");
+         esegui("UPDATE nvr_registrazioni SET file=? WHERE id=?", {archivio + "/Garage/c.mp4", id},
+                true);
+       },
+       "Garage/c.mp4"},
+      {"row deleted, its file still there", [&] { cancella_registrazione(id); }, ""},
+  };
+  for (const Passo& p : passi) {
+    SCOPED_TRACE(p.cosa);
+    p.cambia();
+    Risposta r = chiama(api_video, {}, id);
+    const std::string atteso = *p.file ? archivio + "/" + p.file : "";
+    EXPECT_EQ(r.file ? r.file->percorso : "", atteso);
+    Richiesta x;
+    x.rid = id;
+    std::optional<Risposta> subito = api_video_subito(x);
+    EXPECT_EQ(subito && subito->file ? subito->file->percorso : "", atteso);
+    x.rid = altra;  // never served: not known
+    EXPECT_FALSE(api_video_subito(x));
+  }
 }
 
 }  // namespace
