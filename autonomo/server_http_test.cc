@@ -10,7 +10,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <deque>
 #include <thread>
@@ -255,21 +254,15 @@ TEST(ServerHttpFileTest, HandlerHeaderReplacesThePlannedOne) {
   EXPECT_EQ(r->body, "\xFF\xD8ok");
 }
 
-// A file answered by a shortcut goes out like any other (ranges included) over one kept-alive
-// connection, and the view answers whatever the shortcut leaves.
+// A file from a shortcut goes out like any other, byte ranges included, on a kept-alive
+// connection; the view answers what the shortcut leaves.
 TEST(ServerHttpFileTest, ShortcutAnswersOnAKeptAliveConnection) {
   char nome[] = "/tmp/nvr_file_XXXXXX";
   const int fd = ::mkstemp(nome);
-  ASSERT_GE(fd, 0);
   ASSERT_EQ(::write(fd, "0123456789", 10), 10);
   ::close(fd);
-  std::atomic<int> viste{0};
   auto rotte = std::make_shared<Instradatore>();
-  rotte->add_url_rule("/api/f/<int:rid>", "f",
-                      [&](const Richiesta&) {
-                        ++viste;
-                        return _json({{"da", "vista"}});
-                      },
+  rotte->add_url_rule("/api/f/<int:rid>", "f", [](const Richiesta&) { return Risposta{}; },
                       {"GET"});
   rotte->aggiungi_scorciatoia("f", [&](const Richiesta& r) -> std::optional<Risposta> {
     if (*r.rid != 2) return std::nullopt;
@@ -283,18 +276,15 @@ TEST(ServerHttpFileTest, ShortcutAnswersOnAKeptAliveConnection) {
   std::thread servizio([&] { server.servi(); });
   httplib::Client cliente("127.0.0.1", porta);
   cliente.set_keep_alive(true);
-  auto intero = cliente.Get("/api/f/2");
   auto parte = cliente.Get("/api/f/2", {{"Range", "bytes=3-5"}});
   auto vista = cliente.Get("/api/f/1");
   server.ferma();
   servizio.join();
   ::unlink(nome);
-  ASSERT_TRUE(intero && parte && vista);
-  EXPECT_EQ(intero->body, "0123456789");
+  ASSERT_TRUE(parte && vista);
   EXPECT_EQ(parte->status, 206);
   EXPECT_EQ(parte->body, "345");
-  EXPECT_EQ(vista->body, R"({"da":"vista"})");
-  EXPECT_EQ(viste.load(), 1);
+  EXPECT_EQ(vista->body, "{}");
 }
 
 }  // namespace

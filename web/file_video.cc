@@ -19,8 +19,8 @@ constexpr std::size_t kMassimo = 1 << 16;
 
 struct Memoria {
   std::mutex m;
-  std::string db_file;                              // guarded by m: whose rows these are
-  std::uint64_t versione = 0;                       // guarded by m: the index's, when read
+  std::string db_file;                               // guarded by m: whose rows these are
+  std::uint64_t versione = 0;                        // guarded by m: the index's, when read
   std::unordered_map<std::int64_t, FileVideo> voci;  // guarded by m
 };
 
