@@ -5,6 +5,7 @@
 #include "autonomo/token_metriche.h"
 #include "core/testi.h"
 #include "web/api_anteprima.h"
+#include "web/api_registrazioni.h"
 #include "web/api_riproduzione.h"
 #include "web/api_salute.h"
 #include "web/api_vivo.h"
@@ -171,6 +172,23 @@ void registra_rotte_host(AppWeb& app, std::shared_ptr<const ContestoHost> c) {
   registra_rotte_salute(app, login, admin);
   // A Prometheus server has no session: a bearer token set in the settings opens /metrics too.
   registra_rotte_metriche(app, login, [db = c->db_file] { return token_metriche(db); });
+}
+
+void aggiungi_scorciatoie(Instradatore& rotte, std::shared_ptr<const ContestoHost> c) {
+  auto login = guardia_login(c->accesso);
+  auto admin = guardia_admin(c->accesso);
+  rotte.aggiungi_scorciatoia("nvr_video", [login, admin](const Richiesta& r) {
+    // The guards wrap a view: the shortcut runs inside one, and a guard that refuses answers.
+    std::optional<Risposta> subito;
+    bool passata = false;
+    const Vista protetta = login(admin([&](const Richiesta& x) {
+      passata = true;
+      subito = api_video_subito(x);
+      return Risposta{};
+    }));
+    Risposta rifiuto = protetta(r);
+    return passata ? subito : std::optional<Risposta>(std::move(rifiuto));
+  });
 }
 
 }  // namespace nvr::autonomo

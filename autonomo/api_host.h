@@ -8,6 +8,7 @@
 #include <string>
 
 #include "autonomo/accesso.h"
+#include "autonomo/instradamento.h"
 #include "autonomo/stati.h"
 #include "core/host.h"
 
@@ -38,5 +39,11 @@ Guardia guardia_admin(std::shared_ptr<Accesso> accesso);
 // block on the database (cameras) and on the login slow-down (accesso). Throws what
 // add_url_rule throws.
 void registra_rotte_host(AppWeb& app, std::shared_ptr<const ContestoHost> c);
+
+// Gives the recorder's segment route (registered by collega) its shortcut on the network thread:
+// a segment whose file is known in memory is sent without a worker or the database, behind the
+// same guards (which only look at the session in memory). Throws what aggiungi_scorciatoia
+// throws.
+void aggiungi_scorciatoie(Instradatore& rotte, std::shared_ptr<const ContestoHost> c);
 
 }  // namespace nvr::autonomo

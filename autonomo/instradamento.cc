@@ -1,5 +1,6 @@
 #include "autonomo/instradamento.h"
 
+#include <algorithm>
 #include <exception>
 #include <stdexcept>
 
@@ -29,7 +30,38 @@ void Instradatore::add_url_rule(const std::string& percorso, const std::string& 
   std::lock_guard l(m_);
   for (const auto& r : regole_)
     if (r.endpoint == endpoint) throw std::runtime_error("endpoint gia' registrato: " + endpoint);
-  regole_.push_back({percorso, endpoint, std::move(vista), metodi});
+  regole_.push_back({percorso, endpoint, std::move(vista), metodi, nullptr});
+}
+
+void Instradatore::aggiungi_scorciatoia(const std::string& endpoint, VistaSubito vista) {
+  std::lock_guard l(m_);
+  for (auto& r : regole_)
+    if (r.endpoint == endpoint) {
+      r.subito = std::move(vista);
+      return;
+    }
+  throw std::runtime_error("endpoint sconosciuto: " + endpoint);
+}
+
+std::optional<Risposta> Instradatore::instrada_subito(const std::string& percorso,
+                                                      Richiesta r) const {
+  const std::string metodo = r.metodo == "HEAD" ? "GET" : r.metodo;
+  VistaSubito subito;
+  {
+    std::lock_guard l(m_);
+    for (const auto& regola : regole_) {
+      std::optional<std::int64_t> rid;
+      if (!corrisponde_rotta(regola.percorso, percorso, rid)) continue;
+      // The rule instrada() would pick: the first whose path and method match.
+      if (std::find(regola.metodi.begin(), regola.metodi.end(), metodo) == regola.metodi.end())
+        continue;
+      subito = regola.subito;
+      r.rid = rid;
+      break;
+    }
+  }
+  if (!subito) return std::nullopt;
+  return subito(r);
 }
 
 Risposta Instradatore::instrada(const std::string& percorso, Richiesta r) const {

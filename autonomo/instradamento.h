@@ -4,12 +4,17 @@
 
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "core/host.h"
 
 namespace nvr::autonomo {
+
+// An answer given at once from memory, or absent for "ask the rule's view". It runs on the
+// server's network thread: it must never block (no disk, no database, only short locks) nor throw.
+using VistaSubito = std::function<std::optional<Risposta>(const Richiesta&)>;
 
 // Where the server leaves the request's raw body among the headers, for the handlers that must
 // tell a missing or non-object body from an empty object. No HTTP header name can contain ':'.
@@ -31,11 +36,20 @@ class Instradatore : public AppWeb {
   // table's mutex only to copy the matching rule.
   Risposta instrada(const std::string& percorso, Richiesta r) const;
 
+  // Gives rule `endpoint` a shortcut, tried before instrada() for the same paths and methods
+  // (see VistaSubito). Throws std::runtime_error when no rule has that endpoint.
+  void aggiungi_scorciatoia(const std::string& endpoint, VistaSubito vista);
+
+  // What the shortcut of the rule matching `percorso` and r.metodo answers; absent when that
+  // rule has none or it answered nothing. Never blocks beyond the rule table's mutex.
+  std::optional<Risposta> instrada_subito(const std::string& percorso, Richiesta r) const;
+
  private:
   struct Regola {
     std::string percorso, endpoint;
     Vista vista;
     std::vector<std::string> metodi;
+    VistaSubito subito;
   };
   mutable std::mutex m_;  // guards regole_
   std::vector<Regola> regole_;

@@ -210,6 +210,7 @@ int esegui(const Opzioni& o) {
         [ricevi](const Impostazioni& imp) { configura_mqtt(imp.mqtt, ricevi); });
     configura_mqtt(leggi_impostazioni(db_file).mqtt, ricevi);
     collega(host);
+    aggiungi_scorciatoie(*rotte, contesto);
     configura_primo_avvio(dati.valore());
     if (o.demo) {
       const int porta_demo = porta_libera_locale();

@@ -303,6 +303,15 @@ Risposta instrada_sicuro(const Instradatore& rotte, const std::string& percorso,
   }
 }
 
+std::optional<Risposta> instrada_subito(const Instradatore& rotte, const std::string& percorso,
+                                        const Richiesta& r) {
+  try {
+    return rotte.instrada_subito(percorso, r);
+  } catch (...) {  // not expected of a shortcut; the worker then answers
+    return std::nullopt;
+  }
+}
+
 MHD_Result accesso(void* cls, MHD_Connection* c, const char* url, const char* metodo, const char*,
                    const char* dati, std::size_t* quanti, void** stato) {
   auto* d = static_cast<StatoServer*>(cls);
@@ -332,6 +341,10 @@ MHD_Result accesso(void* cls, MHD_Connection* c, const char* url, const char* me
   if (percorso != "/api" && !percorso.starts_with("/api/") && percorso != "/metrics")
     return accoda_pagina(c, percorso, metodo);
   dom->richiesta = richiesta_da(c, metodo, dom->corpo);
+  // A segment already known in memory goes out from here: a worker would cost two thread
+  // wake-ups, more than sending it does.
+  if (std::optional<Risposta> subito = instrada_subito(*d->rotte, percorso, *dom->richiesta))
+    return accoda_risposta(d, c, *dom->richiesta, *subito);
   dom->affidata = true;
   MHD_suspend_connection(c);
   d->lavoratori.esegui([d, dom, c, percorso] {
@@ -435,13 +448,16 @@ Esito<int> ServerHttp::apri(const std::string& indirizzo, int porta) {
 bool ServerHttp::servi() {
   StatoServer* d = d_.get();
   if (d->ascolto < 0) return false;
+  // Up to 32 KiB the library takes a connection's memory from malloc; above, each connection
+  // maps and unmaps pages of its own, and the unmapping stops every core: it cost more than
+  // sending a small range.
   std::vector<MHD_OptionItem> opzioni = {
       {MHD_OPTION_LISTEN_SOCKET, d->ascolto, nullptr},
       {MHD_OPTION_NOTIFY_COMPLETED, reinterpret_cast<intptr_t>(completata), d},
       {MHD_OPTION_NOTIFY_CONNECTION, reinterpret_cast<intptr_t>(notifica), d},
       {MHD_OPTION_CONNECTION_TIMEOUT, 60, nullptr},
       {MHD_OPTION_PER_IP_CONNECTION_LIMIT, d->limiti.connessioni_per_indirizzo, nullptr},
-      {MHD_OPTION_CONNECTION_MEMORY_LIMIT, 64 * 1024, nullptr}};
+      {MHD_OPTION_CONNECTION_MEMORY_LIMIT, 32 * 1024, nullptr}};
   unsigned int modo = MHD_USE_INTERNAL_POLLING_THREAD | MHD_USE_EPOLL | MHD_ALLOW_SUSPEND_RESUME;
   if (!d->certificato.empty()) {
     if (MHD_is_feature_supported(MHD_FEATURE_TLS) != MHD_YES) return false;

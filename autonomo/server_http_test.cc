@@ -254,5 +254,38 @@ TEST(ServerHttpFileTest, HandlerHeaderReplacesThePlannedOne) {
   EXPECT_EQ(r->body, "\xFF\xD8ok");
 }
 
+// A file from a shortcut goes out like any other, byte ranges included, on a kept-alive
+// connection; the view answers what the shortcut leaves.
+TEST(ServerHttpFileTest, ShortcutAnswersOnAKeptAliveConnection) {
+  char nome[] = "/tmp/nvr_file_XXXXXX";
+  const int fd = ::mkstemp(nome);
+  ASSERT_EQ(::write(fd, "0123456789", 10), 10);
+  ::close(fd);
+  auto rotte = std::make_shared<Instradatore>();
+  rotte->add_url_rule("/api/f/<int:rid>", "f", [](const Richiesta&) { return Risposta{}; },
+                      {"GET"});
+  rotte->aggiungi_scorciatoia("f", [&](const Richiesta& r) -> std::optional<Risposta> {
+    if (*r.rid != 2) return std::nullopt;
+    Risposta risposta;
+    risposta.file = FileDaInviare{nome, "video/mp4", false, "f.mp4"};
+    return risposta;
+  });
+  ServerHttp server(rotte, LimitiServer{});
+  int porta = 18900;
+  while (porta < 19000 && !server.apri("127.0.0.1", porta)) ++porta;
+  std::thread servizio([&] { server.servi(); });
+  httplib::Client cliente("127.0.0.1", porta);
+  cliente.set_keep_alive(true);
+  auto parte = cliente.Get("/api/f/2", {{"Range", "bytes=3-5"}});
+  auto vista = cliente.Get("/api/f/1");
+  server.ferma();
+  servizio.join();
+  ::unlink(nome);
+  ASSERT_TRUE(parte && vista);
+  EXPECT_EQ(parte->status, 206);
+  EXPECT_EQ(parte->body, "345");
+  EXPECT_EQ(vista->body, "{}");
+}
+
 }  // namespace
 }  // namespace nvr::autonomo

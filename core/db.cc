@@ -2,8 +2,10 @@
 
 #include <sqlite3.h>
 
+#include <atomic>
 #include <charconv>
 #include <cmath>
+#include <cstring>
 
 #include "core/schema_sommari.h"
 #include "core/stato.h"
@@ -77,7 +79,18 @@ Valore colonna(sqlite3_stmt* st, int i) {
   }
 }
 
+std::atomic<std::uint64_t> versione_indice{0};
+
+// Notes a deletion or a change of an index row; the version moves only at commit, so that
+// whoever reads the index between the change and the commit still sees what is committed.
+void su_modifica(void* cls, int operazione, const char*, const char* tabella, sqlite3_int64) {
+  if (operazione != SQLITE_INSERT && std::strcmp(tabella, "nvr_registrazioni") == 0)
+    *static_cast<bool*>(cls) = true;
+}
+
 }  // namespace
+
+std::uint64_t versione_registrazioni() { return versione_indice.load(); }
 
 Connessione::Connessione(const std::string& file) {
   int r = sqlite3_open_v2(file.c_str(), &db_,
@@ -90,6 +103,7 @@ Connessione::Connessione(const std::string& file) {
     throw ErroreDb(msg);
   }
   sqlite3_busy_timeout(db_, 15000);
+  sqlite3_update_hook(db_, su_modifica, &registrazioni_toccate_);
 }
 
 Connessione::~Connessione() {
@@ -190,6 +204,8 @@ void Connessione::scorri(std::string_view sql, const std::vector<Valore>& parame
 void Connessione::commit() {
   if (sqlite3_get_autocommit(db_)) return;
   if (sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) != SQLITE_OK) fallisci("COMMIT");
+  if (registrazioni_toccate_) ++versione_indice;
+  registrazioni_toccate_ = false;
 }
 
 std::int64_t Connessione::cambiate() const { return sqlite3_changes64(db_); }

@@ -53,6 +53,8 @@ class Connessione {
   // Streams the rows of a query to `f` without keeping them.
   void scorri(std::string_view sql, const std::vector<Valore>& parametri,
               const std::function<void(const Riga&)>& f);
+  // Commits; a commit that deleted or changed rows of nvr_registrazioni advances
+  // versione_registrazioni() once it is done.
   void commit();
   // Rows changed by the last writing statement.
   std::int64_t cambiate() const;
@@ -65,7 +67,14 @@ class Connessione {
   [[noreturn]] void fallisci(const std::string& dove);
 
   sqlite3* db_ = nullptr;
+  bool registrazioni_toccate_ = false;  // a row of nvr_registrazioni deleted or changed since
+                                        // the last commit
 };
+
+// Grows after every commit, through a Connessione of this process, that deleted or changed
+// rows of nvr_registrazioni (inserts leave it alone). What is remembered from the index under
+// one value stays true until it grows. Writers outside this process are not seen. Never blocks.
+std::uint64_t versione_registrazioni();
 
 // A new connection to the host's DB_FILE. Throws ErroreDb when the recorder is not attached.
 Connessione _db();

@@ -18,6 +18,7 @@
 #include "core/tempo.h"
 #include "engine/registratori.h"
 #include "storage/montaggi.h"
+#include "web/file_video.h"
 
 namespace nvr {
 
@@ -89,16 +90,30 @@ Risposta api_registrazioni(const Richiesta& r) {
   });
 }
 
-Risposta api_video(const Richiesta& r) {
-  const std::string file = file_registrazione(r.rid.value_or(-1)).value_or("");
-  struct stat st;
-  if (file.empty() || ::stat(file.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
-    return errore_json("Registrazione non trovata", 404);
+namespace {
+
+Risposta risposta_video(const Richiesta& r, const std::string& file) {
   Risposta risposta;
   risposta.file = FileDaInviare{file, "video/mp4", r.parametro("scarica") == "1",
                                 std::filesystem::path(file).filename().string()};
   risposta.intestazioni = {{"Accept-Ranges", "bytes"}, {"Cache-Control", "private, max-age=3600"}};
   return risposta;
+}
+
+}  // namespace
+
+Risposta api_video(const Richiesta& r) {
+  const std::string file = r.rid ? file_video(*r.rid).value_or(FileVideo{}).percorso : "";
+  struct stat st;
+  if (file.empty() || ::stat(file.c_str(), &st) != 0 || !S_ISREG(st.st_mode))
+    return errore_json("Registrazione non trovata", 404);
+  return risposta_video(r, file);
+}
+
+std::optional<Risposta> api_video_subito(const Richiesta& r) {
+  std::optional<FileVideo> f = r.rid ? file_video_ricordato(*r.rid) : std::nullopt;
+  if (!f || !f->locale || f->percorso.empty()) return std::nullopt;
+  return risposta_video(r, f->percorso);
 }
 
 namespace {

@@ -18,6 +18,12 @@ std::optional<std::pair<double, double>> _intervallo_giorno(const std::string& g
 Risposta api_giorni(const Richiesta& r);         // query cam
 Risposta api_registrazioni(const Richiesta& r);  // query cam, giorno
 Risposta api_video(const Richiesta& r);          // path rid, query scarica
+
+// api_video's answer when it needs neither the disk nor the database: the row's file is known in
+// memory (file_video_ricordato) and on a local file system. The host then sends the file, or 404
+// "Registrazione non trovata" when it cannot open it, as api_video would. Absent otherwise: ask
+// api_video. Never blocks.
+std::optional<Risposta> api_video_subito(const Richiesta& r);
 Risposta api_archivio(const Richiesta& r);
 
 }  // namespace nvr

@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "archive/allineamento.h"
+#include "archive/selezione.h"
 #include "core/config.h"
 #include "core/db.h"
 #include "core/stato.h"
@@ -101,6 +102,32 @@ TEST_F(RegistrazioniTest, VideoIsServedOrNotFound) {
   ASSERT_TRUE(r.file);
   EXPECT_EQ(r.file->percorso, archivio + "/Garage/2024-05-01/02-00-00.mp4");
   EXPECT_TRUE(r.file->allegato);
+}
+
+// A segment served once is answered from memory, and a change to the index shows at once: a file
+// moved by the index, a deleted row whose file stayed.
+TEST_F(RegistrazioniTest, VideoFromMemoryFollowsTheIndex) {
+  const std::int64_t id = riga(1, kMaggio, kMaggio + 60, "Garage/b.mp4");
+  testing::scrivi_file(archivio + "/Garage/c.mp4", "x");
+  const std::vector<std::pair<std::function<void()>, std::string>> passi = {
+      {[] {}, archivio + "/Garage/b.mp4"},
+      {[&] {
+         Connessione c = _db();
+         c.esegui("UPDATE nvr_registrazioni SET file=? WHERE id=?",
+                  {archivio + "/Garage/c.mp4", id});
+         c.commit();
+       },
+       archivio + "/Garage/c.mp4"},
+      {[&] { cancella_registrazione(id); }, ""}};
+  for (const auto& [cambia, atteso] : passi) {
+    cambia();
+    Risposta r = chiama(api_video, {}, id);
+    EXPECT_EQ(r.file ? r.file->percorso : "", atteso);
+    Richiesta x;
+    x.rid = id;
+    std::optional<Risposta> subito = api_video_subito(x);
+    EXPECT_EQ(subito ? subito->file->percorso : "", atteso);
+  }
 }
 
 }  // namespace
