@@ -65,6 +65,9 @@ void HostDiProva::imposta_zona(std::optional<std::string> nome) {
 void HostDiProva::sql(const std::string& istruzioni) {
   sqlite3* db = nullptr;
   sqlite3_open(db_file.c_str(), &db);
+  // As a host's own connection would: wait for the recorder's writers (the overview's summaries
+  // are built in the background right after attaching) instead of failing at once.
+  sqlite3_busy_timeout(db, 5000);
   char* errore = nullptr;
   int r = sqlite3_exec(db, istruzioni.c_str(), nullptr, nullptr, &errore);
   std::string msg = errore ? errore : "";
