@@ -27,6 +27,7 @@
 #include "engine/motore.h"
 #include "engine/mqtt.h"
 #include "engine/registratori.h"
+#include "engine/salute_raccolta.h"
 #include "engine/vivo.h"
 #include "web/collega.h"
 #include "web/segnali.h"
@@ -46,6 +47,7 @@ struct Opzioni {
   bool demo = false;
   bool nuova_password = false;
   int segmento_prova = 0;
+  double margine_ferma_prova = 0;
   std::string tls_cert;
   std::string tls_chiave;
   bool tls_autofirmato = false;
@@ -224,6 +226,7 @@ int esegui(const Opzioni& o) {
           std::fprintf(stderr, "La telecamera dimostrativa non parte: si riprova\n");
       }
     }
+    if (o.margine_ferma_prova > 0) imposta_margine_ferma_per_test(o.margine_ferma_prova);
     if (o.segmento_prova > 0) {
       Connessione c(db_file);
       c.esegui("UPDATE nvr_config SET segmento_sec=?", {std::int64_t{o.segmento_prova}});
@@ -285,6 +288,8 @@ int main(int argc, char** argv) {
                "HTTPS con un certificato autofirmato creato in <dati>/tls/ (se mancano i file)");
   // Only the tests use it: segments of a few seconds, below what the API allows.
   app.add_option("--segmento-prova", o.segmento_prova)->group("");
+  // Only the tests too: the stopped-camera rule's minute of margin, shortened.
+  app.add_option("--margine-ferma-prova", o.margine_ferma_prova)->group("");
   app.add_option("--configurazione", o.configurazione,
                  "file di configurazione (chiave = valore); le opzioni date qui prevalgono");
   app.add_flag("--servizio", o.servizio,
