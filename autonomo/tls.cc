@@ -1,6 +1,10 @@
 #include "autonomo/tls.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <netinet/in.h>
 #include <openssl/bio.h>
 #include <openssl/bn.h>
 #include <openssl/evp.h>
@@ -139,6 +143,25 @@ std::string nomi_alternativi() {
       nomi += ",DNS:" + nome;
       if (nome.find('.') == std::string::npos) nomi += ",DNS:" + nome + ".local";
     }
+  }
+  // The addresses the machine has now, so that a phone typing the LAN address sees a
+  // certificate made for it (an address that changes later costs only the usual warning).
+  ifaddrs* interfacce = nullptr;
+  if (::getifaddrs(&interfacce) == 0) {
+    for (ifaddrs* i = interfacce; i; i = i->ifa_next) {
+      if (!i->ifa_addr || (i->ifa_flags & IFF_LOOPBACK)) continue;
+      char testo[INET6_ADDRSTRLEN] = "";
+      const int famiglia = i->ifa_addr->sa_family;
+      const void* a = nullptr;
+      if (famiglia == AF_INET) a = &reinterpret_cast<sockaddr_in*>(i->ifa_addr)->sin_addr;
+      if (famiglia == AF_INET6) {
+        const auto* a6 = reinterpret_cast<sockaddr_in6*>(i->ifa_addr);
+        if (IN6_IS_ADDR_LINKLOCAL(&a6->sin6_addr)) continue;  // needs a zone: not for a URL
+        a = &a6->sin6_addr;
+      }
+      if (a && ::inet_ntop(famiglia, a, testo, sizeof testo)) nomi += std::string(",IP:") + testo;
+    }
+    ::freeifaddrs(interfacce);
   }
   return nomi;
 }

@@ -22,8 +22,9 @@ std::string file_chiave_autofirmata(const std::string& cartella_dati);
 // - `cert` and `chiave` both given: reads and checks them (each a PEM file, the key not
 //   protected by a password and matching the certificate). Wins over `autofirmato`.
 // - neither given and `autofirmato`: the pair in <cartella_dati>/tls/ (folder 0700, key 0600),
-//   made now (an EC P-256 key, valid 10 years, for localhost, this machine's name and the
-//   loopback addresses) when either file is missing or they do not form a valid pair.
+//   made now (an EC P-256 key, valid 10 years, for localhost, this machine's name, the
+//   loopback addresses and the machine's own addresses at that moment) when either file is
+//   missing or they do not form a valid pair.
 // - neither given and not `autofirmato`: an inactive MaterialeTls (plain HTTP).
 // Errors are the one line for the user, e.g. "File del certificato TLS non leggibile: <path>",
 // "File della chiave TLS non valido: <path>", "Manca --tls-chiave: serve insieme a --tls-cert".

@@ -73,6 +73,12 @@ cert=/var/lib/nvr/tls/certificato.pem
 salute=$(curl -sS --cacert "$cert" "https://localhost:$porta/api/salute") ||
   sbaglia "/api/salute non raggiungibile in HTTPS"
 grep -q '"stato"' <<<"$salute" || sbaglia "/api/salute: $salute"
+# And on the machine's LAN address, as a phone on the home network reaches it.
+lan=$(hostname -I 2>/dev/null | awk '{print $1}')
+if [ -n "$lan" ]; then
+  case $lan in *:*) url="https://[$lan]:$porta/api/salute" ;; *) url="https://$lan:$porta/api/salute" ;; esac
+  curl -sS --cacert "$cert" "$url" | grep -q '"stato"' || sbaglia "/api/salute non raggiungibile su $url"
+fi
 
 file=/var/lib/nvr/password-iniziale
 [ "$(stat -c %a "$file")" = 600 ] || sbaglia "$file non e' 0600"
