@@ -1,6 +1,5 @@
 #include "archive/allineamento.h"
 
-#include <dirent.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -52,32 +51,6 @@ void azzera_allineamento_per_test() {
 
 namespace fs = std::filesystem;
 
-namespace {
-
-// The names in `cartella`, sorted: none when it does not exist, absent when it cannot be read.
-// A sorted list rather than a set: a day folder holds thousands of short names, looked up once
-// each.
-std::optional<std::vector<std::string>> nomi_in(const std::string& cartella) {
-  DIR* d = ::opendir(cartella.c_str());
-  if (!d) {
-    if (errno == ENOENT) return std::vector<std::string>{};
-    return std::nullopt;
-  }
-  std::vector<std::string> nomi;
-  errno = 0;
-  while (dirent* e = ::readdir(d)) {
-    nomi.emplace_back(e->d_name);
-    errno = 0;
-  }
-  bool letta = errno == 0;
-  ::closedir(d);
-  if (!letta) return std::nullopt;
-  std::sort(nomi.begin(), nomi.end());
-  return nomi;
-}
-
-}  // namespace
-
 // The paths of an index come folder by folder, so the previous path's folder is tried before
 // the map of folders.
 std::vector<bool> mancanti_per_posizione(const std::vector<std::string>& percorsi) {
@@ -99,7 +72,7 @@ std::vector<bool> mancanti_per_posizione(const std::vector<std::string>& percors
 
   std::vector<bool> manca(percorsi.size(), false);
   for (const auto& [cartella, indici] : gruppi) {
-    auto elenco = _con_timeout([c = cartella] { return nomi_in(c); }, 5);
+    auto elenco = _con_timeout([c = cartella] { return nomi_ordinati(c); }, 5);
     // A folder that cannot be read, or answers too slowly, says nothing about its files.
     if (!elenco.ok() || !elenco.valore()) continue;
     const std::vector<std::string>& nomi = *elenco.valore();
@@ -221,12 +194,11 @@ Sguardo guarda(const NomiIndicizzati& g, const std::optional<MancantiCartella>& 
   if (prima && prima->firma_cartella == firma && prima->firma_righe == g.firma)
     return {true, prima->mancanti, prima};
   // Its times are read before its names: a change in between makes the next count look again.
-  std::optional<std::vector<std::string>> elenco = nomi_in(g.cartella);
+  std::optional<std::vector<std::string>> elenco = nomi_ordinati(g.cartella);
   if (!elenco) return {};
   Sguardo s{true, 0, std::nullopt};
   for (std::size_t i = 0; i < g.fine.size(); ++i)
-    if (!std::binary_search(elenco->begin(), elenco->end(), g.nome(i), std::less<>()))
-      ++s.mancanti;
+    if (!std::binary_search(elenco->begin(), elenco->end(), g.nome(i), std::less<>())) ++s.mancanti;
   const double cambiata = std::max(in_secondi(st.st_mtim), in_secondi(st.st_ctim));
   if (_ora() - cambiata >= margine) s.da_ricordare = MancantiCartella{firma, g.firma, s.mancanti};
   return s;

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "archive/nomi_cartelle.h"
 #include "core/db.h"
 #include "storage/con_timeout.h"
 
@@ -46,20 +47,6 @@ bool annota(const std::string& cartella, double ora, FirmeCartelle& firme) {
   if (::stat(cartella.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)) return false;
   firme[cartella] = firma(st, ora);
   return true;
-}
-
-// The names in `cartella`, sorted: none when it does not exist, absent when it cannot be read.
-std::optional<std::vector<std::string>> nomi_in(const std::string& cartella) {
-  DIR* d = ::opendir(cartella.c_str());
-  if (!d) {
-    if (errno == ENOENT) return std::vector<std::string>{};
-    return std::nullopt;
-  }
-  std::vector<std::string> nomi;
-  while (dirent* e = ::readdir(d)) nomi.emplace_back(e->d_name);
-  ::closedir(d);
-  std::sort(nomi.begin(), nomi.end());
-  return nomi;
 }
 
 }  // namespace
@@ -106,7 +93,7 @@ bool righe_senza_file_in(const std::vector<std::string>& cartelle) {
                });
     }
     if (righe.empty()) continue;
-    auto elenco = _con_timeout([cartella] { return nomi_in(cartella); }, 5);
+    auto elenco = _con_timeout([cartella] { return nomi_ordinati(cartella); }, 5);
     if (!elenco.ok() || !elenco.valore()) continue;  // nothing concluded about its files
     const std::vector<std::string>& nomi = *elenco.valore();
     for (const std::string& n : righe)

@@ -1,6 +1,5 @@
 #include "archive/indice.h"
 
-#include <dirent.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,10 +9,11 @@
 #include <mutex>
 #include <set>
 
+#include "archive/nomi_cartelle.h"
+#include "archive/posizione.h"
 #include "core/db.h"
 #include "core/percorsi.h"
 #include "core/stato.h"
-#include "archive/posizione.h"
 
 namespace nvr {
 
@@ -45,15 +45,9 @@ bool e_cartella(const std::string& p) {
 
 // The names in folder `d`, sorted; absent when it cannot be listed.
 std::optional<std::vector<std::string>> elenco(const std::string& d) {
-  DIR* dir = ::opendir(d.c_str());
-  if (!dir) return std::nullopt;
-  std::vector<std::string> nomi;
-  while (dirent* e = ::readdir(dir)) {
-    std::string n = e->d_name;
-    if (n != "." && n != "..") nomi.push_back(std::move(n));
-  }
-  ::closedir(dir);
-  std::sort(nomi.begin(), nomi.end());
+  bool assente = false;
+  std::optional<std::vector<std::string>> nomi = nomi_ordinati(d, &assente);
+  if (assente) return std::nullopt;
   return nomi;
 }
 
@@ -162,7 +156,7 @@ void dimentica_precedente(CamId id, const std::string& cartella) {
 struct Lavoro {
   CamId id = 0;
   const RegistratoriInCorso* registratori = nullptr;
-  std::string cart_cam;  // where finished segments go
+  std::string cart_cam;        // where finished segments go
   std::set<std::string> noti;  // the camera's indexed paths in the folder being handled
   bool profondo = false;
   double ora = 0.0;

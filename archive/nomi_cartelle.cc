@@ -1,5 +1,10 @@
 #include "archive/nomi_cartelle.h"
 
+#include <dirent.h>
+
+#include <algorithm>
+#include <cerrno>
+
 namespace nvr {
 
 std::pair<std::string_view, std::string_view> cartella_e_nome(std::string_view p) {
@@ -21,6 +26,28 @@ std::uint64_t impronta(std::string_view s) {
   h *= 0xff51afd7ed558ccdULL;
   h ^= h >> 33;
   return h;
+}
+
+std::optional<std::vector<std::string>> nomi_ordinati(const std::string& cartella, bool* assente) {
+  if (assente) *assente = false;
+  DIR* d = ::opendir(cartella.c_str());
+  if (!d) {
+    if (errno != ENOENT) return std::nullopt;
+    if (assente) *assente = true;
+    return std::vector<std::string>{};
+  }
+  std::vector<std::string> nomi;
+  errno = 0;
+  while (dirent* e = ::readdir(d)) {
+    std::string_view n = e->d_name;
+    if (n != "." && n != "..") nomi.emplace_back(n);
+    errno = 0;
+  }
+  const bool letta = errno == 0;
+  ::closedir(d);
+  if (!letta) return std::nullopt;
+  std::sort(nomi.begin(), nomi.end());
+  return nomi;
 }
 
 }  // namespace nvr

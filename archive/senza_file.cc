@@ -1,6 +1,5 @@
 #include "archive/senza_file.h"
 
-#include <dirent.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -62,20 +61,11 @@ Sguardo guarda(const std::string& cartella, const std::optional<Visto>& prima,
     return s;
   }
   // Its times are read before its names: a change in between makes the next look list again.
-  DIR* d = ::opendir(cartella.c_str());
-  if (!d) {
-    if (errno == ENOENT) s.esito = Sguardo::kAssente;
-    return s;
-  }
-  errno = 0;
-  while (dirent* e = ::readdir(d)) {
-    s.nomi.emplace_back(e->d_name);
-    errno = 0;
-  }
-  const bool letta = errno == 0;
-  ::closedir(d);
-  if (!letta) return s;
-  std::sort(s.nomi.begin(), s.nomi.end());
+  bool assente = false;
+  std::optional<std::vector<std::string>> nomi = nomi_ordinati(cartella, &assente);
+  if (assente) s.esito = Sguardo::kAssente;
+  if (!nomi || assente) return s;
+  s.nomi = std::move(*nomi);
   s.esito = Sguardo::kElencata;
   return s;
 }
