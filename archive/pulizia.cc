@@ -95,6 +95,20 @@ void scrivi(const std::vector<std::int64_t>& da_togliere, double limite) {
   c.commit();
 }
 
+// The space phase: the oldest candidates go, one at a time, until the free space is back above
+// the floor (or the brake gives up); their ids join `da_togliere`.
+void libera_spazio(FrenoSpazio& freno, const std::vector<SegmentoIndice>& segmenti,
+                   const std::vector<Verdetto>& verdetti, const std::string& radice,
+                   const RisolviPercorso& reale, const std::string& cartella,
+                   std::vector<std::int64_t>& da_togliere) {
+  for (std::size_t i : candidati_per_spazio(segmenti, verdetti, radice, reale)) {
+    if (!freno.altra()) break;
+    togli(segmenti[i], cartella);
+    da_togliere.push_back(segmenti[i].id);
+    freno.misurato(misura(cartella));
+  }
+}
+
 // The same run as below from every row at once, for an index whose per-folder counts are not
 // built yet.
 void pulizia_da_tutte(const Config& cfg, double limite, const std::string& radice,
@@ -119,14 +133,7 @@ void pulizia_da_tutte(const Config& cfg, double limite, const std::string& radic
   }
 
   FrenoSpazio freno(cfg.spazio_min_gb, misura(cartella));
-  if (freno.altra()) {
-    for (std::size_t i : candidati_per_spazio(segmenti, verdetti, radice, reale)) {
-      if (!freno.altra()) break;
-      togli(segmenti[i], cartella);
-      da_togliere.push_back(segmenti[i].id);
-      freno.misurato(misura(cartella));
-    }
-  }
+  if (freno.altra()) libera_spazio(freno, segmenti, verdetti, radice, reale, cartella, da_togliere);
   scrivi(da_togliere, limite);
 }
 
@@ -176,12 +183,7 @@ void _pulizia_prima_di(const Config& cfg, double limite) {
     for (std::size_t i = 0; i < segmenti.size(); ++i)
       if (std::binary_search(tolte.begin(), tolte.end(), segmenti[i].id))
         verdetti[i] = Verdetto::kSoloRiga;
-    for (std::size_t i : candidati_per_spazio(segmenti, verdetti, radice, reale)) {
-      if (!freno.altra()) break;
-      togli(segmenti[i], cartella);
-      da_togliere.push_back(segmenti[i].id);
-      freno.misurato(misura(cartella));
-    }
+    libera_spazio(freno, segmenti, verdetti, radice, reale, cartella, da_togliere);
   }
   scrivi(da_togliere, limite);
   ripiega_sommari(_fuso());

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "archive/indice.h"
+#include "bench/misure.h"
 #include "bench/tabella.h"
 #include "core/db.h"
 #include "core/tempo.h"
@@ -24,14 +25,11 @@
 namespace fs = std::filesystem;
 using nvr::testing::CartellaTemporanea;
 using nvr::testing::HostDiProva;
+using nvr::bench::secondi_da;
 
 namespace {
 
 constexpr int kCamere = 10;
-
-double secondi_da(std::chrono::steady_clock::time_point t0) {
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
-}
 
 std::string nome_in_corso(std::time_t t) {
   char buf[32];

@@ -20,6 +20,7 @@
 
 #include "autonomo/programma_di_prova.h"
 #include "bench/camera_in_loop.h"
+#include "bench/misure.h"
 #include "bench/tabella.h"
 #include "bench/uso_processi.h"
 #include "core/db.h"
@@ -35,6 +36,7 @@ using nvr::autonomo::prova::attendi;
 using nvr::autonomo::prova::Programma;
 using nvr::bench::kNessuna;
 using nvr::bench::riga;
+using nvr::bench::secondi_da;
 using nvr::testing::CameraRtsp;
 using nvr::testing::CartellaTemporanea;
 using Orologio = std::chrono::steady_clock;
@@ -44,10 +46,6 @@ namespace {
 constexpr int kClientiPerCamera = 16;  // one looped-file camera serves this many recorders
 constexpr double kFps = 30;
 constexpr double kGopSecondi = 2;
-
-double secondi_da(Orologio::time_point t0) {
-  return std::chrono::duration<double>(Orologio::now() - t0).count();
-}
 
 void dormi(double secondi) { std::this_thread::sleep_for(std::chrono::duration<double>(secondi)); }
 

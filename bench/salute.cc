@@ -19,6 +19,7 @@
 
 #include "autonomo/programma_di_prova.h"
 #include "bench/camera_in_loop.h"
+#include "bench/misure.h"
 #include "bench/tabella.h"
 #include "bench/uso_processi.h"
 #include "core/processo.h"
@@ -29,6 +30,7 @@ using nvr::autonomo::prova::attendi;
 using nvr::autonomo::prova::Programma;
 using nvr::bench::kNessuna;
 using nvr::bench::riga;
+using nvr::bench::secondi_da;
 using nvr::testing::CameraRtsp;
 using nvr::testing::CartellaTemporanea;
 using Orologio = std::chrono::steady_clock;
@@ -38,10 +40,6 @@ namespace {
 constexpr int kTelecamere = 32;
 constexpr int kClientiPerCamera = 16;
 constexpr double kScrape = 15;  // Prometheus's usual interval
-
-double secondi_da(Orologio::time_point t0) {
-  return std::chrono::duration<double>(Orologio::now() - t0).count();
-}
 
 // Scrapes /metrics with the token every kScrape seconds until dropped; keeps the durations.
 class Raschiatore {
