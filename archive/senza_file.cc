@@ -114,19 +114,24 @@ std::optional<SenzaFile> senza_file_per_cartelle(Servono cosa, double margine) {
   };
   // The next folder is listed while the rows of this one are read from the index: the disk and
   // the database each wait for the other otherwise. Each look keeps its own time limit, so
-  // waiting for its answer is bounded.
+  // waiting for its answer is bounded. A count (the overview's, at every poll) mostly finds
+  // folders as they were, with no rows to read: there a thread more per folder costs more than
+  // it overlaps, and each folder is looked at in turn.
   auto guarda_presto = [&](const CartellaIndicizzata& g) -> std::future<Esito<Sguardo>> {
     auto corpo = [cartella = g.cartella, prima = prima_di(g.cartella), f = g.firma, cosa] {
       return _con_timeout([cartella, prima, f, cosa] { return guarda(cartella, prima, f, cosa); },
                           5);
     };
-    try {
-      return std::async(std::launch::async, corpo);
-    } catch (const std::system_error&) {
-      std::promise<Esito<Sguardo>> subito;  // no thread to spare: look now, on this one
-      subito.set_value(corpo());
-      return subito.get_future();
+    if (cosa == Servono::kId) {
+      try {
+        return std::async(std::launch::async, corpo);
+      } catch (const std::system_error&) {
+        // no thread to spare: look now, on this one
+      }
     }
+    std::promise<Esito<Sguardo>> subito;
+    subito.set_value(corpo());
+    return subito.get_future();
   };
   Connessione c = _db();
   std::future<Esito<Sguardo>> prossimo;
