@@ -83,19 +83,25 @@ GiornataCamera giornata_camera(CamId cam, double inizio, double fine) {
   Connessione c = _db();
   const std::int64_t id = cam;
   // "fine > day start" alone gives the index no lower end, so every earlier segment of the
-  // camera would be read. No segment lasts longer than the camera's longest one, so none
-  // starting before the day minus that length can reach into the day (one second spare for
-  // rounding of the stored times). No length at all: no row has both times, none can overlap.
-  const Valore lunga =
-      c.righe("SELECT MAX(fine - inizio) FROM nvr_registrazioni WHERE cam_id=?", {id}).at(0).at(0);
-  if (!nullo(lunga))
-    c.scorri(
-        "SELECT id, inizio, fine, dimensione, motivo, file FROM nvr_registrazioni WHERE "
-        "cam_id=? AND inizio >= ? AND inizio < ? AND fine > ? ORDER BY inizio",
-        {id, inizio - std::max(0.0, come_reale(lunga)) - 1, fine, inizio}, [&](const Riga& r) {
-          g.segmenti.push_back({come_intero(r[0]), come_reale(r[1]), come_reale(r[2]),
-                                come_intero(r[3]), come_testo(r[4]), come_testo(r[5])});
-        });
+  // camera would be read. No segment lasts longer than the bound the totals keep on the
+  // camera's lengths, so none starting before the day minus that bound can reach into the day
+  // (one second spare for rounding of the stored times). No bound: no row has both times, none
+  // can overlap. An end stored as text sorts after every number and escapes the bound: while
+  // the camera has one, the range has no lower end.
+  auto totali =
+      c.righe("SELECT durata_max, fine_non_numeriche FROM nvr_reg_totali WHERE cam_id=?", {id});
+  const auto leggi = [&](const Riga& r) {
+    g.segmenti.push_back({come_intero(r[0]), come_reale(r[1]), come_reale(r[2]), come_intero(r[3]),
+                          come_testo(r[4]), come_testo(r[5])});
+  };
+  const char* colonne = "SELECT id, inizio, fine, dimensione, motivo, file FROM nvr_registrazioni ";
+  if (!totali.empty() && come_intero(totali[0][1]) != 0)
+    c.scorri(std::string(colonne) + "WHERE cam_id=? AND inizio < ? AND fine > ? ORDER BY inizio",
+             {id, fine, inizio}, leggi);
+  else if (!totali.empty() && !nullo(totali[0][0]))
+    c.scorri(std::string(colonne) +
+                 "WHERE cam_id=? AND inizio >= ? AND inizio < ? AND fine > ? ORDER BY inizio",
+             {id, inizio - std::max(0.0, come_reale(totali[0][0])) - 1, fine, inizio}, leggi);
   c.scorri(
       "SELECT ts, entity_id, stato FROM nvr_eventi WHERE cam_id=? AND ts >= ? AND ts < ? "
       "ORDER BY ts",

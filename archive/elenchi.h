@@ -41,7 +41,8 @@ struct GiornataCamera {
 
 // Camera `cam`'s segments that overlap [inizio, fine) (start before `fine`, end after `inizio`)
 // and its events in it. Reads only the rows that can reach into the interval: no segment is
-// longer than the camera's longest one.
+// longer than the bound the totals keep on the camera's lengths (all rows that start before
+// `fine` while the camera has an end stored as text).
 GiornataCamera giornata_camera(CamId cam, double inizio, double fine);
 
 // The file of index row `id` ("" when the row holds none); absent when there is no such row.

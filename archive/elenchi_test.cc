@@ -100,6 +100,13 @@ TEST_F(ElenchiTest, DayListingFindsEveryOverlapWhateverTheLength) {
   attesi.erase(std::find(attesi.begin(), attesi.end(), g - 3 * 86400));
   EXPECT_EQ(inizi(), attesi);
   EXPECT_TRUE(giornata_camera(7, g, fine_g).segmenti.empty());  // a camera without rows
+
+  // An end stored as text compares above every number: "fine > day start" holds for it, however
+  // early it started.
+  h.sql("INSERT INTO nvr_registrazioni (cam_id, inizio, fine, file) VALUES (1, " +
+        Json(g - 10 * 86400).dump() + ", 'mai', 'testo')");
+  attesi.insert(attesi.begin(), g - 10 * 86400);
+  EXPECT_EQ(inizi(), attesi);
 }
 
 }  // namespace

@@ -32,7 +32,7 @@ struct RiepilogoArchivio {
   std::map<CamId, RiepilogoCamera> camere;  // only cameras that have rows (no cam_id reads 0)
 };
 
-// Reads every row once, in (cam_id, inizio) order; days in zone `z`.
+// Reads every row once, in the table's own order; days in zone `z`.
 RiepilogoArchivio riepilogo_archivio(Zona z);
 
 struct TotaliCamera {
@@ -41,8 +41,9 @@ struct TotaliCamera {
   std::optional<double> ultima_fine;  // absent without rows
 };
 
-// For each of `cams`: count and size from the totals kept in step with the index, the newest
-// end from the (cam_id, fine) index; neither reads the camera's rows.
+// For each of `cams`: count and size from the totals kept in step with the index; the newest
+// end from the rows started within the camera's longest length of its newest start (a plain
+// read of all its rows only for odd rows: ends stored as text, ends before their start).
 std::map<CamId, TotaliCamera> totali_camere(const std::vector<CamId>& cams);
 
 // Rows of the index with an integer camera id (all the recorder writes), from the totals kept
@@ -54,8 +55,8 @@ struct RecentiCamera {
   std::optional<double> primo_inizio;  // the oldest of those starts; absent without any
 };
 
-// For each of `cams`: its segments started at or after `da`, read from the (cam_id, inizio,
-// fine, dimensione) index alone, so the cost grows with the rows since `da`, not the table.
+// For each of `cams`: its segments started at or after `da`, a range of the (cam_id, inizio)
+// index, so the cost grows with the rows since `da`, not the table.
 std::map<CamId, RecentiCamera> recenti_camere(const std::vector<CamId>& cams, double da);
 
 }  // namespace nvr

@@ -4,9 +4,11 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <future>
 #include <map>
 #include <string>
 #include <string_view>
+#include <system_error>
 
 #include "archive/nomi_cartelle.h"
 #include "archive/sommari.h"
@@ -106,13 +108,39 @@ std::optional<SenzaFile> senza_file_per_cartelle(Servono cosa, double margine) {
   const std::map<std::string, Visto> ricordo = _visto.get();
   std::map<std::string, Visto> nuovo;
   SenzaFile fuori;
+  auto prima_di = [&ricordo](const std::string& cartella) -> std::optional<Visto> {
+    if (auto it = ricordo.find(cartella); it != ricordo.end()) return it->second;
+    return std::nullopt;
+  };
+  // The next folder is listed while the rows of this one are read from the index: the disk and
+  // the database each wait for the other otherwise. Each look keeps its own time limit, so
+  // waiting for its answer is bounded. A count (the overview's, at every poll) mostly finds
+  // folders as they were, with no rows to read: there a thread more per folder costs more than
+  // it overlaps, and each folder is looked at in turn.
+  auto guarda_presto = [&](const CartellaIndicizzata& g) -> std::future<Esito<Sguardo>> {
+    auto corpo = [cartella = g.cartella, prima = prima_di(g.cartella), f = g.firma, cosa] {
+      return _con_timeout([cartella, prima, f, cosa] { return guarda(cartella, prima, f, cosa); },
+                          5);
+    };
+    if (cosa == Servono::kId) {
+      try {
+        return std::async(std::launch::async, corpo);
+      } catch (const std::system_error&) {
+        // no thread to spare: look now, on this one
+      }
+    }
+    std::promise<Esito<Sguardo>> subito;
+    subito.set_value(corpo());
+    return subito.get_future();
+  };
   Connessione c = _db();
-  for (const CartellaIndicizzata& g : *cartelle) {
-    std::optional<Visto> prima;
-    if (auto it = ricordo.find(g.cartella); it != ricordo.end()) prima = it->second;
-    auto sguardo = _con_timeout([cartella = g.cartella, prima, f = g.firma,
-                                 cosa] { return guarda(cartella, prima, f, cosa); },
-                                5);
+  std::future<Esito<Sguardo>> prossimo;
+  if (!cartelle->empty()) prossimo = guarda_presto(cartelle->front());
+  for (std::size_t i = 0; i < cartelle->size(); ++i) {
+    const CartellaIndicizzata& g = (*cartelle)[i];
+    const std::optional<Visto> prima = prima_di(g.cartella);
+    Esito<Sguardo> sguardo = prossimo.get();
+    if (i + 1 < cartelle->size()) prossimo = guarda_presto((*cartelle)[i + 1]);
     if (!sguardo.ok()) continue;  // too slow: nothing is concluded about its files
     const Sguardo& s = sguardo.valore();
     if (s.esito == Sguardo::kIlleggibile) continue;

@@ -93,9 +93,9 @@ void su_modifica(void* cls, int operazione, const char*, const char* tabella, sq
 std::uint64_t versione_registrazioni() { return versione_indice.load(); }
 
 Connessione::Connessione(const std::string& file) {
-  int r = sqlite3_open_v2(file.c_str(), &db_,
-                          SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
-                          nullptr);
+  int r =
+      sqlite3_open_v2(file.c_str(), &db_,
+                      SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX, nullptr);
   if (r != SQLITE_OK) {
     std::string msg = db_ ? sqlite3_errmsg(db_) : sqlite3_errstr(r);
     sqlite3_close(db_);
@@ -119,8 +119,7 @@ void Connessione::fallisci(const std::string& dove) {
 
 sqlite3_stmt* Connessione::prepara(std::string_view sql, const std::vector<Valore>& parametri) {
   sqlite3_stmt* st = nullptr;
-  if (sqlite3_prepare_v2(db_, sql.data(), static_cast<int>(sql.size()), &st, nullptr) !=
-      SQLITE_OK)
+  if (sqlite3_prepare_v2(db_, sql.data(), static_cast<int>(sql.size()), &st, nullptr) != SQLITE_OK)
     fallisci(std::string(sql));
   try {
     lega(st, sql, parametri);
@@ -222,41 +221,88 @@ namespace {
 // would read them all at every poll. The totals live in their own table, kept in step by
 // triggers, so that every writer (the index, reconciliation, retention, deletion, and the host
 // itself) keeps them exact without knowing of them. Only integer camera ids are counted: they
-// are the only ones the status query can match. The newest end comes from an index instead, as
-// a deletion cannot lower a maximum kept in step.
+// are the only ones a query by camera id can match.
+// Beside them, two facts that let the day listing and the newest end be found from the
+// (cam_id, inizio) index alone, without an index of their own (every extra index makes each
+// scattered deletion touch all of its pages):
+//  - durata_max: no row of the camera has a larger fine - inizio; raised on insert and update,
+//    never lowered (an upper bound is all the readers need); NULL while no row has one.
+//  - fine_non_numeriche: rows whose fine is text or a blob, which sort after every number and
+//    so escape that bound; kept exact, readers fall back to a plain scan while it is not zero.
+constexpr const char* kDurata = "(NEW.fine - NEW.inizio)";
+
+std::string alza_durata() {
+  return std::string("durata_max = CASE WHEN ") + kDurata + " IS NULL OR durata_max >= " + kDurata +
+         " THEN durata_max ELSE " + kDurata + " END";
+}
+
+constexpr const char* kFineNuova = "(typeof(NEW.fine) IN ('text', 'blob'))";
+constexpr const char* kFineVecchia = "(typeof(OLD.fine) IN ('text', 'blob'))";
+
+bool ha_colonna(Connessione& c, const char* tabella, const char* colonna) {
+  return !c.righe("SELECT 1 FROM pragma_table_info(?) WHERE name=?",
+                  {std::string(tabella), std::string(colonna)})
+              .empty();
+}
+
+bool ha_indice(Connessione& c, const char* nome) {
+  return !c.righe("SELECT 1 FROM sqlite_master WHERE type='index' AND name=?", {std::string(nome)})
+              .empty();
+}
+
 void crea_totali(Connessione& c) {
   const bool nuova =
       c.righe("SELECT 1 FROM sqlite_master WHERE type='table' AND name='nvr_reg_totali'").empty();
   c.esegui(
       "CREATE TABLE IF NOT EXISTS nvr_reg_totali (cam_id INTEGER PRIMARY KEY, n INTEGER NOT NULL, "
-      "byte INTEGER NOT NULL)");
-  c.esegui(
-      "CREATE TRIGGER IF NOT EXISTS nvr_reg_totali_ins AFTER INSERT ON nvr_registrazioni "
-      "WHEN typeof(NEW.cam_id) = 'integer' BEGIN "
-      "INSERT OR IGNORE INTO nvr_reg_totali (cam_id, n, byte) VALUES (NEW.cam_id, 0, 0); "
-      "UPDATE nvr_reg_totali SET n = n + 1, byte = byte + COALESCE(NEW.dimensione, 0) "
-      "WHERE cam_id = NEW.cam_id; END");
-  c.esegui(
-      "CREATE TRIGGER IF NOT EXISTS nvr_reg_totali_del AFTER DELETE ON nvr_registrazioni "
-      "WHEN typeof(OLD.cam_id) = 'integer' BEGIN "
-      "UPDATE nvr_reg_totali SET n = n - 1, byte = byte - COALESCE(OLD.dimensione, 0) "
-      "WHERE cam_id = OLD.cam_id; END");
-  c.esegui(
-      "CREATE TRIGGER IF NOT EXISTS nvr_reg_totali_upd AFTER UPDATE OF cam_id, dimensione ON "
-      "nvr_registrazioni BEGIN "
-      "UPDATE nvr_reg_totali SET n = n - 1, byte = byte - COALESCE(OLD.dimensione, 0) "
-      "WHERE cam_id = OLD.cam_id AND typeof(OLD.cam_id) = 'integer'; "
-      "INSERT OR IGNORE INTO nvr_reg_totali (cam_id, n, byte) SELECT NEW.cam_id, 0, 0 "
-      "WHERE typeof(NEW.cam_id) = 'integer'; "
-      "UPDATE nvr_reg_totali SET n = n + 1, byte = byte + COALESCE(NEW.dimensione, 0) "
-      "WHERE cam_id = NEW.cam_id AND typeof(NEW.cam_id) = 'integer'; END");
+      "byte INTEGER NOT NULL, durata_max REAL, fine_non_numeriche INTEGER NOT NULL DEFAULT 0)");
+  if (!nuova && !ha_colonna(c, "nvr_reg_totali", "durata_max")) {
+    // Totals from before the bound: the columns are added and filled once, the triggers that
+    // did not know of them are replaced below. While the old (cam_id, fine - inizio) and
+    // (cam_id, fine) indexes still exist each camera costs one seek; else one scan.
+    c.esegui("ALTER TABLE nvr_reg_totali ADD COLUMN durata_max REAL");
+    c.esegui("ALTER TABLE nvr_reg_totali ADD COLUMN fine_non_numeriche INTEGER NOT NULL DEFAULT 0");
+    for (const char* t : {"nvr_reg_totali_ins", "nvr_reg_totali_del", "nvr_reg_totali_upd"})
+      c.esegui(std::string("DROP TRIGGER IF EXISTS ") + t);
+    c.esegui(
+        "UPDATE nvr_reg_totali SET durata_max = (SELECT MAX(fine - inizio) FROM "
+        "nvr_registrazioni r WHERE r.cam_id = nvr_reg_totali.cam_id)");
+    c.esegui(
+        std::string("UPDATE nvr_reg_totali SET fine_non_numeriche = (SELECT COUNT(*) FROM "
+                    "nvr_registrazioni r WHERE r.cam_id = nvr_reg_totali.cam_id AND ") +
+        (ha_indice(c, "nvr_reg_cam_fine") ? "r.fine >= ''" : "typeof(r.fine) IN ('text', 'blob')") +
+        ")");
+  }
+  c.esegui(std::string("CREATE TRIGGER IF NOT EXISTS nvr_reg_totali_ins AFTER INSERT ON "
+                       "nvr_registrazioni WHEN typeof(NEW.cam_id) = 'integer' BEGIN "
+                       "INSERT OR IGNORE INTO nvr_reg_totali (cam_id, n, byte) VALUES (NEW.cam_id, "
+                       "0, 0); UPDATE nvr_reg_totali SET n = n + 1, byte = byte + "
+                       "COALESCE(NEW.dimensione, 0), ") +
+           alza_durata() + ", fine_non_numeriche = fine_non_numeriche + " + kFineNuova +
+           " WHERE cam_id = NEW.cam_id; END");
+  c.esegui(std::string("CREATE TRIGGER IF NOT EXISTS nvr_reg_totali_del AFTER DELETE ON "
+                       "nvr_registrazioni WHEN typeof(OLD.cam_id) = 'integer' BEGIN "
+                       "UPDATE nvr_reg_totali SET n = n - 1, byte = byte - "
+                       "COALESCE(OLD.dimensione, 0), fine_non_numeriche = fine_non_numeriche - ") +
+           kFineVecchia + " WHERE cam_id = OLD.cam_id; END");
+  c.esegui(std::string("CREATE TRIGGER IF NOT EXISTS nvr_reg_totali_upd AFTER UPDATE OF cam_id, "
+                       "dimensione, inizio, fine ON nvr_registrazioni BEGIN "
+                       "UPDATE nvr_reg_totali SET n = n - 1, byte = byte - "
+                       "COALESCE(OLD.dimensione, 0), fine_non_numeriche = fine_non_numeriche - ") +
+           kFineVecchia +
+           " WHERE cam_id = OLD.cam_id AND typeof(OLD.cam_id) = 'integer'; "
+           "INSERT OR IGNORE INTO nvr_reg_totali (cam_id, n, byte) SELECT NEW.cam_id, 0, 0 "
+           "WHERE typeof(NEW.cam_id) = 'integer'; "
+           "UPDATE nvr_reg_totali SET n = n + 1, byte = byte + COALESCE(NEW.dimensione, 0), " +
+           alza_durata() + ", fine_non_numeriche = fine_non_numeriche + " + kFineNuova +
+           " WHERE cam_id = NEW.cam_id AND typeof(NEW.cam_id) = 'integer'; END");
   // Rows indexed before the totals existed are counted once, in the same transaction.
   if (nuova)
     c.esegui(
-        "INSERT INTO nvr_reg_totali (cam_id, n, byte) SELECT cam_id, COUNT(*), "
-        "COALESCE(SUM(dimensione), 0) FROM nvr_registrazioni WHERE typeof(cam_id) = 'integer' "
-        "GROUP BY cam_id");
-  c.esegui("CREATE INDEX IF NOT EXISTS nvr_reg_cam_fine ON nvr_registrazioni (cam_id, fine)");
+        "INSERT INTO nvr_reg_totali (cam_id, n, byte, durata_max, fine_non_numeriche) SELECT "
+        "cam_id, COUNT(*), COALESCE(SUM(dimensione), 0), MAX(fine - inizio), "
+        "SUM(typeof(fine) IN ('text', 'blob')) FROM nvr_registrazioni WHERE "
+        "typeof(cam_id) = 'integer' GROUP BY cam_id");
 }
 
 }  // namespace
@@ -290,17 +336,11 @@ void _init_db() {
       "dimensione INTEGER DEFAULT 0, "
       "motivo TEXT DEFAULT '')");
   c.esegui("CREATE INDEX IF NOT EXISTS nvr_reg_cam_inizio ON nvr_registrazioni (cam_id, inizio)");
-  // A camera's longest segment bounds how far before a day a segment overlapping it can start;
-  // this index answers that length without reading the camera's rows.
-  c.esegui(
-      "CREATE INDEX IF NOT EXISTS nvr_reg_cam_durata ON nvr_registrazioni (cam_id, fine - inizio)");
   crea_totali(c);
+  // Older versions kept three more indexes; the totals now answer what they were for.
+  for (const char* i : {"nvr_reg_cam_durata", "nvr_reg_cam_fine", "nvr_reg_cam_inizio_fine"})
+    c.esegui(std::string("DROP INDEX IF EXISTS ") + i);
   crea_schema_sommari(c);
-  // The archive overview reads every row's times and size in camera and time order: from this
-  // index alone, without a lookup into the table per row.
-  c.esegui(
-      "CREATE INDEX IF NOT EXISTS nvr_reg_cam_inizio_fine ON nvr_registrazioni (cam_id, inizio, "
-      "fine, dimensione)");
   c.esegui(
       "CREATE TABLE IF NOT EXISTS nvr_eventi ("
       "id INTEGER PRIMARY KEY AUTOINCREMENT, "

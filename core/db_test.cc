@@ -3,11 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
 #include <thread>
 
 #include "core/stato.h"
-#include "testing/azzera.h"
 #include "testing/ambiente.h"
+#include "testing/azzera.h"
 
 namespace nvr {
 namespace {
@@ -32,8 +33,8 @@ class DbTest : public ::testing::Test {
   std::vector<std::string> colonne(const std::string& tabella) {
     std::vector<std::string> fuori;
     Connessione c = _db();
-    for (const Riga& r : c.righe("SELECT name, type, dflt_value, pk FROM pragma_table_info(?)",
-                                 {tabella}))
+    for (const Riga& r :
+         c.righe("SELECT name, type, dflt_value, pk FROM pragma_table_info(?)", {tabella}))
       fuori.push_back(come_testo(r[0]) + " " + come_testo(r[1]) + " " +
                       (nullo(r[2]) ? "-" : come_testo(r[2])) + " " + come_testo(r[3]));
     return fuori;
@@ -46,9 +47,7 @@ TEST_F(DbTest, FreshDatabaseGetsSchemaAndSeedRow) {
             (std::vector<std::string>{"nvr_camere", "nvr_config", "nvr_eventi", "nvr_reg_cartelle",
                                       "nvr_reg_giorni", "nvr_reg_sommari", "nvr_reg_totali",
                                       "nvr_reg_variazioni", "nvr_registrazioni", "tapo_cameras"}));
-  EXPECT_EQ(nomi("index"),
-            (std::vector<std::string>{"nvr_ev_cam_ts", "nvr_reg_cam_durata", "nvr_reg_cam_fine",
-                                      "nvr_reg_cam_inizio", "nvr_reg_cam_inizio_fine"}));
+  EXPECT_EQ(nomi("index"), (std::vector<std::string>{"nvr_ev_cam_ts", "nvr_reg_cam_inizio"}));
   EXPECT_EQ(nomi("trigger"),
             (std::vector<std::string>{"nvr_reg_totali_del", "nvr_reg_totali_ins",
                                       "nvr_reg_totali_upd", "nvr_reg_variazioni_del",
@@ -64,6 +63,63 @@ TEST_F(DbTest, FreshDatabaseGetsSchemaAndSeedRow) {
                                       "eventi TEXT '[]' 0", "post_roll INTEGER 30 0"}));
   Connessione c = _db();
   EXPECT_EQ(come_intero(c.righe("SELECT COUNT(*) FROM nvr_config WHERE id=1")[0][0]), 1);
+}
+
+// The per-camera bound on lengths and count of ends stored as text, through every kind of
+// write, on a fresh database and on one upgraded from the schema with the three extra indexes.
+void totali_in_ogni_scrittura(HostDiProva& h, bool vecchio,
+                              const std::function<std::vector<std::string>()>& indici) {
+  if (vecchio) {
+    h.sql(
+        "CREATE TABLE nvr_registrazioni (id INTEGER PRIMARY KEY AUTOINCREMENT, cam_id INTEGER, "
+        "inizio REAL, fine REAL, file TEXT UNIQUE, dimensione INTEGER DEFAULT 0, motivo TEXT "
+        "DEFAULT '');"
+        "CREATE INDEX nvr_reg_cam_inizio ON nvr_registrazioni (cam_id, inizio);"
+        "CREATE INDEX nvr_reg_cam_durata ON nvr_registrazioni (cam_id, fine - inizio);"
+        "CREATE INDEX nvr_reg_cam_fine ON nvr_registrazioni (cam_id, fine);"
+        "CREATE INDEX nvr_reg_cam_inizio_fine ON nvr_registrazioni (cam_id, inizio, fine, "
+        "dimensione);"
+        "CREATE TABLE nvr_reg_totali (cam_id INTEGER PRIMARY KEY, n INTEGER NOT NULL, byte "
+        "INTEGER NOT NULL);"
+        "CREATE TRIGGER nvr_reg_totali_ins AFTER INSERT ON nvr_registrazioni WHEN "
+        "typeof(NEW.cam_id) = 'integer' BEGIN "
+        "INSERT OR IGNORE INTO nvr_reg_totali (cam_id, n, byte) VALUES (NEW.cam_id, 0, 0); "
+        "UPDATE nvr_reg_totali SET n = n + 1 WHERE cam_id = NEW.cam_id; END;");
+  } else {
+    _init_db();
+  }
+  h.sql(
+      "INSERT INTO nvr_registrazioni (cam_id, inizio, fine, file) VALUES "
+      "(1, 100, 400, '/a'), (1, 500, 450, '/b'), (1, 600, 'presto', '/c'), (2, NULL, 5, '/d'), "
+      "('x', 0, 99999, '/e')");
+  if (vecchio) _init_db();
+  Connessione c = _db();
+  const auto totali = [&c] {
+    std::string fuori;
+    for (const Riga& r : c.righe("SELECT cam_id, n, durata_max, fine_non_numeriche FROM "
+                                 "nvr_reg_totali ORDER BY cam_id"))
+      fuori += std::to_string(come_intero(r[0])) + ":" + std::to_string(come_intero(r[1])) + ":" +
+               (nullo(r[2]) ? "-" : std::to_string(come_intero(r[2]))) + ":" +
+               std::to_string(come_intero(r[3])) + " ";
+    return fuori;
+  };
+  EXPECT_EQ(totali(), "1:3:300:1 2:1:-:0 ");
+  c.esegui("UPDATE nvr_registrazioni SET fine = 1600 WHERE file = '/c'");
+  EXPECT_EQ(totali(), "1:3:1000:0 2:1:-:0 ");
+  c.esegui("DELETE FROM nvr_registrazioni WHERE file = '/c'");  // the bound is not lowered
+  c.esegui("UPDATE nvr_registrazioni SET inizio = 0, fine = x'00' WHERE file = '/d'");
+  c.esegui("UPDATE nvr_registrazioni SET cam_id = 2 WHERE file = '/a'");
+  EXPECT_EQ(totali(), "1:1:1000:0 2:2:300:1 ");
+  c.commit();
+  EXPECT_EQ(indici(), (std::vector<std::string>{"nvr_ev_cam_ts", "nvr_reg_cam_inizio"}));
+}
+
+TEST_F(DbTest, TotalsKeepLengthBoundAndTextEndsOnNewDatabase) {
+  totali_in_ogni_scrittura(h, false, [this] { return nomi("index"); });
+}
+
+TEST_F(DbTest, OldDatabaseLosesExtraIndexesAndGetsBoundFilled) {
+  totali_in_ogni_scrittura(h, true, [this] { return nomi("index"); });
 }
 
 TEST_F(DbTest, ConstraintsHold) {
@@ -130,8 +186,7 @@ TEST_F(DbTest, WriterWaitsForAnotherWriterToFinish) {
 TEST_F(DbTest, ErrorsAreReportedNotSwallowed) {
   Connessione c = _db();
   EXPECT_THROW(c.righe("SELECT nulla FROM tabella_che_non_esiste"), ErroreDb);
-  EXPECT_THROW(c.esegui("UPDATE tapo_cameras SET name=? WHERE id=?", {std::string("x")}),
-               ErroreDb);
+  EXPECT_THROW(c.esegui("UPDATE tapo_cameras SET name=? WHERE id=?", {std::string("x")}), ErroreDb);
   azzera_stato_per_test();
   EXPECT_THROW(_db(), ErroreDb);  // not attached to a host
 }

@@ -78,6 +78,16 @@ TEST_F(StatoTest, CameraTotalsFollowEveryWriter) {
       "UPDATE nvr_registrazioni SET dimensione = 1 WHERE inizio = 3000",
       "UPDATE nvr_registrazioni SET cam_id = 2 WHERE inizio = 3300",
       "DELETE FROM nvr_registrazioni WHERE inizio = 2000",
+      // The newest end is found near the newest start; odd rows must not change the answer.
+      "INSERT INTO nvr_registrazioni (cam_id, inizio, fine, file) VALUES (1, 5000, 4000, 'n')",
+      "INSERT INTO nvr_registrazioni (cam_id, inizio, fine, file) VALUES (1, 100, 9000, 'l')",
+      "DELETE FROM nvr_registrazioni WHERE file = 'l'",
+      "INSERT INTO nvr_registrazioni (cam_id, inizio, fine, file) VALUES (1, NULL, 7000, 'v')",
+      "INSERT INTO nvr_registrazioni (cam_id, inizio, fine, file) VALUES (1, 6000, NULL, 'f')",
+      "INSERT INTO nvr_registrazioni (cam_id, inizio, fine, file) VALUES (1, -9e9, '9', 'q')",
+      "INSERT INTO nvr_registrazioni (cam_id, inizio, fine, file) VALUES (1, -9e9, 'z', 't')",
+      "INSERT INTO nvr_registrazioni (cam_id, inizio, fine, file) VALUES (1, 'z', 10, 'u')",
+      "DELETE FROM nvr_registrazioni WHERE file IN ('t', 'u', 'v')",
       "DELETE FROM nvr_registrazioni",
   };
   for (const char* sql : passi) {
