@@ -21,6 +21,7 @@
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -512,6 +513,48 @@ double cancella_nudo(const Insieme& ins, const Tolte& t) {
   return t_nudo;
 }
 
+// The plain way, as the statements read: every row's file, one listing per folder, and the rows
+// whose file is not listed deleted by id in one transaction. Answers its time; the rows go back.
+double allinea_nudo(const Insieme& ins) {
+  Tolte t = togli_un_centesimo(ins);
+  sqlite3* s = nullptr;
+  sqlite3_open(ins.db().c_str(), &s);
+  sqlite3_busy_timeout(s, 15000);
+  auto t0 = std::chrono::steady_clock::now();
+  std::map<std::string, std::vector<std::pair<std::int64_t, std::string>>> per_cartella;
+  sqlite3_stmt* st = nullptr;
+  sqlite3_prepare_v2(s, "SELECT id, file FROM nvr_registrazioni", -1, &st, nullptr);
+  while (sqlite3_step(st) == SQLITE_ROW) {
+    fs::path f(reinterpret_cast<const char*>(sqlite3_column_text(st, 1)));
+    per_cartella[f.parent_path().string()].emplace_back(sqlite3_column_int64(st, 0),
+                                                        f.filename().string());
+  }
+  sqlite3_finalize(st);
+  std::vector<std::int64_t> manca;
+  for (const auto& [cartella, righe] : per_cartella) {
+    std::set<std::string> nomi;
+    std::error_code ec;
+    for (const auto& voce : fs::directory_iterator(cartella, ec))
+      nomi.insert(voce.path().filename().string());
+    for (const auto& [id, nome] : righe)
+      if (!nomi.count(nome)) manca.push_back(id);
+  }
+  sql(s, "BEGIN");
+  sqlite3_prepare_v2(s, "DELETE FROM nvr_registrazioni WHERE id=?", -1, &st, nullptr);
+  for (std::int64_t id : manca) {
+    sqlite3_bind_int64(st, 1, id);
+    if (sqlite3_step(st) != SQLITE_DONE) muori(std::string("DELETE: ") + sqlite3_errmsg(s));
+    sqlite3_reset(st);
+  }
+  sqlite3_finalize(st);
+  sql(s, "COMMIT");
+  const double tempo = secondi_da(t0);
+  sqlite3_close(s);
+  if (manca.size() != t.id.size()) muori("il modo semplice non trova le stesse righe");
+  rimetti(ins, t);
+  return tempo;
+}
+
 bool misura_allinea_pulizia(const Insieme& ins, const std::string& prova) {
   Aggancio a(ins.db());
   const nvr::Config cfg = config_di(ins);
@@ -546,13 +589,14 @@ bool misura_allinea_pulizia(const Insieme& ins, const std::string& prova) {
         ins.righe - nvr::come_intero(c.righe("SELECT COUNT(*) FROM nvr_registrazioni")[0][0]));
   });
   const double nudo = cancella_nudo(ins, tolte);
+  const double semplice = allinea_nudo(ins);
   std::ofstream(ins.segno()) << ins.firma() << "\n";
 
   const std::string quante = ", " + std::to_string(tolte.id.size()) + " file mancanti";
   for (const auto& [nome, x] :
        {std::make_pair("_allinea", allinea), std::make_pair("_pulizia", pulizia)}) {
-    nvr::bench::riga(prova, std::string(nome) + quante + " (in processo)", x.totale,
-                     nvr::bench::kNessuna, "s");
+    nvr::bench::riga(prova, std::string(nome) + quante + " (base: modo semplice)", x.totale,
+                     semplice, "s", "<=2");
     nvr::bench::riga(prova, std::string(nome) + ": trovare le righe", x.trovare,
                      nvr::bench::kNessuna, "s");
     nvr::bench::riga(prova, std::string(nome) + ": cancellare (base: DELETE nudo)",
