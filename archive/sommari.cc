@@ -238,6 +238,9 @@ void costruisci_sommari_in_fondo() {
           pronti = zona_dei_sommari(c) == nome_zona(z);
         }
         if (!pronti) costruisci_sommari(z);
+        // Only once the overview no longer needs the old way of answering: the indexes an
+        // older version left take seconds to drop on a large index.
+        togli_indici_superati();
       } catch (const std::exception& e) {
         _log(std::string("riepilogo dell'archivio non preparato: ") + e.what());
       } catch (...) {

@@ -39,8 +39,9 @@ void ripiega_sommari(Zona z);
 // rows, holding a read transaction meanwhile) and one short write. Blocks; throws ErroreDb.
 void costruisci_sommari(Zona z);
 
-// Runs costruisci_sommari(_fuso()) on a thread of its own and returns at once; does nothing
-// while an earlier one still runs. A failure is logged and leaves the sums unbuilt.
+// Runs costruisci_sommari(_fuso()) on a thread of its own and returns at once, then
+// togli_indici_superati() there; does nothing while an earlier one still runs. A failure is
+// logged and leaves the sums unbuilt.
 void costruisci_sommari_in_fondo();
 
 }  // namespace nvr

@@ -305,7 +305,21 @@ void crea_totali(Connessione& c) {
         "typeof(cam_id) = 'integer' GROUP BY cam_id");
 }
 
+constexpr const char* kIndiciSuperati[] = {"nvr_reg_cam_durata", "nvr_reg_cam_fine",
+                                            "nvr_reg_cam_inizio_fine"};
+
 }  // namespace
+
+void togli_indici_superati() {
+  Connessione c = _db();
+  bool tolti = false;
+  for (const char* i : kIndiciSuperati) {
+    if (!ha_indice(c, i)) continue;
+    c.esegui(std::string("DROP INDEX IF EXISTS ") + i);
+    tolti = true;
+  }
+  if (tolti) c.commit();
+}
 
 void _init_db() {
   Connessione c = _db();
@@ -337,9 +351,6 @@ void _init_db() {
       "motivo TEXT DEFAULT '')");
   c.esegui("CREATE INDEX IF NOT EXISTS nvr_reg_cam_inizio ON nvr_registrazioni (cam_id, inizio)");
   crea_totali(c);
-  // Older versions kept three more indexes; the totals now answer what they were for.
-  for (const char* i : {"nvr_reg_cam_durata", "nvr_reg_cam_fine", "nvr_reg_cam_inizio_fine"})
-    c.esegui(std::string("DROP INDEX IF EXISTS ") + i);
   crea_schema_sommari(c);
   c.esegui(
       "CREATE TABLE IF NOT EXISTS nvr_eventi ("

@@ -83,4 +83,10 @@ Connessione _db();
 // table is left exactly as it is. Throws ErroreDb on failure (the connection is closed first).
 void _init_db();
 
+// Drops the indexes older versions kept on nvr_registrazioni beside (cam_id, inizio): the totals
+// answer what they were for, and each one made every scattered deletion write all of its pages.
+// On a large index the drop holds the write lock for seconds, so it is no part of _init_db: the
+// host's start runs it once, in the background. Does nothing when none is left.
+void togli_indici_superati();
+
 }  // namespace nvr
