@@ -490,6 +490,20 @@ bool solo_quelle_tolte(const Insieme& ins, const Tolte& t) {
   return resto == ins.righe - static_cast<std::int64_t>(t.id.size()) && tolte_rimaste == 0;
 }
 
+// The bare statement for each id, in one transaction.
+void cancella_per_id(sqlite3* s, const std::vector<std::int64_t>& ids) {
+  sql(s, "BEGIN");
+  sqlite3_stmt* st = nullptr;
+  sqlite3_prepare_v2(s, "DELETE FROM nvr_registrazioni WHERE id=?", -1, &st, nullptr);
+  for (std::int64_t id : ids) {
+    sqlite3_bind_int64(st, 1, id);
+    if (sqlite3_step(st) != SQLITE_DONE) muori(std::string("DELETE: ") + sqlite3_errmsg(s));
+    sqlite3_reset(st);
+  }
+  sqlite3_finalize(st);
+  sql(s, "COMMIT");
+}
+
 // The floor of a deletion: the bare statement for the same ids, in one transaction, on a raw
 // connection to the same database; the rows go back afterwards.
 double cancella_nudo(const Insieme& ins, const Tolte& t) {
@@ -497,16 +511,7 @@ double cancella_nudo(const Insieme& ins, const Tolte& t) {
   sqlite3_open(ins.db().c_str(), &s);
   sqlite3_busy_timeout(s, 15000);
   auto t0 = std::chrono::steady_clock::now();
-  sql(s, "BEGIN");
-  sqlite3_stmt* st = nullptr;
-  sqlite3_prepare_v2(s, "DELETE FROM nvr_registrazioni WHERE id=?", -1, &st, nullptr);
-  for (std::int64_t id : t.id) {
-    sqlite3_bind_int64(st, 1, id);
-    if (sqlite3_step(st) != SQLITE_DONE) muori(std::string("DELETE: ") + sqlite3_errmsg(s));
-    sqlite3_reset(st);
-  }
-  sqlite3_finalize(st);
-  sql(s, "COMMIT");
+  cancella_per_id(s, t.id);
   const double t_nudo = secondi_da(t0);
   sqlite3_close(s);
   rimetti(ins, t);
@@ -539,15 +544,7 @@ double allinea_nudo(const Insieme& ins) {
     for (const auto& [id, nome] : righe)
       if (!nomi.count(nome)) manca.push_back(id);
   }
-  sql(s, "BEGIN");
-  sqlite3_prepare_v2(s, "DELETE FROM nvr_registrazioni WHERE id=?", -1, &st, nullptr);
-  for (std::int64_t id : manca) {
-    sqlite3_bind_int64(st, 1, id);
-    if (sqlite3_step(st) != SQLITE_DONE) muori(std::string("DELETE: ") + sqlite3_errmsg(s));
-    sqlite3_reset(st);
-  }
-  sqlite3_finalize(st);
-  sql(s, "COMMIT");
+  cancella_per_id(s, manca);
   const double tempo = secondi_da(t0);
   sqlite3_close(s);
   if (manca.size() != t.id.size()) muori("il modo semplice non trova le stesse righe");
