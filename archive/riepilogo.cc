@@ -16,9 +16,9 @@ void Somma::aggiungi(double dimensione, double durata) {
 RiepilogoArchivio riepilogo_archivio(Zona z) {
   RiepilogoArchivio r;
   // One pass in table order: an ordered read would look each row up from the (cam_id, inizio)
-  // index at random. Rows come roughly as they were written, so the day and the camera's entry
-  // are looked up again only when they change; the zone is asked once, as the host may be slow
-  // to answer.
+  // index at random. Rows come as they were written, cameras interleaved, so the camera's entry
+  // and the day are looked up again whenever the camera changes; the zone is asked once, as the
+  // host may be slow to answer.
   GiornoLocale giorno_di(z);
   RiepilogoCamera* attuale = nullptr;
   CamId id_attuale = 0;
