@@ -75,17 +75,39 @@ bool risponde(int porta) {
 struct Risultati {
   double intero_mb_s = 0;      // median of the whole GETs
   double cpu_s_gb = 0;         // server CPU seconds per GB sent by the whole GETs
-  double intervalli_mb_s = 0;  // all random ranges together
   double primo_byte_ms = 0;    // median over the small ranges
   bool giusto = true;
 };
 
+void sbaglia(const Server& s, bool& giusto, const std::string& cosa) {
+  std::fprintf(stderr, "bench_riproduzione: porta %d: %s\n", s.porta, cosa.c_str());
+  giusto = false;
+}
+
+// 100 ranges of 1 MiB at random places from `seme`, as a player seeking; MB/s over all of them.
+double intervalli(const Server& s, const std::string& contenuto, unsigned seme, bool& giusto) {
+  std::mt19937_64 caso(seme);
+  const std::size_t mb = 1 << 20;
+  double tempo = 0;
+  std::size_t byte = 0;
+  for (int i = 0; i < 100; ++i) {
+    const std::size_t da = caso() % (contenuto.size() - mb);
+    const std::string range =
+        "Range: bytes=" + std::to_string(da) + "-" + std::to_string(da + mb - 1) + "\r\n";
+    auto t0 = std::chrono::steady_clock::now();
+    Ricevuta r = chiedi(s.porta, s.percorso, s.intestazioni + range, true);
+    tempo += secondi_da(t0);
+    byte += r.byte;
+    if (r.status != 206 || r.corpo.size() != mb ||
+        std::memcmp(r.corpo.data(), contenuto.data() + da, mb) != 0)
+      sbaglia(s, giusto, "Range " + std::to_string(da) + ": " + std::to_string(r.status));
+  }
+  return static_cast<double>(byte) / 1e6 / tempo;
+}
+
 Risultati misura(const Server& s, const std::string& contenuto, int volte_intero, int volte_ttfb) {
   Risultati ris;
-  auto sbaglia = [&](const std::string& cosa) {
-    std::fprintf(stderr, "bench_riproduzione: porta %d: %s\n", s.porta, cosa.c_str());
-    ris.giusto = false;
-  };
+  auto sbaglia = [&](const std::string& cosa) { ::sbaglia(s, ris.giusto, cosa); };
   chiedi(s.porta, s.percorso, s.intestazioni, false);  // into the page cache, both alike
 
   std::vector<double> velocita;
@@ -102,25 +124,7 @@ Risultati misura(const Server& s, const std::string& contenuto, int volte_intero
   ris.cpu_s_gb = (cpu_con_figli(s.pid) - cpu_prima) /
                  (static_cast<double>(contenuto.size()) * volte_intero / 1e9);
 
-  // The same 100 ranges for both servers: 1 MB each at random places, as a player seeking.
   std::mt19937_64 caso(42);
-  const std::size_t mb = 1 << 20;
-  double tempo = 0;
-  std::size_t byte = 0;
-  for (int i = 0; i < 100; ++i) {
-    const std::size_t da = caso() % (contenuto.size() - mb);
-    const std::string range =
-        "Range: bytes=" + std::to_string(da) + "-" + std::to_string(da + mb - 1) + "\r\n";
-    auto t0 = std::chrono::steady_clock::now();
-    Ricevuta r = chiedi(s.porta, s.percorso, s.intestazioni + range, true);
-    tempo += secondi_da(t0);
-    byte += r.byte;
-    if (r.status != 206 || r.corpo.size() != mb ||
-        std::memcmp(r.corpo.data(), contenuto.data() + da, mb) != 0)
-      sbaglia("Range " + std::to_string(da) + ": " + std::to_string(r.status));
-  }
-  ris.intervalli_mb_s = static_cast<double>(byte) / 1e6 / tempo;
-
   std::vector<double> primi;
   for (int i = 0; i < volte_ttfb; ++i) {
     const std::size_t da = caso() % (contenuto.size() - 100);
@@ -260,17 +264,30 @@ int main(int argc, char** argv) {
                        programma->pid()};
   const Server nginx_srv{porta_nginx, "/Cam1/2026-01-15/10-00-00.mp4", "", nginx.pid()};
 
-  const Risultati n = misura(nvr_srv, contenuto, volte_intero, volte_ttfb);
-  const Risultati b = misura(nginx_srv, contenuto, volte_intero, volte_ttfb);
+  Risultati n = misura(nvr_srv, contenuto, volte_intero, volte_ttfb);
+  Risultati b = misura(nginx_srv, contenuto, volte_intero, volte_ttfb);
+  // One round of ranges takes a few tens of milliseconds, so a single round mostly measures
+  // what else the machine did meanwhile: the rounds alternate between the servers, each round
+  // with the same ranges for both, and the medians are compared.
+  std::vector<double> intervalli_n, intervalli_b;
+  for (unsigned giro = 0; giro < (rapido ? 5u : 15u); ++giro) {
+    const bool prima_nvr = giro % 2 == 0;
+    const Server& primo = prima_nvr ? nvr_srv : nginx_srv;
+    const Server& secondo = prima_nvr ? nginx_srv : nvr_srv;
+    const double a = intervalli(primo, contenuto, giro, prima_nvr ? n.giusto : b.giusto);
+    const double z = intervalli(secondo, contenuto, giro, prima_nvr ? b.giusto : n.giusto);
+    intervalli_n.push_back(prima_nvr ? a : z);
+    intervalli_b.push_back(prima_nvr ? z : a);
+  }
   const Scomposizione parti = scomponi(dati + "/nvr.db", id, volte_ttfb);
 
   const std::string prova = "riproduzione";
   const std::string mb = std::to_string(dimensione / 1000000) + " MB";
   nvr::bench::riga(prova, "GET intero di " + mb + " (mediana)", n.intero_mb_s, b.intero_mb_s,
-                   "MB/s", ">=0.8x");
+                   "MB/s", ">=1.0x");
   nvr::bench::riga(prova, "CPU del server per GB (GET interi)", n.cpu_s_gb, b.cpu_s_gb, "s/GB");
-  nvr::bench::riga(prova, "100 Range casuali da 1 MiB", n.intervalli_mb_s, b.intervalli_mb_s,
-                   "MB/s", ">=0.8x");
+  nvr::bench::riga(prova, "100 Range casuali da 1 MiB (mediana dei giri)",
+                   quantile(intervalli_n, 0.5), quantile(intervalli_b, 0.5), "MB/s", ">=0.8x");
   nvr::bench::riga(prova, "primo byte di un Range (mediana)", n.primo_byte_ms, b.primo_byte_ms,
                    "ms", "<=2x");
   nvr::bench::riga(prova, "  di cui api_video in processo (mediana)", parti.gestore_ms,
