@@ -8,6 +8,13 @@
 
 #include "core/stato.h"
 
+#if defined(__SANITIZE_THREAD__)
+// glibc's mktime and localtime_r hold tzset's lock while they touch the time-zone state. That lock
+// lives inside libc, where ThreadSanitizer cannot see it, so two threads converting local times
+// look like a race on the zone name. Only the thread-checking build has this function.
+extern "C" const char* __tsan_default_suppressions() { return "race:tzset_internal\n"; }
+#endif
+
 namespace nvr {
 
 namespace {
