@@ -1,7 +1,7 @@
 // Playback: one large indexed segment played through the standalone program's video endpoint,
 // against nginx serving the same file on loopback (sendfile on), both measured in this run with
-// the same client: a whole GET, 100 random byte ranges, and the time to the first byte of a
-// small range request.
+// the same client: a whole GET, rounds of 100 random byte ranges taken by the two servers in turn,
+// and the time to the first byte of a small range request.
 //
 //   bench_riproduzione [--quick]      (--quick: a 20 MB segment instead of 150 MB)
 #include <arpa/inet.h>
