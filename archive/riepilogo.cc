@@ -17,8 +17,8 @@ RiepilogoArchivio riepilogo_archivio(Zona z) {
   RiepilogoArchivio r;
   // One pass in table order: an ordered read would look each row up from the (cam_id, inizio)
   // index at random. Rows come as they were written, cameras interleaved, so the camera's entry
-  // and the day are looked up again whenever the camera changes; the zone is asked once, as the
-  // host may be slow to answer.
+  // is looked up again when the camera changes and the day's entry when the camera or the day
+  // does; the zone is asked once, as the host may be slow to answer.
   GiornoLocale giorno_di(z);
   RiepilogoCamera* attuale = nullptr;
   CamId id_attuale = 0;

@@ -73,9 +73,9 @@ bool risponde(int porta) {
 }
 
 struct Risultati {
-  double intero_mb_s = 0;      // median of the whole GETs
-  double cpu_s_gb = 0;         // server CPU seconds per GB sent by the whole GETs
-  double primo_byte_ms = 0;    // median over the small ranges
+  double intero_mb_s = 0;    // median of the whole GETs
+  double cpu_s_gb = 0;       // server CPU seconds per GB sent by the whole GETs
+  double primo_byte_ms = 0;  // median over the small ranges
   bool giusto = true;
 };
 
@@ -107,7 +107,6 @@ double intervalli(const Server& s, const std::string& contenuto, unsigned seme, 
 
 Risultati misura(const Server& s, const std::string& contenuto, int volte_intero, int volte_ttfb) {
   Risultati ris;
-  auto sbaglia = [&](const std::string& cosa) { ::sbaglia(s, ris.giusto, cosa); };
   chiedi(s.porta, s.percorso, s.intestazioni, false);  // into the page cache, both alike
 
   std::vector<double> velocita;
@@ -117,7 +116,8 @@ Risultati misura(const Server& s, const std::string& contenuto, int volte_intero
     Ricevuta r = chiedi(s.porta, s.percorso, s.intestazioni, false);
     const double t = secondi_da(t0);
     if (r.status != 200 || r.byte != contenuto.size())
-      sbaglia("GET intero: " + std::to_string(r.status) + ", " + std::to_string(r.byte) + " byte");
+      sbaglia(s, ris.giusto,
+              "GET intero: " + std::to_string(r.status) + ", " + std::to_string(r.byte) + " byte");
     velocita.push_back(static_cast<double>(r.byte) / 1e6 / t);
   }
   ris.intero_mb_s = quantile(velocita, 0.5);
@@ -132,7 +132,8 @@ Risultati misura(const Server& s, const std::string& contenuto, int volte_intero
                         s.intestazioni + "Range: bytes=" + std::to_string(da) + "-" +
                             std::to_string(da + 99) + "\r\n",
                         false);
-    if (r.status != 206 || r.byte != 100) sbaglia("Range piccolo: " + std::to_string(r.status));
+    if (r.status != 206 || r.byte != 100)
+      sbaglia(s, ris.giusto, "Range piccolo: " + std::to_string(r.status));
     primi.push_back(r.primo_byte_s * 1000);
   }
   ris.primo_byte_ms = quantile(primi, 0.5);
